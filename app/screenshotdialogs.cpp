@@ -1,0 +1,49 @@
+#include "app/screenshotdialogs.h"
+
+#include "app/setconfigfilepathdialog.h"
+
+#include <QSettings>
+
+ScreenshotDialogs ScreenshotDialogs::standard()
+{
+    ScreenshotDialogs table;
+    table.add(QStringLiteral("config-folder"), [](QWidget *parent) -> QWidget * {
+        // A settings object owned by the dialog: it lives as long as the picture.
+        auto *settings = new QSettings;
+        auto *dialog = new SetConfigFilePathDialog(*settings, parent);
+        QObject::connect(dialog, &QObject::destroyed, [settings] { delete settings; });
+        return dialog;
+    });
+    return table;
+}
+
+void ScreenshotDialogs::add(const QString &name, Factory factory)
+{
+    m_entries.append({name, std::move(factory)});
+}
+
+bool ScreenshotDialogs::contains(const QString &name) const
+{
+    for (const Entry &e : m_entries) {
+        if (e.name == name)
+            return true;
+    }
+    return false;
+}
+
+QStringList ScreenshotDialogs::names() const
+{
+    QStringList result;
+    for (const Entry &e : m_entries)
+        result.append(e.name);
+    return result;
+}
+
+QWidget *ScreenshotDialogs::create(const QString &name, QWidget *parent) const
+{
+    for (const Entry &e : m_entries) {
+        if (e.name == name)
+            return e.factory(parent);
+    }
+    return nullptr;
+}

@@ -1,0 +1,9 @@
+#include "terminal/paneoptions.h"
+
+#include <QStandardPaths>
+
+QString PaneOptions::defaultLogFolder()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation)
+        + QStringLiteral("/Tessaline/Log");
+}

@@ -1,0 +1,352 @@
+#include "app/commandline.h"
+#include "app/configfolder.h"
+#include "app/languagechoice.h"
+#include "app/lastusedrecord.h"
+#include "app/windowplacement.h"
+#include "support/settingssandbox.h"
+
+#include <QDir>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTranslator>
+#include <QtTest>
+
+#include <memory>
+
+class StartupTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+
+    void commandLine_data();
+    void commandLine();
+    void dialogSize_data();
+    void dialogSize();
+
+    void windowPosition_data();
+    void windowPosition();
+    void windowGeometryDefaultsAndRoundTrip();
+
+    void languageChoice_data();
+    void languageChoice();
+    void chineseCatalogueTranslates();
+
+    void lastUsedRoundTrip();
+    void networkModeLeavesSerialKeys();
+    void writeOnlyAndReadOnlyKeys();
+    void unreadableValuesKeepDefaults();
+
+    void configFolderProposalAndAccept();
+    void configFolderRefusesAFile();
+
+private:
+    std::unique_ptr<SettingsSandbox> m_sandbox;
+};
+
+void StartupTest::initTestCase()
+{
+    m_sandbox = std::make_unique<SettingsSandbox>();
+}
+
+void StartupTest::init()
+{
+    m_sandbox->clear();
+}
+
+using Mode = CommandLine::ScreenshotMode;
+Q_DECLARE_METATYPE(CommandLine::ScreenshotMode)
+
+void StartupTest::commandLine_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<Mode>("mode");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("dialog");
+    QTest::addColumn<QSize>("size");
+    QTest::addColumn<QString>("port");
+
+    const QString exe = QStringLiteral("tessaline");
+    QTest::newRow("nothing") << QStringList{exe} << Mode::None << QString() << QString() << QSize() << QString();
+    QTest::newRow("port") << QStringList{exe, "COM3"} << Mode::None << QString() << QString() << QSize() << "COM3";
+    QTest::newRow("empty port") << QStringList{exe, ""} << Mode::None << QString() << QString() << QSize() << QString();
+    QTest::newRow("window") << QStringList{exe, "--screenshot", "a.png"} << Mode::Window << "a.png" << QString() << QSize() << QString();
+    QTest::newRow("window switch last, no path") << QStringList{exe, "--screenshot"} << Mode::None << QString() << QString() << QSize() << QString();
+    QTest::newRow("switch is case-sensitive") << QStringList{exe, "--Screenshot", "a.png"} << Mode::None << QString() << QString() << QSize() << QString();
+    QTest::newRow("dialog with size") << QStringList{exe, "--screenshot-dialog", "sign-in", "d.png", "800x600"}
+                                      << Mode::Dialog << "d.png" << "sign-in" << QSize(800, 600) << QString();
+    QTest::newRow("dialog without size") << QStringList{exe, "--screenshot-dialog", "sign-in", "d.png"}
+                                         << Mode::Dialog << "d.png" << "sign-in" << QSize() << QString();
+    QTest::newRow("dialog wins over window") << QStringList{exe, "--screenshot", "w.png", "--screenshot-dialog", "x", "d.png"}
+                                             << Mode::Dialog << "d.png" << "x" << QSize() << QString();
+    QTest::newRow("dialog name only, window present") << QStringList{exe, "--screenshot", "w.png", "--screenshot-dialog", "x"}
+                                                      << Mode::Window << "w.png" << QString() << QSize() << QString();
+    QTest::newRow("dialog name only, alone") << QStringList{exe, "--screenshot-dialog", "x"}
+                                             << Mode::None << QString() << QString() << QSize() << QString();
+}
+
+void StartupTest::commandLine()
+{
+    QFETCH(QStringList, args);
+    const CommandLine cl = CommandLine::parse(args);
+    QTEST(cl.screenshotMode, "mode");
+    QTEST(cl.screenshotPath, "path");
+    QTEST(cl.dialogName, "dialog");
+    QTEST(cl.dialogSize, "size");
+    QTEST(cl.portName, "port");
+}
+
+void StartupTest::dialogSize_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QSize>("size");
+    QTest::newRow("plain") << "800x600" << QSize(800, 600);
+    QTest::newRow("upper-case X is not split") << "800X600" << QSize();
+    QTest::newRow("three parts") << "1x2x3" << QSize();
+    QTest::newRow("no x") << "800" << QSize();
+    QTest::newRow("empty parts kept, read as 0") << "x600" << QSize(0, 600);
+    QTest::newRow("garbage part gives 0") << "abcx600" << QSize(0, 600);
+    QTest::newRow("too large gives 0") << "800x99999999999" << QSize(800, 0);
+}
+
+void StartupTest::dialogSize()
+{
+    QFETCH(QString, text);
+    QTEST(CommandLine::parseDialogSize(text), "size");
+}
+
+void StartupTest::windowPosition_data()
+{
+    QTest::addColumn<QPoint>("position");
+    QTest::addColumn<bool>("restored");
+    const QSize area(1920, 1040);
+    Q_UNUSED(area);
+    QTest::newRow("x at 0") << QPoint(0, 100) << false;
+    QTest::newRow("x at 1") << QPoint(1, 100) << true;
+    QTest::newRow("y at 0") << QPoint(100, 0) << false;
+    QTest::newRow("negative") << QPoint(-5, 100) << false;
+    QTest::newRow("x at width") << QPoint(1920, 100) << false;
+    QTest::newRow("just inside") << QPoint(1919, 1039) << true;
+    QTest::newRow("y at height") << QPoint(100, 1040) << false;
+}
+
+void StartupTest::windowPosition()
+{
+    QFETCH(QPoint, position);
+    QTEST(WindowPlacement::isRestorable(position, QSize(1920, 1040)), "restored");
+}
+
+void StartupTest::windowGeometryDefaultsAndRoundTrip()
+{
+    QSettings settings;
+    QCOMPARE(WindowPlacement::storedSize(settings), QSize(1000, 800));
+    QVERIFY(!WindowPlacement::isRestorable(WindowPlacement::storedPosition(settings), QSize(1920, 1080)));
+    WindowPlacement::store(settings, QSize(1234, 567), QPoint(40, 50));
+    QSettings again;
+    QCOMPARE(WindowPlacement::storedSize(again), QSize(1234, 567));
+    QCOMPARE(WindowPlacement::storedPosition(again), QPoint(40, 50));
+}
+
+void StartupTest::languageChoice_data()
+{
+    QTest::addColumn<int>("value");
+    QTest::addColumn<QString>("locale");
+    QTest::addColumn<bool>("chinese");
+    QTest::newRow("follow, zh_CN") << 0 << "zh_CN" << true;
+    QTest::newRow("follow, zh_TW") << 0 << "zh_TW" << false;
+    QTest::newRow("follow, zh") << 0 << "zh" << false;
+    QTest::newRow("follow, en_US") << 0 << "en_US" << false;
+    QTest::newRow("chinese anywhere") << 1 << "de_DE" << true;
+    QTest::newRow("english on zh_CN") << 2 << "zh_CN" << false;
+    QTest::newRow("unknown value") << 7 << "zh_CN" << false;
+}
+
+void StartupTest::languageChoice()
+{
+    QFETCH(int, value);
+    QFETCH(QString, locale);
+    QFETCH(bool, chinese);
+    QCOMPARE(LanguageChoice::wantsChinese(value, locale), chinese);
+    QCOMPARE(LanguageChoice::webLanguageCode(value, locale), chinese ? QStringLiteral("zh") : QStringLiteral("en"));
+
+    QTranslator translator;
+    QCOMPARE(LanguageChoice::install(*QCoreApplication::instance(), translator, value, locale), chinese);
+    QCOMPARE(translator.isEmpty(), !chinese);
+    QCoreApplication::removeTranslator(&translator);
+}
+
+void StartupTest::chineseCatalogueTranslates()
+{
+    QTranslator translator;
+    QVERIFY(LanguageChoice::install(*QCoreApplication::instance(), translator, LanguageChoice::SimplifiedChinese, "en_US"));
+    const QString english = QStringLiteral("The changes will take effect when the program is restarted.");
+    const QString translated = QCoreApplication::translate("MainWindow", english.toUtf8().constData());
+    QVERIFY2(translated != english, qPrintable(translated));
+    QCoreApplication::removeTranslator(&translator);
+    QCOMPARE(QCoreApplication::translate("MainWindow", english.toUtf8().constData()), english);
+}
+
+void StartupTest::lastUsedRoundTrip()
+{
+    QSettings settings;
+    LastUsedRecord fresh;
+    fresh.load(settings);
+    // With nothing stored, load yields the built-in defaults.
+    QCOMPARE(fresh.connection, ConnectionConfig());
+    QCOMPARE(fresh.pane, PaneOptions());
+    QCOMPARE(fresh.quickSettings, QuickSettingsLayout());
+
+    LastUsedRecord record;
+    record.recentFiles = {"/a.tsl", "/b.tsl"};
+    record.lastDirectory = "/tmp";
+    record.connection.portName = "/dev/ttyUSB0";
+    record.connection.baudRate = 250000;  // custom rates are kept as typed
+    record.connection.dataBits = QSerialPort::Data7;
+    record.connection.parity = QSerialPort::MarkParity;
+    record.connection.stopBits = QSerialPort::TwoStop;
+    record.connection.flowControl = QSerialPort::HardwareControl;
+    record.connection.dtrOn = false;
+    record.connection.rtsOn = false;
+    record.connection.targetHost = "example.org";
+    record.connection.recentTargetHosts = {"example.org", "127.0.0.1"};
+    record.connection.targetPort = 4001;
+    record.connection.udpLocalPort = 7001;
+    record.connection.udpServerPort = 7000;
+    record.pane.receiveFormat = MessageFormat::Hex;
+    record.pane.sendEncoding = "GBK";
+    record.pane.sendChecksum = 4;
+    record.pane.displayBufferSize = 4000;
+    record.pane.receiveTextColor = "#123456";
+    record.pane.logRotateTime = QTime(23, 30, 0);
+    record.pane.logRotateAtTime = true;
+    record.quickSettings.showSend = false;
+    record.quickSettings.groupOrder = {"send", "receive", "connection", "controlLines"};
+    record.quickSettings.fieldOrder.insert("send", {"txLoop", "txFormat"});
+    record.quickSettings.hiddenFields.insert("receive", {"rxDisplayTime"});
+    record.sendList = {"AT", "ATI"};
+    record.lastConnectionOpen = true;
+    record.save(settings);
+    settings.sync();
+
+    QSettings reread;
+    LastUsedRecord loaded;
+    loaded.load(reread);
+    QCOMPARE(loaded.connection, record.connection);
+    QCOMPARE(reread.value("LastBaudrate").toInt(), 250000);
+    QCOMPARE(loaded.pane, record.pane);
+    QCOMPARE(loaded.quickSettings, record.quickSettings);
+    QCOMPARE(loaded.recentFiles, record.recentFiles);
+    QCOMPARE(loaded.sendList, record.sendList);
+    QCOMPARE(loaded.lastDirectory, record.lastDirectory);
+    QVERIFY(loaded.lastConnectionOpen);
+}
+
+void StartupTest::networkModeLeavesSerialKeys()
+{
+    QSettings settings;
+    LastUsedRecord serial;
+    serial.connection.baudRate = 115200;
+    serial.connection.parity = QSerialPort::EvenParity;
+    serial.connection.flowControl = QSerialPort::SoftwareControl;
+    serial.save(settings);
+
+    for (ConnectionMode mode : {ConnectionMode::TcpClient, ConnectionMode::TcpServer, ConnectionMode::UdpClient,
+                                ConnectionMode::RemoteSerialRfc2217, ConnectionMode::RemoteSerialRelay}) {
+        LastUsedRecord network = serial;
+        network.connection.mode = mode;
+        network.connection.baudRate = 1200;
+        network.connection.parity = QSerialPort::OddParity;
+        network.connection.dataBits = QSerialPort::Data5;
+        network.connection.stopBits = QSerialPort::OneAndHalfStop;
+        network.connection.flowControl = QSerialPort::NoFlowControl;
+        network.connection.targetPort = 9000;
+        network.save(settings);
+
+        LastUsedRecord loaded;
+        loaded.load(settings);
+        QCOMPARE(loaded.connection.mode, mode);
+        QCOMPARE(loaded.connection.targetPort, 9000);
+        QCOMPARE(loaded.connection.baudRate, 115200);
+        QCOMPARE(loaded.connection.parity, QSerialPort::EvenParity);
+        QCOMPARE(loaded.connection.dataBits, QSerialPort::Data8);
+        QCOMPARE(loaded.connection.stopBits, QSerialPort::OneStop);
+        QCOMPARE(loaded.connection.flowControl, QSerialPort::SoftwareControl);
+    }
+}
+
+void StartupTest::writeOnlyAndReadOnlyKeys()
+{
+    QSettings settings;
+    // Written by save, never read back by load.
+    settings.setValue("OpenLastConnection", true);
+    settings.setValue("AutoReconnect", false);
+    LastUsedRecord loaded;
+    loaded.load(settings);
+    QCOMPARE(loaded.openLastConnection, LastUsedRecord::kDefaultOpenLastConnection);
+    QCOMPARE(loaded.autoReconnect, LastUsedRecord::kDefaultAutoReconnect);
+    QCOMPARE(LastUsedRecord::readOpenLastConnection(settings), true);
+    QCOMPARE(LastUsedRecord::readAutoReconnect(settings), false);
+
+    LastUsedRecord record;
+    record.pane.logFileName = "mine_%S.log";
+    record.lastFile = "/p.tsl";
+    record.lastLogFile = "/l.log";
+    record.save(settings);
+    QCOMPARE(settings.value("LastLogFileName").toString(), QString("mine_%S.log"));
+    // The record's save leaves the last files to the call that writes both.
+    QVERIFY(!settings.contains("LastFile"));
+    QVERIFY(!settings.contains("LastLogFile"));
+    LastUsedRecord::saveLastFiles(settings, "/p.tsl", "/l.log");
+    loaded.load(settings);
+    QCOMPARE(loaded.lastFile, QString("/p.tsl"));
+    QCOMPARE(loaded.lastLogFile, QString("/l.log"));
+    // The file name pattern is not read back: the pane keeps its own.
+    QCOMPARE(loaded.pane.logFileName, PaneOptions().logFileName);
+}
+
+void StartupTest::unreadableValuesKeepDefaults()
+{
+    QSettings settings;
+    settings.setValue("LastBaudrate", "fast");
+    settings.setValue("LastTargetPort", "");
+    settings.setValue("LastLogRotateTime", "not a time");
+    LastUsedRecord loaded;
+    loaded.load(settings);
+    QCOMPARE(loaded.connection.baudRate, 9600);
+    QCOMPARE(loaded.connection.targetPort, 6000);
+    QCOMPARE(loaded.pane.logRotateTime, QTime(0, 0, 0));
+}
+
+void StartupTest::configFolderProposalAndAccept()
+{
+    QSettings settings;
+    QVERIFY(ConfigFolder::stored(settings).isEmpty());
+    QVERIFY(ConfigFolder::proposal(settings).endsWith("/Config"));
+
+    QTemporaryDir base;
+    const QString folder = base.path() + "/deep/er/Config";
+    const Result r = ConfigFolder::accept(settings, folder);
+    QVERIFY2(r.isOk(), qPrintable(r.errorText()));
+    QVERIFY(QDir(folder).exists());
+    QCOMPARE(ConfigFolder::stored(settings), folder);
+    QCOMPARE(ConfigFolder::proposal(settings), folder);
+}
+
+void StartupTest::configFolderRefusesAFile()
+{
+    QSettings settings;
+    QTemporaryDir base;
+    QFile file(base.path() + "/plain");
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.close();
+    const Result r = ConfigFolder::accept(settings, file.fileName());
+    QVERIFY(!r.isOk());
+    QVERIFY(r.errorText().contains("plain"));
+    QVERIFY(ConfigFolder::stored(settings).isEmpty());
+    QVERIFY(!ConfigFolder::accept(settings, "   ").isOk());
+}
+
+QTEST_GUILESS_MAIN(StartupTest)
+#include "tst_startup.moc"
