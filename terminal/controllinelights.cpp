@@ -1,0 +1,113 @@
+#include "terminal/controllinelights.h"
+
+#include "terminal/ledindicator.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QSignalBlocker>
+#include <QToolButton>
+
+ControlLineLights::ControlLineLights(QWidget *parent)
+    : QWidget(parent)
+{
+    setObjectName(QStringLiteral("indicatorLights"));
+    auto *layout = new QHBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(6);
+
+    auto makeToggle = [this](const QString &name, const QString &text) {
+        auto *button = new QToolButton(this);
+        button->setObjectName(name);
+        button->setText(text);
+        button->setCheckable(true);
+        button->setAutoRaise(false);
+        return button;
+    };
+    m_dtrButton = makeToggle(QStringLiteral("dtrButton"), QStringLiteral("DTR"));
+    m_rtsButton = makeToggle(QStringLiteral("rtsButton"), QStringLiteral("RTS"));
+    m_breakButton = new QToolButton(this);
+    m_breakButton->setObjectName(QStringLiteral("breakButton"));
+    m_breakButton->setText(tr("Break"));
+    m_breakButton->setIcon(QIcon(QStringLiteral(":/images/resource/break_signal.png")));
+    m_breakButton->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+
+    m_txLight = new LedIndicator(QColor(0x27, 0xae, 0x60), this);
+    m_txLight->setObjectName(QStringLiteral("txLight"));
+    m_rxLight = new LedIndicator(QColor(0xf3, 0x9c, 0x12), this);
+    m_rxLight->setObjectName(QStringLiteral("rxLight"));
+    for (LedIndicator *light : {m_txLight, m_rxLight})
+        light->setToolTip(tr("Lights while data is being sent or received"));
+
+    layout->addWidget(m_dtrButton);
+    layout->addWidget(m_rtsButton);
+    layout->addWidget(m_breakButton);
+    layout->addSpacing(8);
+    layout->addWidget(new QLabel(QStringLiteral("TX"), this));
+    layout->addWidget(m_txLight);
+    layout->addWidget(new QLabel(QStringLiteral("RX"), this));
+    layout->addWidget(m_rxLight);
+    layout->addStretch(1);
+
+    connect(m_dtrButton, &QToolButton::toggled, this, &ControlLineLights::dtrToggled);
+    connect(m_rtsButton, &QToolButton::toggled, this, &ControlLineLights::rtsToggled);
+    connect(m_breakButton, &QToolButton::pressed, this, &ControlLineLights::breakPressed);
+    connect(m_breakButton, &QToolButton::released, this, &ControlLineLights::breakReleased);
+    refreshTips();
+}
+
+void ControlLineLights::setAvailability(Availability availability)
+{
+    m_availability = availability;
+    refreshTips();
+}
+
+void ControlLineLights::setLevels(bool dtr, bool rts)
+{
+    const QSignalBlocker b1(m_dtrButton);
+    const QSignalBlocker b2(m_rtsButton);
+    m_dtrButton->setChecked(dtr);
+    m_rtsButton->setChecked(rts);
+}
+
+void ControlLineLights::setLocked(bool locked)
+{
+    m_locked = locked;
+    refreshTips();
+}
+
+void ControlLineLights::refreshTips()
+{
+    QString dtrTip = tr("Click to toggle the DTR output");
+    QString rtsTip = tr("Click to toggle the RTS output");
+    QString breakTip = tr("Click to send a serial break (hold for longer)");
+    bool dtr = true;
+    bool rts = true;
+    bool brk = true;
+    switch (m_availability) {
+    case Availability::SerialPort:
+    case Availability::RemoteSerialPort:
+        break;
+    case Availability::RtsByFlowControl:
+        rts = false;
+        rtsTip = tr("RTS is driven by RTS/CTS flow control and cannot be set by hand.");
+        break;
+    case Availability::NoSerialPort:
+        dtr = rts = brk = false;
+        dtrTip = rtsTip = breakTip = tr("Control lines belong to a serial port. This connection does not have one.");
+        break;
+    case Availability::RemoteOwnConfig:
+        dtr = rts = brk = false;
+        dtrTip = rtsTip = breakTip = tr("The remote port is left under its own configuration. Clear \"Keep the remote port's own config\" to drive RTS, DTR and Break from here.");
+        break;
+    }
+    if (m_locked) {
+        dtr = rts = brk = false;
+        dtrTip = rtsTip = breakTip = tr("A file transfer is using this port. Changing the control lines would interrupt it.");
+    }
+    m_dtrButton->setEnabled(dtr);
+    m_rtsButton->setEnabled(rts);
+    m_breakButton->setEnabled(brk);
+    m_dtrButton->setToolTip(dtrTip);
+    m_rtsButton->setToolTip(rtsTip);
+    m_breakButton->setToolTip(breakTip);
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QPlainTextEdit>
+
+class QColor;
+
+// The pane's receive view. Text only ever enters through end-of-document
+// inserts in one edit block, and leaves through trims of the oldest half, so
+// a fast device cannot freeze the window. A user who has scrolled up is not
+// pulled down by new text.
+class ReceiveView : public QPlainTextEdit
+{
+    Q_OBJECT
+
+public:
+    explicit ReceiveView(QWidget *parent = nullptr);
+
+    // Appends at the end; follows the end when the view was at the bottom
+    // before, or when the last trim asked for it.
+    void appendPlain(const QString &text);
+    void appendColored(const QString &text, const QColor &color);
+    // "\n-- note --\n" in the note colour (transfer start and end, etc.).
+    void writeNote(const QString &note);
+
+    // Characters in the document (without the final paragraph separator).
+    qsizetype characterCount() const;
+    // When the document holds more than limit characters, removes the first
+    // min(limit / 2, count) of them and returns how many went; 0 otherwise.
+    qsizetype trimIfOver(qsizetype limit);
+
+    bool isFollowingEnd() const;
+
+Q_SIGNALS:
+    // The first n characters were removed (find matches must shift).
+    void trimmed(qsizetype removed);
+
+private:
+    void insertAtEnd(const QString &text, const QTextCharFormat &format);
+
+    bool m_justTrimmed = false;
+};
