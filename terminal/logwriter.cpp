@@ -336,7 +336,7 @@ Result LogWriter::writeOut()
 Result LogWriter::rotateIfDue(const QDateTime &now)
 {
     bool due = false;
-    if (m_options.rotateAtSize && m_file.size() > m_options.rotateSizeBytes) {
+    if (m_options.rotateAtSize && m_options.rotateSizeBytes > 0 && m_file.size() > m_options.rotateSizeBytes) {
         qCDebug(lcTerminal) << "Rotate log file for file size:" << m_file.size();
         due = true;
     }

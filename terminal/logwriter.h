@@ -36,7 +36,7 @@ public:
         // %h hour, %m minute, %s second, %z milliseconds (also %Y %M %D).
         QString timestampPattern = QStringLiteral("[%h:%m:%s.%z] ");
         bool rotateAtSize = false;
-        qint64 rotateSizeBytes = 10LL * 1024 * 1024;
+        qint64 rotateSizeBytes = 10LL * 1024 * 1024;  // 0 or less: no size rotation
         bool rotateAtTime = false;
         QTime rotateTime = QTime(0, 0, 0);
         bool needHourTimeStamp = false;

@@ -27,7 +27,8 @@ public:
     // Received bytes: counted, then queued, or kept in the paused buffer
     // while the view is paused. Empty reads do nothing.
     void ingestReceived(const QByteArray &bytes, const QDateTime &now);
-    // An echo of sent bytes; not counted as received.
+    // An echo of sent bytes; not counted as received. Queued even while the
+    // view is paused, to show once it drains again.
     void queueSent(const QByteArray &bytes, const QDateTime &now);
 
     // See ChunkQueue::takeBatch.
