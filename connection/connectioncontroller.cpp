@@ -5,6 +5,7 @@
 #include "connection/relaytransport.h"
 
 #include <QFileInfo>
+#include <QHostInfo>
 #include <QMetaEnum>
 #include <QTcpSocket>
 #include <QUdpSocket>
@@ -116,8 +117,7 @@ bool ConnectionController::open(const ConnectionConfig &config, const QString &p
         return openSerial(config, portName, silent);
     case ConnectionMode::TcpServer:
         if (!portInRange) {
-            reportFailure(tr("TCP server listen on %1 FAILED: %2")
-                              .arg(peerText(QHostAddress(config.listenAddress), 0), badPort));
+            reportFailure(tr("TCP server listen on port %1 FAILED: %2").arg(config.targetPort).arg(badPort));
             return false;
         }
         return startTcpServer(quint16(config.targetPort), QHostAddress(config.listenAddress));
@@ -539,7 +539,7 @@ bool ConnectionController::startTcpServer(quint16 port, const QHostAddress &addr
     server->setReadPaused(m_readPaused);
     if (server->listen(address, port))
         return true;
-    const QString text = tr("TCP server listen on %1 FAILED: %2").arg(peerText(address, port), server->errorString());
+    const QString text = tr("TCP server listen on port %1 FAILED: %2").arg(port).arg(server->errorString());
     qCWarning(lcTerminal).noquote() << text;
     reportFailure(text);
     return false;
@@ -593,6 +593,7 @@ bool ConnectionController::bindUdp(quint16 localPort)
         m_udp = nullptr;
     }
     clearUdpPeers();
+    resetUdpTargets();
     m_udp = new QUdpSocket(this);
     connect(m_udp, &QUdpSocket::readyRead, this, &ConnectionController::udpReadyRead);
     if (m_udp->bind(QHostAddress::AnyIPv4, localPort, QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint))
@@ -601,6 +602,11 @@ bool ConnectionController::bindUdp(quint16 localPort)
     qCWarning(lcTerminal).noquote() << text;
     reportFailure(text);
     return false;
+}
+
+quint16 ConnectionController::udpLocalPort() const
+{
+    return m_udp && m_udp->state() == QAbstractSocket::BoundState ? m_udp->localPort() : 0;
 }
 
 QList<ConnectionController::UdpDatagram> ConnectionController::readUdpDatagrams()
@@ -653,15 +659,57 @@ bool ConnectionController::sendUdp(const QByteArray &data, const QString &host, 
 {
     if (!m_udp)
         return false;
-    QHostAddress address;
-    if (host.compare(QLatin1String("localhost"), Qt::CaseInsensitive) == 0)
-        address = QHostAddress(QHostAddress::LocalHost);
-    else if (!address.setAddress(host.trimmed())) {
-        qCWarning(lcTerminal) << "udpSend: not an address:" << host;
-        return false;
-    }
     qCDebug(lcTerminal) << "udpSend:" << data;
+    const QString name = host.trimmed();
+    QHostAddress address;
+    if (!address.setAddress(name)) {
+        const auto known = m_udpTargetAddresses.constFind(name);
+        if (known == m_udpTargetAddresses.constEnd()) {
+            QList<AwaitingDatagram> &waiting = m_udpAwaitingLookup[name];
+            waiting.append({data, port});
+            if (waiting.size() == 1) {
+                QHostInfo::lookupHost(name, this, [this, name](const QHostInfo &info) {
+                    onUdpHostLookedUp(name, info);
+                });
+            }
+            return true;
+        }
+        address = *known;
+    }
     return m_udp->writeDatagram(data, address, port) == data.size();
+}
+
+void ConnectionController::onUdpHostLookedUp(const QString &host, const QHostInfo &info)
+{
+    const QList<AwaitingDatagram> waiting = m_udpAwaitingLookup.take(host);
+    if (!m_udp || waiting.isEmpty())
+        return;
+    // The socket is bound to IPv4, so only an IPv4 address can be reached.
+    QHostAddress target;
+    for (const QHostAddress &candidate : info.addresses()) {
+        if (candidate.protocol() == QAbstractSocket::IPv4Protocol) {
+            target = candidate;
+            break;
+        }
+    }
+    if (target.isNull()) {
+        const QString reason = info.error() != QHostInfo::NoError ? info.errorString() : tr("no IPv4 address");
+        const QString text = tr("UDP send to %1 FAILED: %2").arg(host, reason);
+        qCWarning(lcTerminal).noquote() << text;
+        reportFailure(text);
+        return;
+    }
+    m_udpTargetAddresses.insert(host, target);
+    for (const AwaitingDatagram &datagram : waiting) {
+        if (m_udp->writeDatagram(datagram.data, target, datagram.port) != datagram.data.size())
+            qCWarning(lcTerminal) << "udpSend failed:" << m_udp->errorString();
+    }
+}
+
+void ConnectionController::resetUdpTargets()
+{
+    m_udpTargetAddresses.clear();
+    m_udpAwaitingLookup.clear();
 }
 
 bool ConnectionController::sendUdpToPeer(const QByteArray &data, int row)
@@ -765,6 +813,7 @@ void ConnectionController::close(ConnectionMode mode, const QString &portName)
         if (m_udp)
             m_udp->abort();
         clearUdpPeers();
+        resetUdpTargets();
         return;
     case ConnectionMode::RemoteSerialRelay:
         detachRelay();
@@ -810,7 +859,14 @@ qint64 ConnectionController::bytesToWrite(ConnectionMode mode) const
         return (m_stream ? m_stream->bytesToWrite() : 0) + m_pendingStream.size();
     case ConnectionMode::UdpServer:
     case ConnectionMode::UdpClient:
-    case ConnectionMode::UdpGeneric: return m_udp ? m_udp->bytesToWrite() : 0;
+    case ConnectionMode::UdpGeneric: {
+        qint64 total = m_udp ? m_udp->bytesToWrite() : 0;
+        for (const QList<AwaitingDatagram> &waiting : m_udpAwaitingLookup) {
+            for (const AwaitingDatagram &datagram : waiting)
+                total += datagram.data.size();
+        }
+        return total;
+    }
     case ConnectionMode::RemoteSerialRelay: return m_relay ? m_relay->bytesToWrite() : 0;
     }
     return 0;

@@ -17,6 +17,7 @@
 #include <functional>
 
 class MultiClientServer;
+class QHostInfo;
 class QTcpSocket;
 class QUdpSocket;
 class RelayTransport;
@@ -110,7 +111,8 @@ public:
     // Does nothing while a previous attempt is still connecting or connected.
     void startTcpClient(const QString &host, quint16 port);
     // Stops a running server, hands it the options, listens. On failure
-    // reports "TCP server listen on %1 FAILED: %2"; returns whether it listens.
+    // reports "TCP server listen on port %1 FAILED: %2"; returns whether it
+    // listens. Port 0 picks a free port (see serverAddressText()).
     bool startTcpServer(quint16 port, const QHostAddress &address);
     bool bindUdp(quint16 localPort);
     // Takes ownership and returns true; returns false (leaving the relay to
@@ -130,7 +132,9 @@ public:
     bool sendToServerClient(const QByteArray &data, const QString &clientLabel);
     // Largest byte count any one client took; 0 when none did.
     qint64 sendToAllServerClients(const QByteArray &data);
-    // host must be an address (or "localhost").
+    // host is an address or a name; datagrams for a name wait for its
+    // lookup (once per bind) and a name that does not resolve is reported as
+    // "UDP send to %1 FAILED: %2".
     bool sendUdp(const QByteArray &data, const QString &host, quint16 port);
     // A row outside the peer table means the first peer.
     bool sendUdpToPeer(const QByteArray &data, int row);
@@ -174,6 +178,8 @@ public:
     QStringList serverClientLabels() const;
     int serverClientCount() const;
 
+    // The bound UDP port (useful after binding port 0); 0 when not bound.
+    quint16 udpLocalPort() const;
     const QList<UdpPeer> &udpPeers() const { return m_udpPeers; }
     int currentUdpPeer() const { return m_currentUdpPeer; }
 
@@ -212,6 +218,8 @@ private:
 
     MultiClientServer *ensureServer();
     void clearUdpPeers();
+    void resetUdpTargets();
+    void onUdpHostLookedUp(const QString &host, const QHostInfo &info);
     void registerUdpSender(const QHostAddress &address, quint16 port, const QByteArray &datagram);
 
     void detachRelay();
@@ -240,4 +248,14 @@ private:
     QList<UdpPeer> m_udpPeers;
     QHash<QString, int> m_udpPeerIndex;
     int m_currentUdpPeer = -1;
+
+    // Target names already resolved for this bind, and datagrams waiting for
+    // a name's lookup.
+    struct AwaitingDatagram
+    {
+        QByteArray data;
+        quint16 port = 0;
+    };
+    QHash<QString, QHostAddress> m_udpTargetAddresses;
+    QHash<QString, QList<AwaitingDatagram>> m_udpAwaitingLookup;
 };

@@ -8,10 +8,6 @@
         <translation>端口 %1 不在 1 到 65535 之间</translation>
     </message>
     <message>
-        <source>TCP server listen on %1 FAILED: %2</source>
-        <translation>TCP 服务器在 %1 上监听失败：%2</translation>
-    </message>
-    <message>
         <source>TCP connect FAILED: %1</source>
         <translation>TCP 连接失败：%1</translation>
     </message>
@@ -86,6 +82,18 @@
     <message>
         <source>Serial Port %1 CLOSE SUCCESS</source>
         <translation>串口 %1 关闭成功</translation>
+    </message>
+    <message>
+        <source>TCP server listen on port %1 FAILED: %2</source>
+        <translation>TCP 服务器监听端口 %1 失败：%2</translation>
+    </message>
+    <message>
+        <source>no IPv4 address</source>
+        <translation>没有 IPv4 地址</translation>
+    </message>
+    <message>
+        <source>UDP send to %1 FAILED: %2</source>
+        <translation>UDP 发送到 %1 失败：%2</translation>
     </message>
 </context>
 <context>

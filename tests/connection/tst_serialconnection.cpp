@@ -456,7 +456,7 @@ void SerialConnectionTest::lostPort()
         m_pair->kill();
     const Status disconnected{"Serial Port " + m_pair->pathA() + " DISCONNECTED", 5000};
     QTRY_VERIFY_WITH_TIMEOUT(!status.isEmpty(), 5000);
-    QCOMPARE(statuses(status), QList<Status>{disconnected});
+    QCOMPARE(statuses(status), (QList<Status>{disconnected}));
     QCOMPARE(lost.count(), watching ? 1 : 0);
     QVERIFY(!controller.isOpen(ConnectionMode::Serial));
     QVERIFY(!controller.breakLevel());
