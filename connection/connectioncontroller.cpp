@@ -2,7 +2,6 @@
 
 #include "app/logging.h"
 #include "connection/multiclientserver.h"
-#include "connection/relaytransport.h"
 
 #include <QFileInfo>
 #include <QHostInfo>
@@ -130,7 +129,6 @@ bool ConnectionController::open(const ConnectionConfig &config, const QString &p
         startTcpClient(config.targetHost, quint16(config.targetPort));
         return true;
     case ConnectionMode::UdpServer:
-        return bindUdp(config.udpServerPort);
     case ConnectionMode::UdpClient:
     case ConnectionMode::UdpGeneric:
         return bindUdp(config.udpLocalPort);
@@ -168,9 +166,7 @@ bool ConnectionController::send(const ConnectionConfig &config, const QByteArray
         return sendUdpToPeer(data, target.index >= 0 ? target.index : m_currentUdpPeer);
     case ConnectionMode::UdpClient:
     case ConnectionMode::UdpGeneric:
-        if (config.targetPort < ConnectionConfig::kMinTargetPort || config.targetPort > ConnectionConfig::kMaxTargetPort)
-            return false;
-        return sendUdp(data, config.targetHost, quint16(config.targetPort));
+        return config.udpServerPort != 0 && sendUdp(data, config.targetHost, config.udpServerPort);
     case ConnectionMode::RemoteSerialRelay:
         return writeRelay(data);
     }
@@ -468,11 +464,13 @@ void ConnectionController::onStreamError(QTcpSocket *socket)
 {
     if (socket != m_stream)
         return;
+    // Forget the socket before telling anyone, so that a listener may start
+    // the next attempt from its slot.
     const QString text = tr("TCP connect FAILED: %1").arg(socket->errorString());
-    reportFailure(text);
     m_pendingStream.clear();
     m_stream = nullptr;
     socket->deleteLater();
+    reportFailure(text);
 }
 
 void ConnectionController::dropStreamSocket()
@@ -753,7 +751,8 @@ void ConnectionController::detachRelay()
 {
     if (!m_relay)
         return;
-    RelayTransport *relay = std::exchange(m_relay, nullptr);
+    RelayTransport *relay = m_relay;
+    m_relay = nullptr;
     m_relayBuffer.clear();
     relay->disconnect(this);
     relay->close();

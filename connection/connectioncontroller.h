@@ -2,6 +2,7 @@
 
 #include "app/result.h"
 #include "connection/connectionconfig.h"
+#include "connection/relaytransport.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -20,7 +21,6 @@ class MultiClientServer;
 class QHostInfo;
 class QTcpSocket;
 class QUdpSocket;
-class RelayTransport;
 
 // One pane's transport: opens and closes what the pane's connection record
 // selects (serial port, TCP client, TCP server, UDP, RFC 2217 stream, cloud
@@ -90,9 +90,9 @@ public:
     // ---- Thin dispatchers by mode, for the pane ----
 
     // Starts the transport that config.mode selects: serial open, TCP server
-    // listen, TCP client / RFC 2217 connect, UDP bind (server: the UDP server
-    // port; client and mode 6: the UDP local port), relay from the relay
-    // factory. portName overrides config.portName for a serial port; silent
+    // listen (listen address, target port), TCP client / RFC 2217 connect
+    // (target host and port), UDP bind (every UDP mode: the UDP local port),
+    // relay from the relay factory. portName overrides config.portName for a serial port; silent
     // suppresses the serial open-failure signals. Returns false when the
     // start failed at once; a TCP client's outcome arrives later
     // (peerArrived or errorOccurred).
@@ -100,7 +100,8 @@ public:
     // Sends through the mode's one write path: serial (opening a closed
     // port), stream (pending until connected), relay, TCP server (all
     // clients, one client by index or label) or UDP (server: reply to a
-    // peer; client and mode 6: datagram to the target host and port).
+    // peer; client and mode 6: datagram to the target host at the remote
+    // UDP port, the record's udpServerPort).
     bool send(const ConnectionConfig &config, const QByteArray &data, const SendTarget &target,
               const QString &portName = {});
     bool send(const ConnectionConfig &config, const QByteArray &data);
@@ -230,7 +231,8 @@ private:
     QByteArray m_pendingStream;
     QUdpSocket *m_udp = nullptr;
     MultiClientServer *m_server = nullptr;
-    RelayTransport *m_relay = nullptr;
+    // Guarded: the relay is ours, but a cloud object might still delete it.
+    QPointer<RelayTransport> m_relay;
     QByteArray m_relayBuffer;
     RelayFactory m_relayFactory;
 

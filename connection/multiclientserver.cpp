@@ -245,8 +245,11 @@ void MultiClientServer::clientDisconnected()
         return;
     // What the client sent just before leaving goes out even while paused
     // (at most the paused read buffer), since the socket is about to go.
-    if (socket->bytesAvailable() > 0)
+    if (socket->bytesAvailable() > 0) {
         deliver(socket);
+        if (!m_clients.contains(socket))
+            return; // a listener stopped the server meanwhile
+    }
     const QString label = m_labels.take(socket);
     m_clients.removeOne(socket);
     socket->disconnect(this);

@@ -132,6 +132,7 @@ private Q_SLOTS:
     void pendingSendsFlushInOrderOnConnect();
     void pendingSendsDroppedWhenConnectFails_data();
     void pendingSendsDroppedWhenConnectFails();
+    void retryFromTheFailureSignal();
     void outOfRangePortIsReported();
     void remoteCloseEndsStream();
     void closingStreamDropsPending();
@@ -288,6 +289,29 @@ void NetworkConnectionTest::pendingSendsDroppedWhenConnectFails()
     QCOMPARE(readExactly(*remote, 5), QByteArray("fresh"));
     QTest::qWait(50);
     QCOMPARE(remote->readAll(), QByteArray());
+}
+
+void NetworkConnectionTest::retryFromTheFailureSignal()
+{
+    // A pane may start the next attempt straight from its error slot.
+    QTcpServer peer;
+    QVERIFY(peer.listen(QHostAddress(QHostAddress::LocalHost), 0));
+    ConnectionController controller;
+    QSignalSpy arrived(&controller, &ConnectionController::peerArrived);
+    int failures = 0;
+    connect(&controller, &ConnectionController::errorOccurred, this, [&] {
+        if (++failures == 1) {
+            controller.startTcpClient("127.0.0.1", peer.serverPort());
+            controller.writeStream("retried");
+        }
+    });
+    controller.startTcpClient("127.0.0.1", closedPort(QHostAddress(QHostAddress::LocalHost)));
+    QTRY_COMPARE_WITH_TIMEOUT(arrived.count(), 1, kWait);
+    QVERIFY(controller.isOpen(ConnectionMode::TcpClient));
+    QCOMPARE(failures, 1);
+    QTRY_VERIFY_WITH_TIMEOUT(peer.hasPendingConnections(), kWait);
+    std::unique_ptr<QTcpSocket> remote(peer.nextPendingConnection());
+    QCOMPARE(readExactly(*remote, 7), QByteArray("retried"));
 }
 
 void NetworkConnectionTest::outOfRangePortIsReported()
@@ -647,7 +671,7 @@ void NetworkConnectionTest::udpPeerTable()
     ConnectionController controller;
     ConnectionConfig config;
     config.mode = ConnectionMode::UdpServer;
-    config.udpServerPort = 0;
+    config.udpLocalPort = 0;
     QSignalSpy status(&controller, &ConnectionController::statusMessage);
     QSignalSpy changed(&controller, &ConnectionController::udpPeersChanged);
     QSignalSpy ready(&controller, &ConnectionController::udpReadyRead);
@@ -730,7 +754,7 @@ void NetworkConnectionTest::udpClientSendsToTarget()
     config.mode = ConnectionMode::UdpClient;
     config.udpLocalPort = 0;
     config.targetHost = "127.0.0.1";
-    config.targetPort = target.localPort();
+    config.udpServerPort = target.localPort();
     QVERIFY(controller.open(config));
 
     QVERIFY(controller.send(config, "datagram"));
