@@ -92,10 +92,10 @@ public:
     // Starts the transport that config.mode selects: serial open, TCP server
     // listen (listen address, target port), TCP client / RFC 2217 connect
     // (target host and port), UDP bind (every UDP mode: the UDP local port),
-    // relay from the relay factory. portName overrides config.portName for a serial port; silent
-    // suppresses the serial open-failure signals. Returns false when the
-    // start failed at once; a TCP client's outcome arrives later
-    // (peerArrived or errorOccurred).
+    // relay from the relay factory. portName overrides config.portName for a
+    // serial port; silent suppresses the serial open-failure signals.
+    // Returns false when the start failed at once; a TCP client's outcome
+    // arrives later (peerArrived or errorOccurred).
     bool open(const ConnectionConfig &config, const QString &portName = {}, bool silent = false);
     // Sends through the mode's one write path: serial (opening a closed
     // port), stream (pending until connected), relay, TCP server (all
