@@ -1,4 +1,110 @@
 <?xml version="1.0" encoding="utf-8"?>
 <!DOCTYPE TS>
 <TS version="2.1" language="zh_CN" sourcelanguage="en">
+<context>
+    <name>ConnectionController</name>
+    <message>
+        <source>the port %1 is not between 1 and 65535</source>
+        <translation>端口 %1 不在 1 到 65535 之间</translation>
+    </message>
+    <message>
+        <source>TCP connect FAILED: %1</source>
+        <translation>TCP 连接失败：%1</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 OPEN FAILED! ERROR: </source>
+        <translation>串口 %1 打开失败！错误：</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 OPEN SUCCESS</source>
+        <translation>串口 %1 打开成功</translation>
+    </message>
+    <message>
+        <source>Failed to set %1: %2</source>
+        <translation>设置 %1 失败：%2</translation>
+    </message>
+    <message>
+        <source>RTS is managed automatically by RTS/CTS flow control</source>
+        <translation>RTS 由 RTS/CTS 流控自动管理</translation>
+    </message>
+    <message>
+        <source>Open the serial port before sending Break</source>
+        <translation>请先打开串口再发送 Break</translation>
+    </message>
+    <message>
+        <source>the port is not open</source>
+        <translation>端口未打开</translation>
+    </message>
+    <message>
+        <source>baud rate %1</source>
+        <translation>波特率 %1</translation>
+    </message>
+    <message>
+        <source>%1 data bits</source>
+        <translation>%1 位数据位</translation>
+    </message>
+    <message>
+        <source>parity</source>
+        <translation>校验位</translation>
+    </message>
+    <message>
+        <source>stop bits</source>
+        <translation>停止位</translation>
+    </message>
+    <message>
+        <source>flow control</source>
+        <translation>流控</translation>
+    </message>
+    <message>
+        <source>%1 was refused by the driver: %2</source>
+        <translation>驱动拒绝了%1：%2</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 DISCONNECTED</source>
+        <translation>串口 %1 已断开</translation>
+    </message>
+    <message>
+        <source>Refused %1: %2</source>
+        <translation>已拒绝 %1：%2</translation>
+    </message>
+    <message>
+        <source>UDP bind to port %1 FAILED: %2</source>
+        <translation>UDP 绑定端口 %1 失败：%2</translation>
+    </message>
+    <message>
+        <source>No UDP peer to reply to yet</source>
+        <translation>还没有可回复的 UDP 对端</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 CLOSE FAILED</source>
+        <translation>串口 %1 关闭失败</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 CLOSE SUCCESS</source>
+        <translation>串口 %1 关闭成功</translation>
+    </message>
+    <message>
+        <source>TCP server listen on port %1 FAILED: %2</source>
+        <translation>TCP 服务器监听端口 %1 失败：%2</translation>
+    </message>
+    <message>
+        <source>no IPv4 address</source>
+        <translation>没有 IPv4 地址</translation>
+    </message>
+    <message>
+        <source>UDP send to %1 FAILED: %2</source>
+        <translation>UDP 发送到 %1 失败：%2</translation>
+    </message>
+</context>
+<context>
+    <name>MultiClientServer</name>
+    <message>
+        <source>not on the address allowlist</source>
+        <translation>不在地址白名单中</translation>
+    </message>
+    <message>
+        <source>the port already has a client (exclusive mode)</source>
+        <translation>该端口已有客户端（独占模式）</translation>
+    </message>
+</context>
 </TS>

@@ -1,0 +1,277 @@
+#include "connection/multiclientserver.h"
+
+#include "app/logging.h"
+
+#include <QTcpSocket>
+
+namespace {
+
+// While paused a client may hold this much in its socket; beyond it TCP's
+// own flow control stops the sender.
+constexpr qint64 kPausedReadBufferSize = 4096;
+
+// Generous, so that a burst of clients connecting at once is not throttled
+// by SYN retries; the kernel caps it at its own limit.
+constexpr int kListenBacklog = 1024;
+
+// The forms under which an address may appear in the list: itself, its IPv4
+// form when it is an IPv4-mapped IPv6 address, and the other loopback form.
+QList<QHostAddress> comparableForms(const QHostAddress &address)
+{
+    QList<QHostAddress> forms{address};
+    if (address.protocol() == QAbstractSocket::IPv6Protocol) {
+        bool mapped = false;
+        const quint32 v4 = address.toIPv4Address(&mapped);
+        if (mapped)
+            forms.append(QHostAddress(v4));
+    }
+    const QHostAddress v4Loopback(QHostAddress::LocalHost);
+    const QHostAddress v6Loopback(QHostAddress::LocalHostIPv6);
+    for (const QHostAddress &form : QList<QHostAddress>(forms)) {
+        if (form == v4Loopback)
+            forms.append(v6Loopback);
+        else if (form == v6Loopback)
+            forms.append(v4Loopback);
+    }
+    return forms;
+}
+
+bool entryMatches(const QString &rawEntry, const QList<QHostAddress> &forms)
+{
+    const QString entry = rawEntry.trimmed();
+    if (entry.isEmpty())
+        return false;
+    if (entry.contains(QLatin1Char('/'))) {
+        const QPair<QHostAddress, int> subnet = QHostAddress::parseSubnet(entry);
+        if (subnet.first.isNull() || subnet.second < 0)
+            return false;
+        for (const QHostAddress &form : forms) {
+            if (form.protocol() == subnet.first.protocol() && form.isInSubnet(subnet))
+                return true;
+        }
+        return false;
+    }
+    QHostAddress listed;
+    if (!listed.setAddress(entry))
+        return false;
+    for (const QHostAddress &form : forms) {
+        if (listed.isEqual(form, QHostAddress::TolerantConversion))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+MultiClientServer::MultiClientServer(QObject *parent)
+    : QTcpServer(parent)
+{
+    setListenBacklogSize(kListenBacklog);
+    connect(this, &QTcpServer::newConnection, this, &MultiClientServer::handleNewConnection);
+}
+
+MultiClientServer::~MultiClientServer()
+{
+    stop();
+}
+
+void MultiClientServer::setExclusive(bool on)
+{
+    m_exclusive = on;
+}
+
+void MultiClientServer::setAllowlist(const QStringList &entries)
+{
+    m_allowlist = entries;
+}
+
+void MultiClientServer::setLowDelay(bool on)
+{
+    m_lowDelay = on;
+    for (QTcpSocket *socket : std::as_const(m_clients))
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, on ? 1 : 0);
+}
+
+void MultiClientServer::setReadPaused(bool on)
+{
+    if (m_readPaused == on)
+        return;
+    m_readPaused = on;
+    for (QTcpSocket *socket : std::as_const(m_clients))
+        socket->setReadBufferSize(on ? kPausedReadBufferSize : 0);
+    if (on)
+        return;
+    // No new notification comes for bytes that were already buffered while
+    // paused, so hand them over now. A client may leave while its data is
+    // delivered; iterate over a copy.
+    const QList<QTcpSocket *> clients = m_clients;
+    for (QTcpSocket *socket : clients) {
+        if (m_readPaused)
+            break;
+        if (m_clients.contains(socket) && socket->bytesAvailable() > 0)
+            deliver(socket);
+    }
+}
+
+void MultiClientServer::applyClientOptions(QTcpSocket *socket) const
+{
+    if (m_lowDelay)
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    socket->setReadBufferSize(m_readPaused ? kPausedReadBufferSize : 0);
+}
+
+void MultiClientServer::stop()
+{
+    const QList<QTcpSocket *> clients = m_clients;
+    m_clients.clear();
+    m_labels.clear();
+    for (QTcpSocket *socket : clients) {
+        socket->disconnect(this);
+        socket->abort();
+        socket->deleteLater();
+    }
+    close();
+}
+
+bool MultiClientServer::writeToClient(int index, const QByteArray &data)
+{
+    if (data.isEmpty() || index < 0 || index >= m_clients.size())
+        return false;
+    return m_clients.at(index)->write(data) > 0;
+}
+
+bool MultiClientServer::writeToClient(const QByteArray &data, const QString &peer)
+{
+    if (data.isEmpty())
+        return false;
+    for (QTcpSocket *socket : std::as_const(m_clients)) {
+        if (m_labels.value(socket) == peer)
+            return socket->write(data) > 0;
+    }
+    return false;
+}
+
+qint64 MultiClientServer::writeToAll(const QByteArray &data)
+{
+    if (data.isEmpty())
+        return 0;
+    qint64 largest = 0;
+    // A failed write can make a client leave at once; iterate over a copy.
+    const QList<QTcpSocket *> clients = m_clients;
+    for (QTcpSocket *socket : clients) {
+        if (!m_clients.contains(socket) || socket->state() != QAbstractSocket::ConnectedState)
+            continue;
+        largest = qMax(largest, socket->write(data));
+    }
+    return largest;
+}
+
+qint64 MultiClientServer::bytesToWrite() const
+{
+    qint64 total = 0;
+    for (const QTcpSocket *socket : m_clients)
+        total += socket->bytesToWrite();
+    return total;
+}
+
+QStringList MultiClientServer::clientLabels() const
+{
+    QStringList labels;
+    labels.reserve(m_clients.size());
+    for (QTcpSocket *socket : m_clients)
+        labels.append(m_labels.value(socket));
+    return labels;
+}
+
+bool MultiClientServer::isAllowed(const QHostAddress &address, const QStringList &allowlist)
+{
+    if (allowlist.isEmpty())
+        return true;
+    const QList<QHostAddress> forms = comparableForms(address);
+    for (const QString &entry : allowlist) {
+        if (entryMatches(entry, forms))
+            return true;
+    }
+    return false;
+}
+
+QString MultiClientServer::labelFor(const QHostAddress &address, quint16 port)
+{
+    return QStringLiteral("%1:%2").arg(address.toString()).arg(port);
+}
+
+void MultiClientServer::handleNewConnection()
+{
+    bool admitted = false;
+    while (hasPendingConnections()) {
+        qCDebug(lcTerminal) << "hasPendingConnections";
+        QTcpSocket *socket = nextPendingConnection();
+        if (!socket)
+            break;
+        if (!isAllowed(socket->peerAddress(), m_allowlist)) {
+            refuse(socket, tr("not on the address allowlist"));
+            continue;
+        }
+        if (m_exclusive && !m_clients.isEmpty()) {
+            refuse(socket, tr("the port already has a client (exclusive mode)"));
+            continue;
+        }
+        connect(socket, &QTcpSocket::disconnected, this, &MultiClientServer::clientDisconnected);
+        connect(socket, &QTcpSocket::readyRead, this, &MultiClientServer::readReady);
+        connect(socket, &QTcpSocket::bytesWritten, this, &MultiClientServer::bytesWritten);
+        applyClientOptions(socket);
+        const QString label = labelFor(socket->peerAddress(), socket->peerPort());
+        m_clients.append(socket);
+        m_labels.insert(socket, label);
+        admitted = true;
+        emit clientArrived(label);
+    }
+    if (admitted)
+        emit connectionStateChange();
+}
+
+void MultiClientServer::refuse(QTcpSocket *socket, const QString &reason)
+{
+    const QString label = labelFor(socket->peerAddress(), socket->peerPort());
+    socket->close();
+    socket->deleteLater();
+    emit connectionRefused(label, reason);
+}
+
+void MultiClientServer::clientDisconnected()
+{
+    auto *socket = qobject_cast<QTcpSocket *>(sender());
+    if (!socket || !m_clients.contains(socket))
+        return;
+    // What the client sent just before leaving goes out even while paused
+    // (at most the paused read buffer), since the socket is about to go.
+    if (socket->bytesAvailable() > 0) {
+        deliver(socket);
+        if (!m_clients.contains(socket))
+            return; // a listener stopped the server meanwhile
+    }
+    const QString label = m_labels.take(socket);
+    m_clients.removeOne(socket);
+    socket->disconnect(this);
+    socket->deleteLater();
+    emit clientGone(label);
+    emit connectionStateChange();
+}
+
+void MultiClientServer::readReady()
+{
+    if (m_readPaused)
+        return;
+    auto *socket = qobject_cast<QTcpSocket *>(sender());
+    if (!socket || !m_clients.contains(socket))
+        return;
+    deliver(socket);
+}
+
+void MultiClientServer::deliver(QTcpSocket *socket)
+{
+    const QByteArray data = socket->readAll();
+    if (data.isEmpty())
+        return;
+    emit newMessage(data, m_labels.value(socket));
+}

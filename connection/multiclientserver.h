@@ -1,0 +1,84 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QHostAddress>
+#include <QList>
+#include <QString>
+#include <QStringList>
+#include <QTcpServer>
+
+class QTcpSocket;
+
+// The listening side of a TCP server connection: accepts any number of
+// clients (or one, in exclusive mode), admits only allowlisted addresses when
+// a list is set, delivers what each client sends and writes to one client,
+// to a client named by its label, or to all of them.
+class MultiClientServer : public QTcpServer
+{
+    Q_OBJECT
+
+public:
+    explicit MultiClientServer(QObject *parent = nullptr);
+    ~MultiClientServer() override;
+
+    // Options; set before listen(). Low delay and pausing also act at once
+    // on every connected client, and every newly admitted client gets them.
+    void setExclusive(bool on);
+    bool isExclusive() const { return m_exclusive; }
+    void setAllowlist(const QStringList &entries);
+    QStringList allowlist() const { return m_allowlist; }
+    void setLowDelay(bool on);
+    bool isLowDelay() const { return m_lowDelay; }
+    // While paused the clients' data stays in their sockets (each limited to
+    // a small read buffer so TCP holds the senders back); resuming delivers
+    // what is waiting at once.
+    void setReadPaused(bool on);
+    bool isReadPaused() const { return m_readPaused; }
+
+    // Closes every client and the listening socket. Emits nothing.
+    void stop();
+
+    // index must name a connected client; empty data or a bad index is false.
+    bool writeToClient(int index, const QByteArray &data);
+    // The first client whose label equals peer; false when none matches.
+    bool writeToClient(const QByteArray &data, const QString &peer);
+    // Every connected client; the largest byte count any one write reported.
+    qint64 writeToAll(const QByteArray &data);
+
+    qint64 bytesToWrite() const;
+    int clientCount() const { return int(m_clients.size()); }
+    // "%1:%2" labels (address, port) in the order the clients were accepted.
+    QStringList clientLabels() const;
+
+    // Whether the allowlist admits the address. An empty list admits
+    // everyone; a list of only invalid entries admits no one.
+    static bool isAllowed(const QHostAddress &address, const QStringList &allowlist);
+    static QString labelFor(const QHostAddress &address, quint16 port);
+
+Q_SIGNALS:
+    void connectionStateChange();
+    // data from one client; peer is that client's label
+    void newMessage(const QByteArray &message, const QString &peer);
+    void clientGone(const QString &peer);
+    void clientArrived(const QString &peer);
+    void bytesWritten(qint64 bytes);
+    void connectionRefused(const QString &peer, const QString &reason);
+
+public Q_SLOTS:
+    void handleNewConnection();
+    void clientDisconnected();
+    void readReady();
+
+private:
+    void applyClientOptions(QTcpSocket *socket) const;
+    void deliver(QTcpSocket *socket);
+    void refuse(QTcpSocket *socket, const QString &reason);
+
+    QList<QTcpSocket *> m_clients;
+    QHash<QTcpSocket *, QString> m_labels;
+    QStringList m_allowlist;
+    bool m_exclusive = false;
+    bool m_readPaused = false;
+    bool m_lowDelay = false;
+};
