@@ -77,6 +77,11 @@ void ConnectionSettingsWidget::buildForm()
     m_targetPort->setRange(ConnectionConfig::kMinTargetPort, ConnectionConfig::kMaxTargetPort);
     m_form->addRow(tr("Remote port"), m_targetPort);
 
+    m_udpRemotePort = new QSpinBox(this);
+    m_udpRemotePort->setObjectName(QStringLiteral("udpRemotePortBox"));
+    m_udpRemotePort->setRange(1, 65535);
+    m_form->addRow(tr("Remote port"), m_udpRemotePort);
+
     m_udpLocalPort = new QSpinBox(this);
     m_udpLocalPort->setObjectName(QStringLiteral("udpLocalPortBox"));
     m_udpLocalPort->setRange(0, 65535);
@@ -150,6 +155,7 @@ void ConnectionSettingsWidget::buildForm()
     connect(m_listenAddress, &QComboBox::activated, this, &ConnectionSettingsWidget::announceConnectionEdit);
     connect(m_targetPort, &QSpinBox::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
     connect(m_udpLocalPort, &QSpinBox::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
+    connect(m_udpRemotePort, &QSpinBox::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
     connect(m_useRemoteConfig, &QCheckBox::toggled, this, &ConnectionSettingsWidget::announceConnectionEdit);
     for (QLineEdit *edit : {m_relayCid, m_relayPortName, m_relayPortKey})
         connect(edit, &QLineEdit::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
@@ -264,8 +270,8 @@ void ConnectionSettingsWidget::updateVisibility()
                                  || mode == ConnectionMode::RemoteSerialRfc2217);
     setRowVisible(m_listenAddress, mode == ConnectionMode::TcpServer);
     setRowVisible(m_targetPort, mode == ConnectionMode::TcpClient || mode == ConnectionMode::TcpServer
-                                    || mode == ConnectionMode::UdpClient
                                     || mode == ConnectionMode::RemoteSerialRfc2217);
+    setRowVisible(m_udpRemotePort, mode == ConnectionMode::UdpClient);
     setRowVisible(m_udpLocalPort, isUdpMode(mode));
     for (QWidget *w : {static_cast<QWidget *>(m_baudBox), static_cast<QWidget *>(m_dataBitsBox),
                        static_cast<QWidget *>(m_parityBox), static_cast<QWidget *>(m_stopBitsBox),
@@ -312,6 +318,7 @@ void ConnectionSettingsWidget::setConfig(const ConnectionConfig &config)
     m_listenAddress->setCurrentIndex(qMax(0, m_listenAddress->findData(int(config.listenAddress))));
     m_targetPort->setValue(config.targetPort);
     m_udpLocalPort->setValue(config.udpLocalPort);
+    m_udpRemotePort->setValue(config.udpServerPort);
 
     const int baudIndex = m_baudBox->findData(config.baudRate);
     if (baudIndex >= 0) {
@@ -348,6 +355,7 @@ ConnectionConfig ConnectionSettingsWidget::config() const
     c.listenAddress = QHostAddress::SpecialAddress(m_listenAddress->currentData().toInt());
     c.targetPort = m_targetPort->value();
     c.udpLocalPort = quint16(m_udpLocalPort->value());
+    c.udpServerPort = quint16(m_udpRemotePort->value());
 
     const int baudIndex = m_baudBox->findText(m_baudBox->currentText());
     if (baudIndex >= 0 && m_baudBox->itemData(baudIndex).toInt() > 0) {

@@ -70,6 +70,7 @@ private:
     QComboBox *m_hostBox = nullptr;
     QSpinBox *m_targetPort = nullptr;
     QSpinBox *m_udpLocalPort = nullptr;
+    QSpinBox *m_udpRemotePort = nullptr;
     QComboBox *m_listenAddress = nullptr;
     QComboBox *m_baudBox = nullptr;
     QComboBox *m_dataBitsBox = nullptr;

@@ -1,6 +1,7 @@
 #include "terminal/receiveview.h"
 
 #include <QColor>
+#include <QKeyEvent>
 #include <QScrollBar>
 #include <QTextBlock>
 #include <QTextCursor>
@@ -70,7 +71,12 @@ qsizetype ReceiveView::trimIfOver(qsizetype limit)
     m_justTrimmed = true;
     QScrollBar *bar = verticalScrollBar();
     const bool atEnd = bar->value() >= bar->maximum();
-    const qsizetype removed = qMin(limit / 2, count);
+    // Half the limit goes at a time, which keeps trims rare; when one drain
+    // added more than that, as many halves go as it takes to get back under
+    // the limit, so the document stays bounded under any flood.
+    const qsizetype half = qMax<qsizetype>(1, limit / 2);
+    const qsizetype halves = (count - limit + half - 1) / half;
+    const qsizetype removed = qMin(halves * half, count);
     QTextCursor cursor(document());
     cursor.beginEditBlock();
     cursor.setPosition(0);
@@ -81,4 +87,26 @@ qsizetype ReceiveView::trimIfOver(qsizetype limit)
         bar->setValue(bar->maximum());
     Q_EMIT trimmed(removed);
     return removed;
+}
+
+void ReceiveView::keyPressEvent(QKeyEvent *event)
+{
+    // Copying, selecting and scrolling keep their usual meaning; other keys
+    // go to the device.
+    if (event->matches(QKeySequence::Copy) || event->matches(QKeySequence::SelectAll)
+        || event->matches(QKeySequence::MoveToNextPage) || event->matches(QKeySequence::MoveToPreviousPage)
+        || event->matches(QKeySequence::MoveToStartOfDocument) || event->matches(QKeySequence::MoveToEndOfDocument)) {
+        QPlainTextEdit::keyPressEvent(event);
+        return;
+    }
+    if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter) {
+        Q_EMIT enterPressed();
+        return;
+    }
+    const QString text = event->text();
+    if (!text.isEmpty() && (event->modifiers() & (Qt::ControlModifier | Qt::MetaModifier)) == 0) {
+        Q_EMIT textTyped(text);
+        return;
+    }
+    QPlainTextEdit::keyPressEvent(event);
 }

@@ -24,8 +24,9 @@ public:
 
     // Characters in the document (without the final paragraph separator).
     qsizetype characterCount() const;
-    // When the document holds more than limit characters, removes the first
-    // min(limit / 2, count) of them and returns how many went; 0 otherwise.
+    // When the document holds more than limit characters, removes the
+    // oldest characters half a limit at a time until it holds no more than
+    // the limit, and returns how many went; 0 otherwise.
     qsizetype trimIfOver(qsizetype limit);
 
     bool isFollowingEnd() const;
@@ -33,6 +34,12 @@ public:
 Q_SIGNALS:
     // The first n characters were removed (find matches must shift).
     void trimmed(qsizetype removed);
+    // Keys typed into the view, which then acts as a terminal.
+    void textTyped(const QString &text);
+    void enterPressed();
+
+protected:
+    void keyPressEvent(QKeyEvent *event) override;
 
 private:
     void insertAtEnd(const QString &text, const QTextCharFormat &format);

@@ -55,6 +55,12 @@ void PaneViewsTest::trimRemovesHalfTheLimit()
     QCOMPARE(trimmed.size(), 1);
     QCOMPARE(trimmed.at(0).at(0).value<qsizetype>(), 500);
 
+    // A drain that added far more than half the limit still ends under it,
+    // in whole halves.
+    view.appendPlain(QString(1800, u'y'));
+    QCOMPARE(view.trimIfOver(1000), 2000);
+    QCOMPARE(view.characterCount(), 800);
+
     // The oldest text goes, the newest stays.
     ReceiveView ordered;
     ordered.appendPlain(QString(600, u'a') + QString(600, u'b'));
@@ -139,15 +145,14 @@ void PaneViewsTest::findKeepsUpWithAppendsAndTrims()
     bar.refreshMatches();
     QCOMPARE(bar.matchPositions(), (QList<qsizetype>{2, 7, 12}));
 
-    // Trimming 5 characters drops the first match and shifts the others.
+    // Trimming 8 characters drops the first two matches and shifts the third.
     view.appendPlain(QString(5, u'-'));
-    QCOMPARE(view.trimIfOver(10), 5);
-    QCOMPARE(bar.matchPositions(), (QList<qsizetype>{2, 7}));
-    QCOMPARE(view.toPlainText().mid(2, 3), QStringLiteral("abc"));
-    QCOMPARE(view.toPlainText().mid(7, 3), QStringLiteral("abc"));
+    QCOMPARE(view.trimIfOver(16), 8);
+    QCOMPARE(bar.matchPositions(), (QList<qsizetype>{4}));
+    QCOMPARE(view.toPlainText().mid(4, 3), QStringLiteral("abc"));
     view.appendPlain(QStringLiteral("abc"));
     bar.refreshMatches();
-    QCOMPARE(bar.matchCount(), 3);
+    QCOMPARE(bar.matchCount(), 2);
 }
 
 void PaneViewsTest::settingsRoundTrip_data()
@@ -179,6 +184,7 @@ void PaneViewsTest::settingsRoundTrip()
     c.recentTargetHosts = {"device.local", "127.0.0.1"};
     c.targetPort = 4001;
     c.udpLocalPort = 7001;
+    c.udpServerPort = 7000;
     c.listenAddress = QHostAddress::LocalHostIPv6;
     c.useRemoteSerialConfig = true;
     c.relayCid = "cid";
