@@ -22,11 +22,45 @@ QString textFrom(uint8_t steer, const uint8_t *data, size_t size)
     return QString::fromUtf8(reinterpret_cast<const char *>(data), qsizetype(size));
 }
 
-QString checkError(const QString &error)
+bool isHexDigit(QChar c)
 {
-    static const QString incomplete = HexParser::incompleteBytesText();
-    if (error == incomplete || error.startsWith(QStringLiteral("Invalid hex character at position ")))
+    return QStringView(u"0123456789abcdefABCDEF").contains(c);
+}
+
+// A failure must name the first offending character, or come from an odd
+// number of digits.
+QString checkFailure(const QString &text, HexParser::Grouping grouping, const QString &error)
+{
+    const bool stream = grouping == HexParser::Grouping::DigitStream;
+    if (error == HexParser::incompleteBytesText()) {
+        if (!stream)
+            return {};
+        qsizetype digits = 0;
+        for (QChar c : text) {
+            if (isHexDigit(c))
+                ++digits;
+            else if (!c.isSpace())
+                return QStringLiteral("complete-bytes text although a character is invalid");
+        }
+        return digits % 2 == 1 ? QString() : QStringLiteral("complete-bytes text for an even digit count");
+    }
+    static const QString prefix = QStringLiteral("Invalid hex character at position ");
+    if (error.startsWith(prefix) && error.endsWith(u'.')) {
+        bool ok = false;
+        const qsizetype position = error.mid(prefix.size(), error.size() - prefix.size() - 1).toLongLong(&ok);
+        if (!ok || position < 1 || position > text.size())
+            return QStringLiteral("position out of the text: ") + error;
+        const QChar c = text.at(position - 1);
+        if (isHexDigit(c) || c.isSpace() || (!stream && c == u','))
+            return QStringLiteral("position %1 names a valid character").arg(position);
+        if (stream) {
+            for (qsizetype i = 0; i + 1 < position; ++i) {
+                if (!isHexDigit(text.at(i)) && !text.at(i).isSpace())
+                    return QStringLiteral("an earlier invalid character than position %1").arg(position);
+            }
+        }
         return {};
+    }
     return QStringLiteral("unexpected error text: ") + error;
 }
 
@@ -41,15 +75,18 @@ QString fuzzHexParser(const uint8_t *data, size_t size)
     const auto grouping = (steer & 1) ? HexParser::Grouping::Tokens : HexParser::Grouping::DigitStream;
     const ValueResult<QByteArray> r = HexParser::parse(text, grouping);
     if (!r)
-        return checkError(r.errorText());
+        return checkFailure(text, grouping, r.errorText());
 
     const QByteArray &bytes = r.value();
     if (grouping == HexParser::Grouping::DigitStream) {
-        qsizetype digits = 0;
-        for (QChar c : text)
-            digits += QStringView(u"0123456789abcdefABCDEF").contains(c) ? 1 : 0;
-        if (digits != 2 * bytes.size())
-            return QStringLiteral("%1 digits gave %2 bytes").arg(digits).arg(bytes.size());
+        QByteArray digits;
+        for (QChar c : text) {
+            if (isHexDigit(c))
+                digits.append(char(c.unicode()));
+        }
+        if (QByteArray::fromHex(digits) != bytes)
+            return QStringLiteral("%1 differs from the digits %2").arg(QString::fromLatin1(bytes.toHex()),
+                                                                       QString::fromLatin1(digits));
     }
     // What the send box shows after a send must read back as the same bytes.
     const QString shown = HexParser::toHexText(bytes);
@@ -74,6 +111,17 @@ QString fuzzModbusValues(const uint8_t *data, size_t size)
         return r.errorText().isEmpty() ? QStringLiteral("failure without a text") : QString();
 
     const QList<quint16> &values = r.value();
+    // Parts are separated by ASCII white space and commas only.
+    qsizetype parts = 0;
+    bool inPart = false;
+    for (QChar c : text) {
+        const bool separator = c == u',' || c == u' ' || (c >= u'\t' && c <= u'\r');
+        if (!separator && !inPart)
+            ++parts;
+        inPart = !separator;
+    }
+    if ((function == 0x06 || function == 0x0F || function == 0x10) && values.size() != parts)
+        return QStringLiteral("%1 values from %2 parts").arg(values.size()).arg(parts);
     if (function != 0x06 && function != 0x0F && function != 0x10)
         return values.isEmpty() ? QString() : QStringLiteral("values for a function without a values field");
     if (function == 0x06 && values.size() != 1)
@@ -121,7 +169,12 @@ QString fuzzCustomCrcParams(const uint8_t *data, size_t size)
     if (p.width < 1 || p.width > 64 || p.poly == 0 || p.poly > p.mask() || p.init > p.mask() || p.xorout > p.mask())
         return QStringLiteral("accepted out-of-range parameters");
 
-    const QByteArray sample = QByteArray(reinterpret_cast<const char *>(data), qsizetype(size));
+    QByteArray sample = QByteArray(reinterpret_cast<const char *>(data), qsizetype(size));
+    // Sometimes long enough for the table's interleaved lanes.
+    if (steer & 4) {
+        const qsizetype wanted = 3 * CrcTable::LaneBytes + qsizetype(size % 97);
+        sample = sample.repeated(wanted / sample.size() + 1).left(wanted);
+    }
     const quint64 slow = computeCrc(sample, p);
     const quint64 fast = CrcTable(p).compute(sample);
     if (slow != fast)

@@ -204,8 +204,9 @@ void CrcTest::fastPathsEqualEngine()
     QRandomGenerator rng(propertySeed);
     for (const CrcModel &model : crcCatalogue()) {
         for (int round = 0; round < 60; ++round) {
-            // Short lengths exercise the tails, long ones the 8-byte steps.
-            const int length = round < 40 ? round : int(rng.bounded(4096));
+            // Short lengths exercise the tails, longer ones the 16-byte steps
+            // and the interleaved lanes.
+            const int length = round < 40 ? round : int(rng.bounded(8 * CrcTable::LaneBytes));
             const QByteArray data = randomBytes(rng, length);
             const quint64 fast = computeCatalogueCrc(model.id, data);
             const quint64 slow = computeCrc(data, model.params());
@@ -231,13 +232,19 @@ void CrcTest::tableEqualsEngineAtEveryWidth()
             if (round == 4)
                 p.poly = p.mask();  // all ones, the top bit included
             const CrcTable table(p);
-            for (int length : {0, 1, 7, 8, 15, 16, 17, 33, int(rng.bounded(200))}) {
+            QList<int> lengths{0, 1, 7, 8, 15, 16, 17, 33, int(rng.bounded(200))};
+            // Long inputs take the interleaved lanes; once per reflection pair.
+            if (round < 4)
+                lengths << 3 * CrcTable::LaneBytes << 6 * CrcTable::LaneBytes + 1 + int(rng.bounded(100));
+            for (int length : lengths) {
                 const QByteArray data = randomBytes(rng, length);
                 const quint64 fast = table.compute(data);
                 const quint64 slow = computeCrc(data, p);
-                QVERIFY2(fast == slow, qPrintable(QStringLiteral("seed %1, %2, data %3: table %4, engine %5")
+                QVERIFY2(fast == slow, qPrintable(QStringLiteral("seed %1, %2, %3 bytes from %4: table %5, engine %6")
                                                       .arg(propertySeed)
-                                                      .arg(describe(p), QString::fromLatin1(data.toHex()))
+                                                      .arg(describe(p))
+                                                      .arg(length)
+                                                      .arg(QString::fromLatin1(data.left(32).toHex()))
                                                       .arg(fast, 0, 16)
                                                       .arg(slow, 0, 16)));
                 QVERIFY(slow <= p.mask());
