@@ -43,8 +43,6 @@ private Q_SLOTS:
     void asciiPreview();
     void values_data();
     void values();
-    void placeholders();
-    void functionTable();
 };
 
 void ModbusTest::pdu_data()
@@ -244,44 +242,6 @@ void ModbusTest::values()
     } else {
         QVERIFY(!r.isOk());
         QCOMPARE(r.errorText(), error);
-    }
-}
-
-void ModbusTest::placeholders()
-{
-    QCOMPARE(ModbusValuesParser::placeholder(0x06), QString("Register value in HEX, e.g. 00 0A"));
-    QCOMPARE(ModbusValuesParser::placeholder(0x10), QString("Register values in HEX, e.g. 000A 0102"));
-    QCOMPARE(ModbusValuesParser::placeholder(0x0F), QString("Coil states 0/1, e.g. 1 0 1 1"));
-    QVERIFY(ModbusValuesParser::placeholder(0x03).isEmpty());
-}
-
-void ModbusTest::functionTable()
-{
-    struct Row
-    {
-        int code;
-        QString label;
-        QString countName;
-        int limit;
-    };
-    // The builder's combo box: labels with two spaces after the code.
-    const QList<Row> expected = {
-        {0x01, "01  Read Coils", "Coil count", 2000},
-        {0x02, "02  Read Discrete Inputs", "Coil count", 2000},
-        {0x03, "03  Read Holding Registers", "Register count", 125},
-        {0x04, "04  Read Input Registers", "Register count", 125},
-        {0x05, "05  Write Single Coil", QString(), 1},
-        {0x06, "06  Write Single Register", QString(), 1},
-        {0x0F, "0F  Write Multiple Coils", "Coil count", 1968},
-        {0x10, "10  Write Multiple Registers", "Register count", 123},
-    };
-    const QList<ModbusCodec::Function> &functions = ModbusCodec::functions();
-    QCOMPARE(functions.size(), expected.size());
-    for (qsizetype i = 0; i < functions.size(); ++i) {
-        QCOMPARE(int(functions[i].code), expected[i].code);
-        QCOMPARE(ModbusCodec::functionLabel(functions[i]), expected[i].label);
-        QCOMPARE(QString::fromLatin1(functions[i].countName), expected[i].countName);
-        QCOMPARE(functions[i].maxCount, expected[i].limit);
     }
 }
 
