@@ -2,63 +2,72 @@
 
 #include <QCoreApplication>
 
+#include <array>
+
 namespace {
 
-int digitValue(char16_t c)
+constexpr std::array<qint8, 128> digitTable = [] {
+    std::array<qint8, 128> t{};
+    for (auto &v : t)
+        v = -1;
+    for (int c = '0'; c <= '9'; ++c)
+        t[c] = qint8(c - '0');
+    for (int c = 'a'; c <= 'f'; ++c)
+        t[c] = qint8(c - 'a' + 10);
+    for (int c = 'A'; c <= 'F'; ++c)
+        t[c] = qint8(c - 'A' + 10);
+    return t;
+}();
+
+inline int digitValue(QChar c)
 {
-    if (c >= u'0' && c <= u'9')
-        return c - u'0';
-    if (c >= u'a' && c <= u'f')
-        return c - u'a' + 10;
-    if (c >= u'A' && c <= u'F')
-        return c - u'A' + 10;
-    return -1;
+    const char16_t u = c.unicode();
+    return u < 128 ? digitTable[u] : -1;
 }
 
-// 1-based position counted in characters, so a character outside the basic
-// plane counts once.
-qsizetype characterPosition(QStringView text, qsizetype index)
+ValueResult<QByteArray> invalidAt(qsizetype index)
 {
-    qsizetype position = 0;
-    for (qsizetype i = 0; i <= index && i < text.size(); ++i) {
-        if (!(text.at(i).isLowSurrogate() && i > 0 && text.at(i - 1).isHighSurrogate()))
-            ++position;
-    }
-    return position;
+    // Everything before the first invalid character is a digit or white
+    // space, all in the basic plane, so the UTF-16 index is the character
+    // position even when the invalid character is an emoji.
+    return ValueResult<QByteArray>::failure(HexParser::invalidCharacterText(index + 1));
 }
 
 ValueResult<QByteArray> parseStream(QStringView text)
 {
-    QByteArray out;
-    out.reserve(text.size() / 2);
+    QByteArray out(text.size() / 2, Qt::Uninitialized);
+    char *dst = out.data();
     int high = -1;
     for (qsizetype i = 0; i < text.size(); ++i) {
         const QChar c = text.at(i);
-        if (c.isSpace())
-            continue;
-        const int v = digitValue(c.unicode());
-        if (v < 0)
-            return ValueResult<QByteArray>::failure(HexParser::invalidCharacterText(characterPosition(text, i)));
+        const int v = digitValue(c);
+        if (v < 0) {
+            if (c.isSpace())
+                continue;
+            return invalidAt(i);
+        }
         if (high < 0) {
             high = v;
         } else {
-            out.append(char((high << 4) | v));
+            *dst++ = char((high << 4) | v);
             high = -1;
         }
     }
     if (high >= 0)
         return ValueResult<QByteArray>::failure(HexParser::incompleteBytesText());
+    out.truncate(dst - out.constData());
     return out;
 }
 
-bool isTokenSeparator(QChar c)
+inline bool isTokenSeparator(QChar c)
 {
-    return c.isSpace() || c == u',';
+    return c == u' ' || c == u',' || c.isSpace();
 }
 
 ValueResult<QByteArray> parseTokens(QStringView text)
 {
     QByteArray out;
+    out.reserve(text.size() / 2 + 1);
     qsizetype i = 0;
     while (i < text.size()) {
         if (isTokenSeparator(text.at(i))) {
@@ -68,23 +77,22 @@ ValueResult<QByteArray> parseTokens(QStringView text)
         qsizetype start = i;
         while (i < text.size() && !isTokenSeparator(text.at(i)))
             ++i;
-        QStringView token = text.mid(start, i - start);
-        if (token.size() > 2 && token.at(0) == u'0' && (token.at(1) == u'x' || token.at(1) == u'X')) {
-            token = token.mid(2);
+        if (i - start > 2 && text.at(start) == u'0' && (text.at(start + 1) == u'x' || text.at(start + 1) == u'X'))
             start += 2;
+        for (qsizetype k = start; k < i; ++k) {
+            if (digitValue(text.at(k)) < 0)
+                return invalidAt(k);
         }
-        for (qsizetype k = 0; k < token.size(); ++k) {
-            if (digitValue(token.at(k).unicode()) < 0)
-                return ValueResult<QByteArray>::failure(HexParser::invalidCharacterText(characterPosition(text, start + k)));
-        }
-        if (token.size() == 1) {
-            out.append(char(digitValue(token.at(0).unicode())));
+        const qsizetype length = i - start;
+        // A lone digit is a whole byte ("a" is 0A); longer tokens hold pairs.
+        if (length == 1) {
+            out.append(char(digitValue(text.at(start))));
             continue;
         }
-        if (token.size() % 2 != 0)
+        if (length % 2 != 0)
             return ValueResult<QByteArray>::failure(HexParser::incompleteBytesText());
-        for (qsizetype k = 0; k < token.size(); k += 2)
-            out.append(char((digitValue(token.at(k).unicode()) << 4) | digitValue(token.at(k + 1).unicode())));
+        for (qsizetype k = start; k < i; k += 2)
+            out.append(char((digitValue(text.at(k)) << 4) | digitValue(text.at(k + 1))));
     }
     return out;
 }

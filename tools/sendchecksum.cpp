@@ -1,11 +1,13 @@
 #include "tools/sendchecksum.h"
 
+#include "tools/crccatalogue.h"
+
+#include <QCoreApplication>
 #include <QtEndian>
-#include <QtGlobal>
 
 namespace {
 
-quint8 sum8(const QByteArray &data)
+quint8 sum8(QByteArrayView data)
 {
     quint8 sum = 0;
     for (char c : data)
@@ -13,45 +15,12 @@ quint8 sum8(const QByteArray &data)
     return sum;
 }
 
-quint8 xor8(const QByteArray &data)
+quint8 xor8(QByteArrayView data)
 {
     quint8 x = 0;
     for (char c : data)
         x ^= quint8(c);
     return x;
-}
-
-quint8 crc8(const QByteArray &data)
-{
-    quint8 crc = 0;
-    for (char c : data) {
-        crc ^= quint8(c);
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 0x80) ? quint8((crc << 1) ^ 0x07) : quint8(crc << 1);
-    }
-    return crc;
-}
-
-quint16 crc16Modbus(const QByteArray &data)
-{
-    quint16 crc = 0xFFFF;
-    for (char c : data) {
-        crc ^= quint8(c);
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 1) ? quint16((crc >> 1) ^ 0xA001) : quint16(crc >> 1);
-    }
-    return crc;
-}
-
-quint32 crc32(const QByteArray &data)
-{
-    quint32 crc = 0xFFFFFFFFu;
-    for (char c : data) {
-        crc ^= quint8(c);
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 1) ? (crc >> 1) ^ 0xEDB88320u : crc >> 1;
-    }
-    return crc ^ 0xFFFFFFFFu;
 }
 
 } // namespace
@@ -60,33 +29,29 @@ QByteArray appendSendChecksum(const QByteArray &payload, SendChecksumKind kind)
 {
     if (payload.isEmpty())
         return payload;
-    QByteArray out = payload;
+    // The CRC kinds are the catalogue's rows of the same names, so both share
+    // the table-driven code.
     switch (kind) {
     case SendChecksumKind::Sum8:
-        out.append(char(sum8(payload)));
-        break;
+        return payload + char(sum8(payload));
     case SendChecksumKind::Xor8:
-        out.append(char(xor8(payload)));
-        break;
+        return payload + char(xor8(payload));
     case SendChecksumKind::Crc8:
-        out.append(char(crc8(payload)));
-        break;
+        return payload + char(computeCatalogueCrc(CrcModelId::Crc8, payload));
     case SendChecksumKind::Crc16Modbus: {
         char le[2];
-        qToLittleEndian(crc16Modbus(payload), le);
-        out.append(le, 2);
-        break;
+        qToLittleEndian(quint16(computeCatalogueCrc(CrcModelId::Crc16Modbus, payload)), le);
+        return QByteArray(payload).append(le, 2);
     }
     case SendChecksumKind::Crc32: {
         char le[4];
-        qToLittleEndian(crc32(payload), le);
-        out.append(le, 4);
+        qToLittleEndian(quint32(computeCatalogueCrc(CrcModelId::Crc32, payload)), le);
+        return QByteArray(payload).append(le, 4);
+    }
+    case SendChecksumKind::None:
         break;
     }
-    default:
-        break;
-    }
-    return out;
+    return payload;
 }
 
 QStringList sendChecksumLabels()
@@ -105,7 +70,15 @@ QStringList sendChecksumLabels()
     return result;
 }
 
+QStringList translatedSendChecksumLabels()
+{
+    QStringList result;
+    for (const QString &label : sendChecksumLabels())
+        result.append(QCoreApplication::translate("SendChecksum", label.toLatin1().constData()));
+    return result;
+}
+
 bool isKnownSendChecksum(int value)
 {
-    return value >= 0 && value <= 5;
+    return value >= int(SendChecksumKind::None) && value <= int(SendChecksumKind::Crc32);
 }

@@ -27,4 +27,6 @@ inline QByteArray appendSendChecksum(const QByteArray &payload, int kind)
 // The six labels in value order, untranslated (wrap each in tr() context
 // "SendChecksum" when showing them).
 QStringList sendChecksumLabels();
+// The same six labels through the translation, for combo boxes.
+QStringList translatedSendChecksumLabels();
 bool isKnownSendChecksum(int value);
