@@ -103,6 +103,313 @@
     </message>
 </context>
 <context>
+    <name>SerialPortWidget</name>
+    <message>
+        <source>A file transfer is using this port. Changing the control lines would interrupt it.</source>
+        <translation>文件传输正在使用此端口，更改控制线会中断传输。</translation>
+    </message>
+    <message>
+        <source>Could not send Break: the connection is not open.</source>
+        <translation>无法发送 Break：连接未打开。</translation>
+    </message>
+    <message>
+        <source>TCP connection RESTORED</source>
+        <translation>TCP 连接已恢复</translation>
+    </message>
+    <message>
+        <source>A file transfer is using this port. Sending data now would corrupt it.</source>
+        <translation>文件传输正在使用此端口，此时发送数据会破坏传输。</translation>
+    </message>
+    <message>
+        <source>The connection is not open.</source>
+        <translation>连接未打开。</translation>
+    </message>
+    <message>
+        <source>A file transfer is running.</source>
+        <translation>文件传输正在进行。</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 OPEN FAILED</source>
+        <translation>串口 %1 打开失败</translation>
+    </message>
+    <message>
+        <source>Connecting to %1:%2 ...</source>
+        <translation>正在连接 %1:%2 ...</translation>
+    </message>
+    <message>
+        <source>Send</source>
+        <translation>发送</translation>
+    </message>
+    <message>
+        <source>Open</source>
+        <translation>打开</translation>
+    </message>
+    <message>
+        <source>%1 waiting to reconnect</source>
+        <translation>%1 等待重新连接</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 lost, waiting for it to come back...</source>
+        <translation>串口 %1 已断开，正在等待其恢复...</translation>
+    </message>
+    <message>
+        <source>Reconnecting to %1:%2 ...</source>
+        <translation>正在重新连接 %1:%2 ...</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 RECONNECTED</source>
+        <translation>串口 %1 已重新连接</translation>
+    </message>
+    <message>
+        <source>A file transfer is using this port. Changing the port settings would interrupt it.</source>
+        <translation>文件传输正在使用此端口，更改端口设置会中断传输。</translation>
+    </message>
+    <message>
+        <source>The port keeps its previous settings: %1</source>
+        <translation>端口保持原有设置：%1</translation>
+    </message>
+    <message>
+        <source>All clients</source>
+        <translation>所有客户端</translation>
+    </message>
+    <message>
+        <source>Last peer heard</source>
+        <translation>最近通信的对端</translation>
+    </message>
+    <message>
+        <source>Tx: %L1 Bytes</source>
+        <translation>发送: %L1 字节</translation>
+    </message>
+    <message>
+        <source>Rx: %L1 Bytes</source>
+        <translation>接收: %L1 字节</translation>
+    </message>
+    <message>
+        <source>Find...</source>
+        <translation>查找...</translation>
+    </message>
+    <message>
+        <source>Resume</source>
+        <translation>继续</translation>
+    </message>
+    <message>
+        <source>Pause</source>
+        <translation>暂停</translation>
+    </message>
+    <message>
+        <source>Clear</source>
+        <translation>清除</translation>
+    </message>
+    <message>
+        <source>Save View As...</source>
+        <translation>将显示内容另存为...</translation>
+    </message>
+    <message>
+        <source>Save View As</source>
+        <translation>将显示内容另存为</translation>
+    </message>
+    <message>
+        <source>Text files (*.txt);;All files (*)</source>
+        <translation>文本文件 (*.txt);;所有文件 (*)</translation>
+    </message>
+    <message>
+        <source>Could not save '%1': %2</source>
+        <translation>无法保存“%1”：%2</translation>
+    </message>
+    <message>
+        <source>A file transfer is already running on this port.</source>
+        <translation>此端口上已有文件传输正在进行。</translation>
+    </message>
+    <message>
+        <source>File transfer needs an ordered, reliable connection. UDP cannot provide one.</source>
+        <translation>文件传输需要有序、可靠的连接，UDP 无法提供。</translation>
+    </message>
+    <message>
+        <source>The view is paused. Resume it before transferring a file.</source>
+        <translation>显示已暂停。请先恢复显示再传输文件。</translation>
+    </message>
+    <message>
+        <source>No client is connected yet.</source>
+        <translation>尚无客户端连接。</translation>
+    </message>
+    <message>
+        <source>Several clients are connected. Select the one to transfer with.</source>
+        <translation>已连接多个客户端。请选择要进行传输的客户端。</translation>
+    </message>
+    <message>
+        <source>Log Folder</source>
+        <translation>日志文件夹</translation>
+    </message>
+    <message>
+        <source>None</source>
+        <translation>无</translation>
+    </message>
+    <message>
+        <source>Text</source>
+        <translation>文本</translation>
+    </message>
+    <message>
+        <source>Hex</source>
+        <translation>十六进制</translation>
+    </message>
+    <message>
+        <source>Connection Settings</source>
+        <translation>连接设置</translation>
+    </message>
+    <message>
+        <source>Receive Settings</source>
+        <translation>接收设置</translation>
+    </message>
+    <message>
+        <source>Format</source>
+        <translation>格式</translation>
+    </message>
+    <message>
+        <source>Start a new line after an idle interval</source>
+        <translation>空闲一段时间后换行</translation>
+    </message>
+    <message>
+        <source> ms</source>
+        <translation> 毫秒</translation>
+    </message>
+    <message>
+        <source>Auto Line Feed</source>
+        <translation>自动换行</translation>
+    </message>
+    <message>
+        <source>Display Time</source>
+        <translation>显示时间</translation>
+    </message>
+    <message>
+        <source>Prefix received data with a timestamp</source>
+        <translation>在接收数据前加上时间戳</translation>
+    </message>
+    <message>
+        <source>Display Send</source>
+        <translation>显示发送</translation>
+    </message>
+    <message>
+        <source>Echo sent data in the display</source>
+        <translation>在显示区回显已发送的数据</translation>
+    </message>
+    <message>
+        <source>Characters kept in the view; the oldest half goes when it is full</source>
+        <translation>显示区保留的字符数；满时删除最早的一半</translation>
+    </message>
+    <message>
+        <source>Buffer</source>
+        <translation>缓冲区</translation>
+    </message>
+    <message>
+        <source>Save to Log</source>
+        <translation>保存到日志</translation>
+    </message>
+    <message>
+        <source>Record everything the view shows into a log file</source>
+        <translation>将显示区的全部内容记录到日志文件</translation>
+    </message>
+    <message>
+        <source>Log folder</source>
+        <translation>日志文件夹</translation>
+    </message>
+    <message>
+        <source>Choose the log folder</source>
+        <translation>选择日志文件夹</translation>
+    </message>
+    <message>
+        <source>Send Settings</source>
+        <translation>发送设置</translation>
+    </message>
+    <message>
+        <source>Ending appended to each send</source>
+        <translation>每次发送时追加的结束符</translation>
+    </message>
+    <message>
+        <source>Append Line Ending</source>
+        <translation>追加行结束符</translation>
+    </message>
+    <message>
+        <source>Checksum appended to each send</source>
+        <translation>每次发送时追加的校验</translation>
+    </message>
+    <message>
+        <source>Append Checksum</source>
+        <translation>追加校验</translation>
+    </message>
+    <message>
+        <source>Bytes sent when Enter is pressed in the receive terminal</source>
+        <translation>在接收终端中按回车键时发送的字节</translation>
+    </message>
+    <message>
+        <source>Local Echo</source>
+        <translation>本地回显</translation>
+    </message>
+    <message>
+        <source>Echo keys typed into the receive terminal</source>
+        <translation>回显在接收终端中键入的按键</translation>
+    </message>
+    <message>
+        <source>Enter Sends</source>
+        <translation>回车发送</translation>
+    </message>
+    <message>
+        <source>Resend automatically at an interval</source>
+        <translation>按间隔自动重复发送</translation>
+    </message>
+    <message>
+        <source>ms</source>
+        <translation>毫秒</translation>
+    </message>
+    <message>
+        <source>s</source>
+        <translation>秒</translation>
+    </message>
+    <message>
+        <source>Loop Send</source>
+        <translation>循环发送</translation>
+    </message>
+    <message>
+        <source>Line by Line</source>
+        <translation>逐行发送</translation>
+    </message>
+    <message>
+        <source>Send multi-line input line by line</source>
+        <translation>将多行输入逐行发送</translation>
+    </message>
+    <message>
+        <source>Reset the byte counters</source>
+        <translation>重置字节计数</translation>
+    </message>
+    <message>
+        <source>Pause the display; received data is kept</source>
+        <translation>暂停显示；接收的数据会被保留</translation>
+    </message>
+    <message>
+        <source>Clear the display</source>
+        <translation>清空显示</translation>
+    </message>
+    <message>
+        <source>Find in received data (Ctrl+F)</source>
+        <translation>在接收数据中查找 (Ctrl+F)</translation>
+    </message>
+    <message>
+        <source>Where the data goes</source>
+        <translation>数据发往何处</translation>
+    </message>
+    <message>
+        <source>Texts sent before; choose one to send it again</source>
+        <translation>之前发送过的内容；选择一项可再次发送</translation>
+    </message>
+    <message>
+        <source>Text to send; Ctrl+Enter sends</source>
+        <translation>要发送的文本；Ctrl+Enter 发送</translation>
+    </message>
+    <message>
+        <source>Close</source>
+        <translation>关闭</translation>
+    </message>
+</context>
+<context>
     <name>WireTextCodec</name>
     <message>
         <source>The character '%1' cannot be encoded as %2. Change the encoding or edit the message.</source>
