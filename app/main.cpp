@@ -6,6 +6,7 @@
 #include "app/mainwindow.h"
 #include "app/screenshotrunner.h"
 #include "app/setconfigfilepathdialog.h"
+#include "terminal/logwriter.h"
 
 #include <QApplication>
 #include <QLocale>
@@ -16,6 +17,7 @@ int main(int argc, char *argv[])
 {
     QApplication app(argc, argv);
     AppIdentity::apply(app);
+    LogWriter::launchTime();  // the data log's header reports the real start
 
     qCDebug(lcApp) << "argc:" << argc;
     for (int i = 0; i < argc; ++i)
@@ -41,6 +43,10 @@ int main(int argc, char *argv[])
     if (commandLine.screenshotMode != CommandLine::ScreenshotMode::None) {
         auto *runner = new ScreenshotRunner(&window, commandLine, ScreenshotDialogs::standard(), &app);
         runner->start();
+    } else if (!commandLine.portName.isEmpty()) {
+        window.openPortFromCommandLine(commandLine.portName);
+    } else {
+        window.restoreLastConnection();
     }
 
     return app.exec();

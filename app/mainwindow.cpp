@@ -3,19 +3,146 @@
 #include "app/languagechoice.h"
 #include "app/logging.h"
 #include "app/windowplacement.h"
+#include "terminal/serialportwidget.h"
 #include "ui_mainwindow.h"
 
+#include <QApplication>
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QMessageBox>
 #include <QScreen>
 #include <QSettings>
+#include <QSplitter>
+#include <QStatusBar>
+#include <QVBoxLayout>
 
 MainWindow::MainWindow(QWidget *parent)
     : QMainWindow(parent)
     , ui(new Ui::MainWindow)
 {
     ui->setupUi(this);
+    auto *layout = new QVBoxLayout(ui->portArea);
+    layout->setContentsMargins(0, 0, 0, 0);
+    m_portSplitter = new QSplitter(Qt::Vertical, ui->portArea);
+    m_portSplitter->setObjectName(QStringLiteral("portSplitter"));
+    m_portSplitter->setHandleWidth(8);
+    m_portSplitter->setChildrenCollapsible(false);
+    layout->addWidget(m_portSplitter);
+
+    QSettings settings;
+    m_lastUsed.load(settings);
+    {
+        const QSignalBlocker b1(ui->acControlOpen);
+        const QSignalBlocker b2(ui->acAutoReconnect);
+        ui->acControlOpen->setChecked(LastUsedRecord::readOpenLastConnection(settings));
+        ui->acAutoReconnect->setChecked(LastUsedRecord::readAutoReconnect(settings));
+    }
+    m_lastUsed.openLastConnection = ui->acControlOpen->isChecked();
+    m_lastUsed.autoReconnect = ui->acAutoReconnect->isChecked();
+    addPane();
+}
+
+SerialPortWidget *MainWindow::addPane()
+{
+    auto *pane = new SerialPortWidget(int(m_panes.size()) + 1, m_portSplitter);
+    pane->applySettings(m_lastUsed.connection, m_lastUsed.pane, m_lastUsed.sendList);
+    pane->setAutoReconnect(ui->acAutoReconnect->isChecked());
+    m_portSplitter->addWidget(pane);
+    m_panes.append(pane);
+    connect(pane, &SerialPortWidget::statusMessage, this,
+            [this](const QString &text, int timeoutMs) { statusBar()->showMessage(text, timeoutMs); });
+    connect(pane, &SerialPortWidget::settingsChanged, this, [this, pane] { saveLastUsed(pane); });
+    return pane;
+}
+
+SerialPortWidget *MainWindow::currentPane() const
+{
+    for (SerialPortWidget *pane : m_panes) {
+        if (pane->isAncestorOf(QApplication::focusWidget()))
+            return pane;
+    }
+    return m_panes.isEmpty() ? nullptr : m_panes.constFirst();
+}
+
+void MainWindow::saveLastUsed(const SerialPortWidget *pane)
+{
+    m_lastUsed.connection = pane->connectionConfig();
+    m_lastUsed.pane = pane->paneOptions();
+    m_lastUsed.sendList = pane->sendHistory();
+    QSettings settings;
+    m_lastUsed.save(settings);
+}
+
+bool MainWindow::openPortFromCommandLine(const QString &portName)
+{
+    SerialPortWidget *pane = currentPane();
+    if (!pane)
+        return false;
+    ConnectionConfig config = pane->connectionConfig();
+    if (config.mode != ConnectionMode::Serial) {
+        config.mode = ConnectionMode::Serial;
+        pane->applySettings(config, pane->paneOptions(), pane->sendHistory());
+    }
+    if (pane->openConnection(portName))
+        return true;
+    QMessageBox::warning(this, tr("Tessaline"), tr("Serial Port %1 OPEN FAILED").arg(portName));
+    return false;
+}
+
+void MainWindow::restoreLastConnection()
+{
+    if (!ui->acControlOpen->isChecked() || !m_lastUsed.lastConnectionOpen)
+        return;
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->openConnection({}, true);
+}
+
+void MainWindow::on_acMonStart_triggered()
+{
+    for (SerialPortWidget *pane : std::as_const(m_panes)) {
+        if (!pane->isConnectionOpen())
+            pane->openConnection();
+    }
+}
+
+void MainWindow::on_acMonStop_triggered()
+{
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->closeConnection();
+}
+
+void MainWindow::on_acControlOpen_toggled(bool on)
+{
+    m_lastUsed.openLastConnection = on;
+    QSettings settings;
+    settings.setValue(QStringLiteral("OpenLastConnection"), on);
+}
+
+void MainWindow::on_acAutoReconnect_toggled(bool on)
+{
+    m_lastUsed.autoReconnect = on;
+    QSettings settings;
+    settings.setValue(QStringLiteral("AutoReconnect"), on);
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->setAutoReconnect(on);
+}
+
+void MainWindow::on_acEditClear_triggered()
+{
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->clearDisplay();
+}
+
+void MainWindow::on_acEditPause_toggled(bool on)
+{
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->setPaused(on);
+}
+
+void MainWindow::on_actionClearSendHistory_triggered()
+{
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->clearSendHistory();
 }
 
 MainWindow::~MainWindow()
@@ -43,6 +170,16 @@ void MainWindow::closeEvent(QCloseEvent *event)
     QSettings settings;
     qCDebug(lcApp) << "### position:" << pos();
     WindowPlacement::store(settings, size(), pos());
+    bool anyOpen = false;
+    for (SerialPortWidget *pane : std::as_const(m_panes)) {
+        const bool open = pane->isConnectionOpen() || pane->isReconnecting();
+        anyOpen |= open;
+        if (open) {
+            pane->disarmReconnect();
+            pane->closeConnection();
+        }
+    }
+    settings.setValue(QStringLiteral("LastConnectionOpen"), anyOpen);
     event->accept();
 }
 

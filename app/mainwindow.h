@@ -1,8 +1,13 @@
 #pragma once
 
+#include "app/lastusedrecord.h"
+
+#include <QList>
 #include <QMainWindow>
 
 class QSettings;
+class QSplitter;
+class SerialPortWidget;
 
 namespace Ui {
 class MainWindow;
@@ -22,6 +27,17 @@ public:
     // the primary screen's available area.
     void restoreGeometryFrom(const QSettings &settings);
 
+    const QList<SerialPortWidget *> &panes() const { return m_panes; }
+    SerialPortWidget *currentPane() const;
+    SerialPortWidget *addPane();
+
+    // Opens the port named on the command line in the current pane; a
+    // failure is reported in a warning box.
+    bool openPortFromCommandLine(const QString &portName);
+    // Re-opens at start the connection that was open at the last exit, when
+    // the user asked for that.
+    void restoreLastConnection();
+
 protected:
     void closeEvent(QCloseEvent *event) override;
 
@@ -29,9 +45,20 @@ private Q_SLOTS:
     void on_acFileExit_triggered();
     void on_actionEnglish_triggered();
     void on_actionChinese_triggered();
+    void on_acMonStart_triggered();
+    void on_acMonStop_triggered();
+    void on_acControlOpen_toggled(bool on);
+    void on_acAutoReconnect_toggled(bool on);
+    void on_acEditClear_triggered();
+    void on_acEditPause_toggled(bool on);
+    void on_actionClearSendHistory_triggered();
 
 private:
     void chooseLanguage(int value);
+    void saveLastUsed(const SerialPortWidget *pane);
 
     Ui::MainWindow *ui;
+    QSplitter *m_portSplitter;
+    QList<SerialPortWidget *> m_panes;
+    LastUsedRecord m_lastUsed;
 };

@@ -290,7 +290,8 @@ void ConnectionSettingsWidget::setConfig(const ConnectionConfig &config)
     QString portText;
     switch (config.mode) {
     case ConnectionMode::Serial:
-        portText = config.portName;
+        // No port chosen yet: offer the first one the system has.
+        portText = config.portName.isEmpty() ? m_portBox->itemText(0) : config.portName;
         if (config.portName == defaultPortName() && m_portBox->findText(defaultPortLabel()) >= 0)
             portText = defaultPortLabel();
         break;

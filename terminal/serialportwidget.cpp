@@ -164,7 +164,11 @@ void SerialPortWidget::applySettings(const ConnectionConfig &config, const PaneO
     }
     if (const auto codec = WireTextCodecRegistry::resolve(m_options.receiveEncoding))
         m_consoleDecoder = WireTextDecoder(codec.value());
-    updateControlLineAvailability();
+    // With no port chosen yet the form offers the first one; that is the one
+    // an open uses.
+    if (m_config.mode == ConnectionMode::Serial && m_config.portName.isEmpty())
+        m_config.portName = ui.connectionSettings->config().portName;
+    updateOpenState();
     updateTargets();
     m_loading = false;
 }

@@ -19,6 +19,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QScrollArea>
+#include <QScrollBar>
 #include <QSpinBox>
 #include <QSplitter>
 #include <QToolButton>
@@ -171,6 +172,9 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     sendForm->addRow(QString(), cbLinebyLine);
     optionsLayout->addWidget(sendGroup);
     optionsLayout->addStretch(1);
+    // The column never gets narrower than its widgets; the scroll area then
+    // only ever scrolls vertically.
+    scroll->setMinimumWidth(options->minimumSizeHint().width() + scroll->verticalScrollBar()->sizeHint().width());
     splitter->addWidget(scroll);
 
     // ---- Views column ----

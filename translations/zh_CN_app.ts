@@ -11,6 +11,10 @@
         <source>The changes will take effect when the program is restarted.</source>
         <translation>更改将在程序重新启动后生效。</translation>
     </message>
+    <message>
+        <source>Serial Port %1 OPEN FAILED</source>
+        <translation>串口 %1 打开失败</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

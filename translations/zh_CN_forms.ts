@@ -39,6 +39,50 @@
         <source>Chinese</source>
         <translation>简体中文</translation>
     </message>
+    <message>
+        <source>&amp;Connection</source>
+        <translation>连接(&amp;C)</translation>
+    </message>
+    <message>
+        <source>Start</source>
+        <translation>开始</translation>
+    </message>
+    <message>
+        <source>Stop</source>
+        <translation>停止</translation>
+    </message>
+    <message>
+        <source>Auto Restore Last Connection</source>
+        <translation>自动恢复上次连接</translation>
+    </message>
+    <message>
+        <source>Restore the connection that was open at last exit</source>
+        <translation>恢复上次退出时处于打开状态的连接</translation>
+    </message>
+    <message>
+        <source>Auto Reconnect</source>
+        <translation>自动重连</translation>
+    </message>
+    <message>
+        <source>Automatically reconnect after a serial unplug or TCP connection loss</source>
+        <translation>串口拔出或 TCP 连接断开后自动重新连接</translation>
+    </message>
+    <message>
+        <source>Clear All Displays</source>
+        <translation>清除所有显示</translation>
+    </message>
+    <message>
+        <source>Ctrl+L</source>
+        <translation>Ctrl+L</translation>
+    </message>
+    <message>
+        <source>Pause</source>
+        <translation>暂停</translation>
+    </message>
+    <message>
+        <source>Clear All Send Histories</source>
+        <translation>清除所有发送历史</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

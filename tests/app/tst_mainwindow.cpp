@@ -2,9 +2,12 @@
 #include "app/mainwindow.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
+#include "terminal/serialportwidget.h"
 #include "support/settingssandbox.h"
 
 #include <QAction>
+#include <QCheckBox>
+#include <QTcpServer>
 #include <QApplication>
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -29,6 +32,9 @@ private Q_SLOTS:
     void restoresSizeAndOnlyInsidePositions();
     void closeStoresGeometry();
     void languageActionsStoreChoice();
+    void paneStartsFromLastUsedAndSavesChanges();
+    void commandLinePortFailureWarns();
+    void openConnectionIsRememberedAndRestored();
     void configDialogCreatesFolder();
     void configDialogKeepsOpenOnBadFolder();
 
@@ -60,13 +66,13 @@ void MainWindowTest::restoresSizeAndOnlyInsidePositions()
 void MainWindowTest::closeStoresGeometry()
 {
     MainWindow w;
-    w.resize(640, 480);
+    w.resize(1100, 760);
     w.move(20, 30);
     w.show();
     QVERIFY(QTest::qWaitForWindowExposed(&w));
     w.close();
     QSettings settings;
-    QCOMPARE(WindowPlacement::storedSize(settings), QSize(640, 480));
+    QCOMPARE(WindowPlacement::storedSize(settings), QSize(1100, 760));
     QCOMPARE(WindowPlacement::storedPosition(settings), w.pos());
 }
 
@@ -88,6 +94,69 @@ void MainWindowTest::languageActionsStoreChoice()
         QCOMPARE(LanguageChoice::stored(settings), value);
         QCOMPARE(boxText, QString("The changes will take effect when the program is restarted."));
     }
+}
+
+void MainWindowTest::paneStartsFromLastUsedAndSavesChanges()
+{
+    {
+        QSettings settings;
+        settings.setValue("LastBaudrate", 115200);
+        settings.setValue("LastReceiveEncoding", "GBK");
+        settings.setValue("LastDisplaySendTime", false);
+    }
+    MainWindow w;
+    QCOMPARE(w.panes().size(), 1);
+    SerialPortWidget *pane = w.panes().constFirst();
+    QCOMPARE(pane->connectionConfig().baudRate, 115200);
+    QCOMPARE(pane->paneOptions().receiveEncoding, QString("GBK"));
+
+    pane->findChild<QCheckBox *>("displayTimeBox")->click();
+    QSettings settings;
+    QCOMPARE(settings.value("LastDisplaySendTime").toBool(), true);
+    QCOMPARE(settings.value("LastBaudrate").toInt(), 115200);
+}
+
+void MainWindowTest::commandLinePortFailureWarns()
+{
+    MainWindow w;
+    QString boxText;
+    QTimer::singleShot(0, [&boxText] {
+        if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+            boxText = box->text();
+            box->accept();
+        }
+    });
+    QVERIFY(!w.openPortFromCommandLine("/nonexistent/ttyTess"));
+    QCOMPARE(boxText, QString("Serial Port /nonexistent/ttyTess OPEN FAILED"));
+    QCOMPARE(w.panes().constFirst()->connectionConfig().portName, QString("/nonexistent/ttyTess"));
+}
+
+void MainWindowTest::openConnectionIsRememberedAndRestored()
+{
+    QTcpServer probe;  // finds a free port for the pane to listen on
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    const quint16 port = probe.serverPort();
+    probe.close();
+    {
+        QSettings settings;
+        settings.setValue("LastConnMode", 1);
+        settings.setValue("LastTargetPort", port);
+        settings.setValue("OpenLastConnection", true);
+    }
+    {
+        MainWindow w;
+        w.show();
+        QVERIFY(w.panes().constFirst()->openConnection());
+        w.close();
+        QVERIFY(!w.panes().constFirst()->isConnectionOpen());
+    }
+    QSettings settings;
+    QCOMPARE(settings.value("LastConnectionOpen").toBool(), true);
+    MainWindow again;
+    again.restoreLastConnection();
+    QVERIFY(again.panes().constFirst()->isConnectionOpen());
+    again.close();
+    QCOMPARE(QSettings().value("LastConnectionOpen").toBool(), true);
 }
 
 void MainWindowTest::configDialogCreatesFolder()
