@@ -17,6 +17,8 @@ class ReceiveIngest
 public:
     // The view's drain budget per refresh.
     static constexpr qint64 kRefreshByteBudget = 262144;
+    // Larger reads are queued as several chunks of at most this size.
+    static constexpr qsizetype kMaxChunkBytes = 4 * 1024;
 
     explicit ReceiveIngest(qsizetype displayBufferSize = 1000000);
 
@@ -57,6 +59,8 @@ public:
     void clear();
 
 private:
+    void enqueueSplit(const QByteArray &bytes, const QDateTime &now, ChunkDirection direction);
+
     ChunkQueue m_queue;
     PausedBuffer m_paused;
     ReadThrottle m_throttle;

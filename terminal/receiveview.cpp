@@ -23,16 +23,21 @@ bool ReceiveView::isFollowingEnd() const
     return bar->value() >= bar->maximum();
 }
 
-void ReceiveView::insertAtEnd(const QString &text, const QTextCharFormat &format)
+void ReceiveView::insertAtEnd(const QList<Segment> &segments)
 {
-    if (text.isEmpty())
-        return;
     QScrollBar *bar = verticalScrollBar();
     const bool follow = bar->value() >= bar->maximum();
     QTextCursor cursor(document());
     cursor.movePosition(QTextCursor::End);
     cursor.beginEditBlock();
-    cursor.insertText(text, format);
+    for (const Segment &segment : segments) {
+        if (segment.text.isEmpty())
+            continue;
+        QTextCharFormat format;
+        if (segment.color.isValid())
+            format.setForeground(segment.color);
+        cursor.insertText(segment.text, format);
+    }
     cursor.endEditBlock();
     if (follow || m_justTrimmed) {
         bar->setValue(bar->maximum());
@@ -42,14 +47,20 @@ void ReceiveView::insertAtEnd(const QString &text, const QTextCharFormat &format
 
 void ReceiveView::appendPlain(const QString &text)
 {
-    insertAtEnd(text, QTextCharFormat());
+    if (!text.isEmpty())
+        insertAtEnd({Segment{text, QColor()}});
 }
 
 void ReceiveView::appendColored(const QString &text, const QColor &color)
 {
-    QTextCharFormat format;
-    format.setForeground(color);
-    insertAtEnd(text, format);
+    if (!text.isEmpty())
+        insertAtEnd({Segment{text, color}});
+}
+
+void ReceiveView::appendSegments(const QList<Segment> &segments)
+{
+    if (!segments.isEmpty())
+        insertAtEnd(segments);
 }
 
 void ReceiveView::writeNote(const QString &note)

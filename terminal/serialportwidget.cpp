@@ -482,6 +482,9 @@ void SerialPortWidget::drain(qint64 byteBudget, bool toLog)
     m_drainClock.start();
     qint64 total = 0;
     QString batch;
+    // The chunks' text goes into the view in one insert at the end.
+    QList<ReceiveView::Segment> segments;
+    m_drainSegments = &segments;
     do {
         // One chunk at a time, so the time limit can end a long drain.
         const QList<DisplayChunk> chunk = m_ingest.takeBatch(0);
@@ -492,6 +495,8 @@ void SerialPortWidget::drain(qint64 byteBudget, bool toLog)
         if (byteBudget >= 0 && (total >= byteBudget || m_drainClock.elapsed() >= kDrainTimeLimitMs))
             break;
     } while (m_ingest.hasPending());
+    m_drainSegments = nullptr;
+    ui.receiveView->appendSegments(segments);
 
     ui.receiveView->trimIfOver(m_options.displayBufferSize);
     if (ui.findBar->isActive())
@@ -509,11 +514,16 @@ QString SerialPortWidget::decodeBufferForUi(const DisplayChunk &rxData)
     if (text.isEmpty())
         return text;
     const QString &colorName = rxData.isReceived() ? m_options.receiveTextColor : m_options.sendTextColor;
-    const QColor color(colorName);
-    if (color.isValid() && color != QColor(Qt::black))
-        ui.receiveView->appendColored(text, color);
-    else
-        ui.receiveView->appendPlain(text);
+    QColor color(colorName);
+    if (color == QColor(Qt::black))
+        color = QColor();  // the view's own text colour
+    if (!m_drainSegments) {
+        ui.receiveView->appendSegments({ReceiveView::Segment{text, color}});
+    } else if (!m_drainSegments->isEmpty() && m_drainSegments->constLast().color == color) {
+        m_drainSegments->last().text += text;
+    } else {
+        m_drainSegments->append(ReceiveView::Segment{text, color});
+    }
     return text;
 }
 

@@ -6,6 +6,7 @@
 #include "terminal/linestepper.h"
 #include "terminal/logwriter.h"
 #include "terminal/paneoptions.h"
+#include "terminal/receiveview.h"
 #include "terminal/receiveingest.h"
 #include "terminal/sendhistory.h"
 #include "terminal/serialportwidgetui.h"
@@ -193,6 +194,8 @@ private:
 
     LogWriter m_log;
     QElapsedTimer m_drainClock;
+    // While a drain runs, decoded text collects here for one insert.
+    QList<ReceiveView::Segment> *m_drainSegments = nullptr;
 
     QTimer *m_refreshTimer;
     QTimer *m_sendTimer;
