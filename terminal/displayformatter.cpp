@@ -105,7 +105,7 @@ QString DisplayFormatter::foldLineEnds(QStringView text, Stream &stream) const
 }
 
 void DisplayFormatter::appendStampedLines(QString &out, QStringView text, const QString &stamp,
-                                          bool &lineStart) const
+                                          bool &lineStart)
 {
     qsizetype pos = 0;
     while (pos < text.size()) {

@@ -66,6 +66,10 @@ public:
     // included: "01 AB ".
     static QString toHex(QByteArrayView bytes);
 
+    // Appends text to out with stamp at the start of every line; lineStart
+    // says whether out is at a line start and is kept current.
+    static void appendStampedLines(QString &out, QStringView text, const QString &stamp, bool &lineStart);
+
 private:
     struct Stream
     {
@@ -75,7 +79,6 @@ private:
     };
 
     QString foldLineEnds(QStringView text, Stream &stream) const;
-    void appendStampedLines(QString &out, QStringView text, const QString &stamp, bool &lineStart) const;
 
     Options m_options;
     WireTextDecoder m_rxDecoder;

@@ -1,5 +1,7 @@
 #include "terminal/logwriter.h"
 
+#include "terminal/displayformatter.h"
+
 #include "app/appidentity.h"
 #include "app/logging.h"
 
@@ -276,16 +278,7 @@ Result LogWriter::append(QStringView batchText)
         const QString stamp = formatTimestamp(m_options.timestampPattern, m_clock());
         QString text;
         text.reserve(batchText.size() + stamp.size() * 4);
-        qsizetype pos = 0;
-        while (pos < batchText.size()) {
-            if (m_atLineStart)
-                text += stamp;
-            const qsizetype feed = batchText.indexOf(u'\n', pos);
-            const qsizetype end = feed < 0 ? batchText.size() : feed + 1;
-            text += batchText.mid(pos, end - pos);
-            m_atLineStart = feed >= 0;
-            pos = end;
-        }
+        DisplayFormatter::appendStampedLines(text, batchText, stamp, m_atLineStart);
         m_pending += text.toUtf8();
     }
     if (m_pending.size() >= kWriteThresholdBytes)

@@ -329,26 +329,10 @@ void SerialPortWidget::connectOptionWidgets()
     connect(ui.connectionSettings, &ConnectionSettingsWidget::connectionEdited, this,
             &SerialPortWidget::onConnectionConfigChanged);
 
-    connect(ui.indicatorLights, &ControlLineLights::dtrToggled, this, [this](bool on) {
-        if (isTransferActive()) {
-            showStatus(tr("A file transfer is using this port. Changing the control lines would interrupt it."), 5000);
-            ui.indicatorLights->setLevels(m_config.dtrOn, m_config.rtsOn);
-            return;
-        }
-        m_config.dtrOn = on;
-        m_controller->setControlLine(ConnectionController::ControlLine::Dtr, on);
-        announceSettingsChange();
-    });
-    connect(ui.indicatorLights, &ControlLineLights::rtsToggled, this, [this](bool on) {
-        if (isTransferActive()) {
-            showStatus(tr("A file transfer is using this port. Changing the control lines would interrupt it."), 5000);
-            ui.indicatorLights->setLevels(m_config.dtrOn, m_config.rtsOn);
-            return;
-        }
-        m_config.rtsOn = on;
-        m_controller->setControlLine(ConnectionController::ControlLine::Rts, on);
-        announceSettingsChange();
-    });
+    connect(ui.indicatorLights, &ControlLineLights::dtrToggled, this,
+            [this](bool on) { onControlLineToggled(ConnectionController::ControlLine::Dtr, on); });
+    connect(ui.indicatorLights, &ControlLineLights::rtsToggled, this,
+            [this](bool on) { onControlLineToggled(ConnectionController::ControlLine::Rts, on); });
     connect(ui.indicatorLights, &ControlLineLights::breakPressed, this, [this] {
         if (!isConnectionOpen()) {
             showStatus(tr("Could not send Break: the connection is not open."), 3000);
@@ -360,6 +344,18 @@ void SerialPortWidget::connectOptionWidgets()
         if (m_controller->breakLevel())
             m_controller->setControlLine(ConnectionController::ControlLine::Break, false);
     });
+}
+
+void SerialPortWidget::onControlLineToggled(ConnectionController::ControlLine line, bool on)
+{
+    if (isTransferActive()) {
+        showStatus(tr("A file transfer is using this port. Changing the control lines would interrupt it."), 5000);
+        ui.indicatorLights->setLevels(m_config.dtrOn, m_config.rtsOn);
+        return;
+    }
+    (line == ConnectionController::ControlLine::Dtr ? m_config.dtrOn : m_config.rtsOn) = on;
+    m_controller->setControlLine(line, on);
+    announceSettingsChange();
 }
 
 void SerialPortWidget::announceSettingsChange()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "connection/connectionconfig.h"
+#include "connection/connectioncontroller.h"
 #include "terminal/displaychunk.h"
 #include "terminal/displayformatter.h"
 #include "terminal/linestepper.h"
@@ -15,7 +16,6 @@
 #include <QElapsedTimer>
 #include <QWidget>
 
-class ConnectionController;
 class QTimer;
 
 // One port pane: the user's handle on one connection. It opens and closes
@@ -36,7 +36,7 @@ public:
     static constexpr int kSaveIntervalMs = 5000;
     // A drain stops early once it has taken this long, so that the event
     // loop keeps answering when the view cannot keep up.
-    static constexpr int kDrainTimeLimitMs = 25;
+    static constexpr int kDrainTimeLimitMs = 18;
 
     explicit SerialPortWidget(int paneId, QWidget *parent = nullptr);
     ~SerialPortWidget() override;
@@ -143,6 +143,7 @@ private:
     void showOptions();
     void readOptionsFromWidgets();
     void announceSettingsChange();
+    void onControlLineToggled(ConnectionController::ControlLine line, bool on);
     void ingestReceived(const QByteArray &data, const QString &peer = {});
     void applyReadThrottle();
     void drain(qint64 byteBudget, bool toLog);

@@ -1,5 +1,7 @@
 #include "tools/crccustomparams.h"
 
+#include "tools/hexparser.h"
+
 #include <QCoreApplication>
 
 #include <optional>
@@ -12,30 +14,10 @@ QString fitsWidthText(const char *field)
         .arg(QCoreApplication::translate("CrcCalculator", field));
 }
 
-// Hexadecimal digits only (surrounding white space ignored, leading zeros
-// allowed); none when the text is empty, holds anything else or overflows.
+// Surrounding white space is forgiven, as a user may paste it.
 std::optional<quint64> parseHex(QStringView text)
 {
-    text = text.trimmed();
-    if (text.isEmpty())
-        return std::nullopt;
-    quint64 value = 0;
-    for (QChar c : text) {
-        const char16_t u = c.unicode();
-        int digit;
-        if (u >= u'0' && u <= u'9')
-            digit = u - u'0';
-        else if (u >= u'a' && u <= u'f')
-            digit = u - u'a' + 10;
-        else if (u >= u'A' && u <= u'F')
-            digit = u - u'A' + 10;
-        else
-            return std::nullopt;
-        if (value >> 60)
-            return std::nullopt;
-        value = (value << 4) | quint64(digit);
-    }
-    return value;
+    return HexParser::parseNumber(text.trimmed());
 }
 
 } // namespace

@@ -99,6 +99,20 @@ ValueResult<QByteArray> parseTokens(QStringView text)
 
 } // namespace
 
+std::optional<quint64> HexParser::parseNumber(QStringView digits)
+{
+    if (digits.isEmpty())
+        return std::nullopt;
+    quint64 value = 0;
+    for (QChar c : digits) {
+        const int digit = digitValue(c);
+        if (digit < 0 || (value >> 60) != 0)
+            return std::nullopt;
+        value = (value << 4) | quint64(digit);
+    }
+    return value;
+}
+
 ValueResult<QByteArray> HexParser::parse(QStringView text, Grouping grouping)
 {
     return grouping == Grouping::Tokens ? parseTokens(text) : parseStream(text);

@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringView>
 
+#include <optional>
+
 // The one reader of hexadecimal text, shared by the send box, the converter
 // and the CRC calculator.
 class HexParser
@@ -22,6 +24,11 @@ public:
     };
 
     static ValueResult<QByteArray> parse(QStringView text, Grouping grouping = Grouping::DigitStream);
+
+    // A number written in hex digits only, leading zeros allowed (no prefix,
+    // no white space); none when the text is empty, holds anything else or
+    // does not fit 64 bits.
+    static std::optional<quint64> parseNumber(QStringView digits);
 
     // Upper-case pairs separated by single spaces: "01 AB FF".
     static QString toHexText(const QByteArray &bytes);

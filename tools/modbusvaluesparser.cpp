@@ -1,5 +1,7 @@
 #include "tools/modbusvaluesparser.h"
 
+#include "tools/hexparser.h"
+
 #include <QRegularExpression>
 
 #include <optional>
@@ -8,28 +10,13 @@ namespace {
 
 using Values = ValueResult<QList<quint16>>;
 
+// Leading zeros are fine; anything past 16 bits is not.
 std::optional<quint16> parseRegister(QStringView part)
 {
-    if (part.isEmpty())
+    const std::optional<quint64> value = HexParser::parseNumber(part);
+    if (!value || *value > 0xFFFF)
         return std::nullopt;
-    quint32 value = 0;
-    for (QChar c : part) {
-        const char16_t u = c.unicode();
-        quint32 digit;
-        if (u >= u'0' && u <= u'9')
-            digit = u - u'0';
-        else if (u >= u'a' && u <= u'f')
-            digit = u - u'a' + 10;
-        else if (u >= u'A' && u <= u'F')
-            digit = u - u'A' + 10;
-        else
-            return std::nullopt;
-        // Leading zeros are fine; anything that grows past 16 bits is not.
-        value = (value << 4) | digit;
-        if (value > 0xFFFF)
-            return std::nullopt;
-    }
-    return quint16(value);
+    return quint16(*value);
 }
 
 } // namespace
