@@ -807,11 +807,32 @@ bool SerialPortWidget::openConnection(const QString &portName, bool silent)
         changeConnState(false);
         return false;
     }
-    if (m_config.mode == ConnectionMode::TcpClient || m_config.mode == ConnectionMode::RemoteSerialRfc2217)
-        Q_EMIT statusMessage(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 3000);
+    if (m_config.mode == ConnectionMode::TcpClient || m_config.mode == ConnectionMode::RemoteSerialRfc2217
+        || m_config.mode == ConnectionMode::UdpClient) {
+        rememberTargetHost();
+        if (m_config.mode != ConnectionMode::UdpClient)
+            Q_EMIT statusMessage(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 3000);
+    }
     changeConnState(true);
     announceSettingsChange();
     return true;
+}
+
+void SerialPortWidget::rememberTargetHost()
+{
+    // The host box offers the hosts used last, newest first.
+    QStringList &hosts = m_config.recentTargetHosts;
+    const QString host = m_config.targetHost.trimmed();
+    if (host.isEmpty() || (!hosts.isEmpty() && hosts.constFirst() == host))
+        return;
+    hosts.removeAll(host);
+    hosts.prepend(host);
+    while (hosts.size() > kRecentHostLimit)
+        hosts.removeLast();
+    const bool wasLoading = m_loading;
+    m_loading = true;
+    ui.connectionSettings->setConfig(m_config);
+    m_loading = wasLoading;
 }
 
 void SerialPortWidget::closeConnection()

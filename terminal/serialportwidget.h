@@ -37,6 +37,7 @@ public:
     // A drain stops early once it has taken this long, so that the event
     // loop keeps answering when the view cannot keep up.
     static constexpr int kDrainTimeLimitMs = 18;
+    static constexpr int kRecentHostLimit = 10;
 
     explicit SerialPortWidget(int paneId, QWidget *parent = nullptr);
     ~SerialPortWidget() override;
@@ -162,6 +163,7 @@ private:
     void stopLog();
     void onSaveTick();
     void startReconnecting();
+    void rememberTargetHost();
     void onTerminalKeys(const QString &text);
     QString openedMessage() const;
     QString endpointText() const;

@@ -89,6 +89,7 @@ std::unique_ptr<SerialPortWidget> PortPaneTest::tcpPane(TcpDevice &device, PaneO
     ConnectionConfig config;
     config.mode = ConnectionMode::TcpClient;
     config.targetHost = "127.0.0.1";
+    config.recentTargetHosts = {"192.0.2.1"};
     config.targetPort = device.server.serverPort();
     options.logSaveFlag = false;
     pane->applySettings(config, options, {});
@@ -140,6 +141,8 @@ void PortPaneTest::receivesTextAcrossSplitCharacters()
     }
     QTRY_COMPARE_WITH_TIMEOUT(viewText(*pane), shown, 5000);
     QCOMPARE(pane->findChild<QLabel *>("rxCountLabel")->text(), QString("Rx: %L1 Bytes").arg(total));
+    // The host used goes first in the host box's list.
+    QCOMPARE(pane->connectionConfig().recentTargetHosts, (QStringList{"127.0.0.1", "192.0.2.1"}));
 }
 
 void PortPaneTest::hexAndTimestampsKeepApart()
