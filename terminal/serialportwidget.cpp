@@ -980,14 +980,20 @@ void SerialPortWidget::onRefreshAvalablePorts()
     ui.connectionSettings->setAvailablePorts(ports);
 }
 
+bool SerialPortWidget::refuseSettingsChangeDuringTransfer()
+{
+    if (!isTransferActive())
+        return false;
+    showStatus(tr("A file transfer is using this port. Changing the port settings would interrupt it."), 5000);
+    ui.connectionSettings->setConfig(m_config);
+    return true;
+}
+
 void SerialPortWidget::onSerialParamsEdited()
 {
     const ConnectionConfig edited = ui.connectionSettings->config();
-    if (isTransferActive()) {
-        showStatus(tr("A file transfer is using this port. Changing the port settings would interrupt it."), 5000);
-        ui.connectionSettings->setConfig(m_config);
+    if (refuseSettingsChangeDuringTransfer())
         return;
-    }
     if (m_config.mode == ConnectionMode::Serial && isConnectionOpen()) {
         m_loading = true;
         const Result applied = m_controller->applySerialParameters(edited);
@@ -1006,11 +1012,8 @@ void SerialPortWidget::onSerialParamsEdited()
 void SerialPortWidget::onConnectionConfigChanged()
 {
     const ConnectionConfig edited = ui.connectionSettings->config();
-    if (isTransferActive()) {
-        showStatus(tr("A file transfer is using this port. Changing the port settings would interrupt it."), 5000);
-        ui.connectionSettings->setConfig(m_config);
+    if (refuseSettingsChangeDuringTransfer())
         return;
-    }
     const bool reopen = m_open;
     if (reopen)
         closeConnection();

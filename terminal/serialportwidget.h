@@ -164,6 +164,7 @@ private:
     void onSaveTick();
     void startReconnecting();
     void rememberTargetHost();
+    bool refuseSettingsChangeDuringTransfer();
     void onTerminalKeys(const QString &text);
     QString openedMessage() const;
     QString endpointText() const;
