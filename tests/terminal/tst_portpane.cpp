@@ -66,6 +66,8 @@ private Q_SLOTS:
     void sendsFramesAsConfigured();
     void refusedFramesSendNothing();
     void lineByLineAutoSend();
+    void transferLockRefusesDisturbingActions();
+    void trafficSignalsCarryBothDirections();
     void pausedViewKeepsNewestAndCountsAll();
     void floodIsThrottledWithoutLoss();
     void tcpClientReconnectsAfterPeerRestart();
@@ -263,6 +265,60 @@ void PortPaneTest::lineByLineAutoSend()
     QTRY_VERIFY_WITH_TIMEOUT(device.received.size() >= 4, 5000);
     autoSend->click();
     QVERIFY(device.received.startsWith("abab"));
+}
+
+void PortPaneTest::transferLockRefusesDisturbingActions()
+{
+    SerialPortWidget closed(5);
+    QCOMPARE(closed.transferRefusal(), QString("The connection is not open."));
+    ConnectionConfig udp;
+    udp.mode = ConnectionMode::UdpClient;
+    closed.applySettings(udp, PaneOptions(), {});
+    QCOMPARE(closed.transferRefusal(), QString("File transfer needs an ordered, reliable connection. UDP cannot provide one."));
+
+    TcpDevice device;
+    QVERIFY(device.listen());
+    auto pane = tcpPane(device);
+    QVERIFY(pane);
+    QCOMPARE(pane->transferRefusal(), QString());
+    pane->setPaused(true);
+    QCOMPARE(pane->transferRefusal(), QString("The view is paused. Resume it before transferring a file."));
+    pane->setPaused(false);
+
+    QSignalSpy state(pane.get(), &SerialPortWidget::transferStateChanged);
+    QSignalSpy status(pane.get(), &SerialPortWidget::statusMessage);
+    pane->setTransferActive(true);
+    QCOMPARE(state.size(), 1);
+    QCOMPARE(pane->transferRefusal(), QString("A file transfer is already running on this port."));
+    pane->setSendText("x");
+    pane->findChild<QPushButton *>("sendButton")->click();
+    pane->closeConnection();
+    QVERIFY(pane->isConnectionOpen());
+    QCOMPARE(status.at(0).at(0).toString(), QString("A file transfer is using this port. Sending data now would corrupt it."));
+    QCOMPARE(status.at(1).at(0).toString(), QString("A file transfer is running."));
+    QVERIFY(!pane->findChild<QWidget *>("connectionSettings")->findChild<QComboBox *>("portBox")->isEnabled());
+    pane->setTransferActive(false);
+    QCOMPARE(state.size(), 2);
+    QTest::qWait(50);
+    QVERIFY(device.received.isEmpty());
+}
+
+void PortPaneTest::trafficSignalsCarryBothDirections()
+{
+    TcpDevice device;
+    QVERIFY(device.listen());
+    auto pane = tcpPane(device);
+    QVERIFY(pane);
+    QSignalSpy tapped(pane.get(), &SerialPortWidget::rxTapped);
+    QSignalSpy console(pane.get(), &SerialPortWidget::consoleTraffic);
+    device.write("in\n");
+    QTRY_COMPARE_WITH_TIMEOUT(tapped.size(), 1, 5000);
+    QCOMPARE(tapped.at(0).at(0).toByteArray(), QByteArray("in\n"));
+    pane->setSendText("out");
+    pane->findChild<QPushButton *>("sendButton")->click();
+    QTRY_COMPARE_WITH_TIMEOUT(console.size(), 2, 5000);
+    QCOMPARE(console.at(0), (QList<QVariant>{"tcpc-1", false, "in\n"}));
+    QCOMPARE(console.at(1), (QList<QVariant>{"tcpc-1", true, "out"}));
 }
 
 void PortPaneTest::pausedViewKeepsNewestAndCountsAll()
