@@ -2,6 +2,7 @@
 
 #include "app/logging.h"
 #include "connection/connectioncontroller.h"
+#include "connection/serialparametertext.h"
 #include "settings/connectionsettingswidget.h"
 #include "terminal/controllinelights.h"
 #include "terminal/ledindicator.h"
@@ -46,26 +47,6 @@ void selectText(QComboBox *box, const QString &text)
         // A stored encoding the list does not offer still counts.
         box->addItem(text);
         box->setCurrentIndex(box->count() - 1);
-    }
-}
-
-QString parityWord(QSerialPort::Parity parity)
-{
-    switch (parity) {
-    case QSerialPort::EvenParity: return QStringLiteral("EVEN");
-    case QSerialPort::OddParity: return QStringLiteral("ODD");
-    case QSerialPort::SpaceParity: return QStringLiteral("SPACE");
-    case QSerialPort::MarkParity: return QStringLiteral("MARK");
-    default: return QStringLiteral("NONE");
-    }
-}
-
-QString stopBitsWord(QSerialPort::StopBits stopBits)
-{
-    switch (stopBits) {
-    case QSerialPort::OneAndHalfStop: return QStringLiteral("1.5");
-    case QSerialPort::TwoStop: return QStringLiteral("2");
-    default: return QStringLiteral("1");
     }
 }
 
@@ -781,7 +762,9 @@ QString SerialPortWidget::openedMessage() const
             .arg(currentRealPortName().toHtmlEscaped())
             .arg(m_config.baudRate)
             .arg(int(m_config.dataBits))
-            .arg(parityWord(m_config.parity), stopBitsWord(m_config.stopBits), flowWord(m_config.flowControl));
+            .arg(SerialParameterText::parityWord(m_config.parity).toUpper(),
+                 QString::number(SerialParameterText::stopBitsNumber(m_config.stopBits)),
+                 flowWord(m_config.flowControl));
     }
     return QStringLiteral("<font color = green> %1 %2 OPENED </font>")
         .arg(connectionModeTag(m_config.mode).toUpper(), endpointText().toHtmlEscaped());
