@@ -1,6 +1,6 @@
 #include "app/lastusedrecord.h"
 
-#include "app/logging.h"
+#include "common/logging.h"
 
 #include <QSettings>
 

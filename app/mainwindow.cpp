@@ -1,7 +1,7 @@
 #include "app/mainwindow.h"
 
 #include "app/languagechoice.h"
-#include "app/logging.h"
+#include "common/logging.h"
 #include "app/windowplacement.h"
 #include "terminal/serialportwidget.h"
 #include "ui_mainwindow.h"

@@ -1,6 +1,7 @@
 #include "connection/connectioncontroller.h"
 
-#include "app/logging.h"
+#include "common/logging.h"
+#include "common/peerlabel.h"
 #include "connection/multiclientserver.h"
 
 #include <QFileInfo>
@@ -26,11 +27,6 @@ constexpr int kReadErrorsMeaningLost = 64;
 const QString kDtrName = QStringLiteral("DTR");
 const QString kRtsName = QStringLiteral("RTS");
 const QString kBreakName = QStringLiteral("Break");
-
-QString peerText(const QHostAddress &address, quint16 port)
-{
-    return QStringLiteral("%1:%2").arg(address.toString()).arg(port);
-}
 
 // The five serial settings in the order they are applied.
 enum class SerialItem { BaudRate, DataBits, Parity, StopBits, FlowControl };
@@ -67,7 +63,7 @@ bool setItem(QSerialPort &port, SerialItem item, const SerialParameters &value)
 
 QString ConnectionController::UdpPeer::key() const
 {
-    return peerText(address, port);
+    return peerLabel(address, port);
 }
 
 ConnectionController::SerialParameters ConnectionController::SerialParameters::from(const ConnectionConfig &config)
@@ -567,7 +563,7 @@ QString ConnectionController::serverAddressText() const
 {
     if (!m_server || !m_server->isListening())
         return {};
-    return peerText(m_server->serverAddress(), m_server->serverPort());
+    return peerLabel(m_server->serverAddress(), m_server->serverPort());
 }
 
 QStringList ConnectionController::serverClientLabels() const
@@ -621,14 +617,14 @@ QList<ConnectionController::UdpDatagram> ConnectionController::readUdpDatagrams(
             break;
         datagram.truncate(read);
         registerUdpSender(sender, senderPort, datagram);
-        result.append({peerText(sender, senderPort), datagram});
+        result.append({peerLabel(sender, senderPort), datagram});
     }
     return result;
 }
 
 void ConnectionController::registerUdpSender(const QHostAddress &address, quint16 port, const QByteArray &datagram)
 {
-    const QString key = peerText(address, port);
+    const QString key = peerLabel(address, port);
     const auto known = m_udpPeerIndex.constFind(key);
     if (known != m_udpPeerIndex.constEnd()) {
         UdpPeer &peer = m_udpPeers[*known];

@@ -1,6 +1,7 @@
 #include "connection/multiclientserver.h"
 
-#include "app/logging.h"
+#include "common/logging.h"
+#include "common/peerlabel.h"
 
 #include <QTcpSocket>
 
@@ -197,7 +198,7 @@ bool MultiClientServer::isAllowed(const QHostAddress &address, const QStringList
 
 QString MultiClientServer::labelFor(const QHostAddress &address, quint16 port)
 {
-    return QStringLiteral("%1:%2").arg(address.toString()).arg(port);
+    return peerLabel(address, port);
 }
 
 void MultiClientServer::handleNewConnection()

@@ -1,6 +1,6 @@
 #include "settings/connectionsettingswidget.h"
 
-#include "app/logging.h"
+#include "common/logging.h"
 
 #include <QCheckBox>
 #include <QComboBox>

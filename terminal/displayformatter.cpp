@@ -1,6 +1,6 @@
 #include "terminal/displayformatter.h"
 
-#include "app/logging.h"
+#include "common/logging.h"
 #include "terminal/wiretextcodecregistry.h"
 
 namespace {

@@ -2,8 +2,8 @@
 
 #include "terminal/displayformatter.h"
 
-#include "app/appidentity.h"
-#include "app/logging.h"
+#include "common/appidentity.h"
+#include "common/logging.h"
 
 #include <QDir>
 #include <QFileInfo>

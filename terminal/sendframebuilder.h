@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/result.h"
+#include "common/result.h"
 #include "terminal/paneoptions.h"
 
 #include <QByteArray>

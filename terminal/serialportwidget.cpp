@@ -1,6 +1,6 @@
 #include "terminal/serialportwidget.h"
 
-#include "app/logging.h"
+#include "common/logging.h"
 #include "connection/connectioncontroller.h"
 #include "connection/serialparametertext.h"
 #include "settings/connectionsettingswidget.h"

@@ -7,7 +7,7 @@
 //   bench_pane_flood [--bytes N]          (default 1 GiB per run)
 //   bench_pane_flood --send <text|hex> N  (the sender; prints its port)
 
-#include "app/appidentity.h"
+#include "common/appidentity.h"
 #include "connection/connectioncontroller.h"
 #include "terminal/receiveingest.h"
 #include "terminal/receiveview.h"

@@ -1,6 +1,6 @@
 #include "support/settingssandbox.h"
 
-#include "app/appidentity.h"
+#include "common/appidentity.h"
 
 #include <QCoreApplication>
 #include <QSettings>

@@ -1,4 +1,4 @@
-#include "app/appidentity.h"
+#include "common/appidentity.h"
 
 #include <QCoreApplication>
 

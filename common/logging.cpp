@@ -1,4 +1,4 @@
-#include "app/logging.h"
+#include "common/logging.h"
 
 Q_LOGGING_CATEGORY(lcApp, "tsl.app", QtInfoMsg)
 Q_LOGGING_CATEGORY(lcCore, "tsl.core", QtInfoMsg)
