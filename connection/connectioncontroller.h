@@ -2,92 +2,57 @@
 
 #include "common/result.h"
 #include "connection/connectionconfig.h"
+#include "connection/porttransport.h"
 #include "connection/relaytransport.h"
+#include "connection/serialporttransport.h"
+#include "connection/udptransport.h"
 
 #include <QByteArray>
-#include <QDateTime>
-#include <QHash>
 #include <QHostAddress>
 #include <QList>
 #include <QObject>
-#include <QPointer>
-#include <QSerialPort>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
 
-class MultiClientServer;
-class QHostInfo;
-class QTcpSocket;
-class QUdpSocket;
+class RelayPortTransport;
+class StreamClientTransport;
+class TcpServerTransport;
 
 // One pane's transport: opens and closes what the pane's connection record
-// selects (serial port, TCP client, TCP server, UDP, RFC 2217 stream, cloud
-// relay), moves bytes both ways, tracks network peers, drives the serial
+// selects, moves bytes both ways, tracks network peers, drives the serial
 // control lines and parameters, throttles reading for a slow consumer, and
 // turns every transport failure into a status text. It decides nothing about
 // display, logging or what to send.
+//
+// Each kind of transport is a class of its own behind PortTransport; this
+// class picks the one for a mode, remembers the mode it opened last, and
+// turns the transports' notifications into its own signals. Received bytes
+// of every kind arrive through received(bytes, peer); the older pull style
+// (readyRead then readAll, udpReadyRead then readUdpDatagrams) still works
+// for a listener that takes the bytes from its slot.
 class ConnectionController : public QObject
 {
     Q_OBJECT
 
 public:
-    enum class ControlLine { Dtr = 0, Rts = 1, Break = 2 };
-    Q_ENUM(ControlLine)
-
-    // One remote end of the UDP socket, keyed by "%1:%2" (address, port).
-    struct UdpPeer
-    {
-        QHostAddress address;
-        quint16 port = 0;
-        QByteArray lastDatagram;
-        QDateTime lastTime;
-
-        QString key() const;
-    };
-
-    // One received datagram, labelled "%1:%2" by its sender.
-    struct UdpDatagram
-    {
-        QString peer;
-        QByteArray data;
-    };
-
-    // The five settings of a serial line.
-    struct SerialParameters
-    {
-        qint32 baudRate = 9600;
-        QSerialPort::DataBits dataBits = QSerialPort::Data8;
-        QSerialPort::Parity parity = QSerialPort::NoParity;
-        QSerialPort::StopBits stopBits = QSerialPort::OneStop;
-        QSerialPort::FlowControl flowControl = QSerialPort::NoFlowControl;
-
-        static SerialParameters from(const ConnectionConfig &config);
-        bool operator==(const SerialParameters &other) const = default;
-    };
-
-    // Where a dispatched send goes in the modes with several peers.
-    struct SendTarget
-    {
-        // TCP server: a client's label; wins over index when not empty.
-        QString clientLabel;
-        // TCP server: client index, or -1 for every client.
-        // UDP server: peer row, or -1 for the peer heard from last.
-        int index = -1;
-    };
+    using ControlLine = SerialPortTransport::ControlLine;
+    using SerialParameters = SerialPortTransport::Parameters;
+    using UdpPeer = UdpTransport::Peer;
+    using UdpDatagram = UdpTransport::Datagram;
+    using SendTarget = ::SendTarget;
 
     // Creates the relay for a mode 8 open; returns nullptr when there is
     // none to make. The controller takes ownership of the result.
     using RelayFactory = std::function<RelayTransport *(const ConnectionConfig &config)>;
 
-    // A paused transport holds at most this much in its read buffer.
-    static constexpr qint64 kPausedReadBufferSize = 4096;
+    static constexpr qint64 kPausedReadBufferSize = PortTransport::kPausedReadBufferSize;
 
     explicit ConnectionController(QObject *parent = nullptr);
     ~ConnectionController() override;
 
-    // ---- Thin dispatchers by mode, for the pane ----
+    // ---- The pane's face: the mode opened last is remembered ----
 
     // Starts the transport that config.mode selects: serial open, TCP server
     // listen (listen address, target port), TCP client / RFC 2217 connect
@@ -97,6 +62,9 @@ public:
     // Returns false when the start failed at once; a TCP client's outcome
     // arrives later (peerArrived or errorOccurred).
     bool open(const ConnectionConfig &config, const QString &portName = {}, bool silent = false);
+    ConnectionMode mode() const { return m_mode; }
+    bool isOpen() const { return isOpen(m_mode); }
+    void close() { close(m_mode); }
     // Sends through the mode's one write path: serial (opening a closed
     // port), stream (pending until connected), relay, TCP server (all
     // clients, one client by index or label) or UDP (server: reply to a
@@ -105,6 +73,10 @@ public:
     bool send(const ConnectionConfig &config, const QByteArray &data, const SendTarget &target,
               const QString &portName = {});
     bool send(const ConnectionConfig &config, const QByteArray &data);
+    qint64 bytesToWrite() const { return bytesToWrite(m_mode); }
+    void setReadPaused(bool paused) { setReadPaused(m_mode, paused); }
+    // Whether any transport holds its data back.
+    bool isReadPaused() const;
 
     // ---- Operations per transport ----
 
@@ -122,6 +94,8 @@ public:
     void close(ConnectionMode mode, const QString &portName = {});
 
     bool isOpen(ConnectionMode mode) const;
+    // While reading is paused returns nothing; UDP is read with
+    // readUdpDatagrams and the server delivers through serverMessage.
     QByteArray readAll(ConnectionMode mode);
     QList<UdpDatagram> readUdpDatagrams();
 
@@ -133,9 +107,6 @@ public:
     bool sendToServerClient(const QByteArray &data, const QString &clientLabel);
     // Largest byte count any one client took; 0 when none did.
     qint64 sendToAllServerClients(const QByteArray &data);
-    // host is an address or a name; datagrams for a name wait for its
-    // lookup (once per bind) and a name that does not resolve is reported as
-    // "UDP send to %1 FAILED: %2".
     bool sendUdp(const QByteArray &data, const QString &host, quint16 port);
     // A row outside the peer table means the first peer.
     bool sendUdpToPeer(const QByteArray &data, int row);
@@ -143,9 +114,9 @@ public:
     qint64 bytesToWrite(ConnectionMode mode) const;
 
     bool setControlLine(ControlLine line, bool on);
-    bool dtrLevel() const { return m_dtr; }
-    bool rtsLevel() const { return m_rts; }
-    bool breakLevel() const { return m_break; }
+    bool dtrLevel() const;
+    bool rtsLevel() const;
+    bool breakLevel() const;
     // Levels to assert at the next open (the pane seeds them from the
     // record's DtrOn and RtsOn).
     void setStoredLineLevels(bool dtr, bool rts);
@@ -154,20 +125,19 @@ public:
     // back and returns "%1 was refused by the driver: %2".
     Result applySerialParameters(const SerialParameters &parameters);
     Result applySerialParameters(const ConnectionConfig &config);
-    // What the open port is set to now (the record's values when closed).
+    // What the open port is set to now.
     SerialParameters currentSerialParameters() const;
     QString serialPortName() const;
 
     void setReadPaused(ConnectionMode mode, bool paused);
-    bool isReadPaused() const { return m_readPaused; }
     void setLowDelay(bool on);
     bool isLowDelay() const { return m_lowDelay; }
 
     // Whether a vanished serial device ends in serialPortLost (the pane
     // arms it for serial mode). On by default. Switched off, a vanished
     // device is still closed at once and reported, without serialPortLost.
-    void setWatchForLoss(bool on) { m_watchForLoss = on; }
-    bool watchesForLoss() const { return m_watchForLoss; }
+    void setWatchForLoss(bool on);
+    bool watchesForLoss() const;
 
     // Options handed to the TCP server at each start.
     void setServerExclusive(bool on) { m_serverExclusive = on; }
@@ -181,11 +151,11 @@ public:
 
     // The bound UDP port (useful after binding port 0); 0 when not bound.
     quint16 udpLocalPort() const;
-    const QList<UdpPeer> &udpPeers() const { return m_udpPeers; }
-    int currentUdpPeer() const { return m_currentUdpPeer; }
+    const QList<UdpPeer> &udpPeers() const;
+    int currentUdpPeer() const;
 
     void setRelayFactory(RelayFactory factory) { m_relayFactory = std::move(factory); }
-    bool hasRelay() const { return m_relay != nullptr; }
+    bool hasRelay() const;
 
 Q_SIGNALS:
     void statusMessage(const QString &message, int timeoutMs);
@@ -201,63 +171,28 @@ Q_SIGNALS:
     void udpReadyRead();
     void udpPeersChanged();
     void bytesWritten(qint64 bytes);
+    // Every received byte of every kind, once: the sender's "%1:%2" label in
+    // the server and UDP modes, empty otherwise.
+    void received(const QByteArray &data, const QString &peer);
 
 private:
-    void onSerialError(QSerialPort::SerialPortError error);
-    void handleLostSerialPort();
-    bool serialDeviceVanished() const;
-    void reportFailure(const QString &text);
-    bool applyDtr(bool on, bool withMessages);
-    bool applyRts(bool on, bool withMessages);
+    // The transport that serves a mode, or nullptr before it was needed.
+    PortTransport *transportFor(ConnectionMode mode) const;
+    void forwardCommon(PortTransport *transport);
+    StreamClientTransport *ensureStream();
+    TcpServerTransport *ensureServer();
+    UdpTransport *ensureUdp();
+    RelayPortTransport *ensureRelay();
 
-    void flushPendingStream();
-    void onStreamConnected(QTcpSocket *socket);
-    void onStreamDisconnected(QTcpSocket *socket);
-    void onStreamError(QTcpSocket *socket);
-    void dropStreamSocket();
-    void applyStreamOptions();
-
-    MultiClientServer *ensureServer();
-    void clearUdpPeers();
-    void resetUdpTargets();
-    void onUdpHostLookedUp(const QString &host, const QHostInfo &info);
-    void registerUdpSender(const QHostAddress &address, quint16 port, const QByteArray &datagram);
-
-    void detachRelay();
-    void onRelayEnded(const QString &reason);
-
-    QSerialPort *m_serial = nullptr;
-    QTcpSocket *m_stream = nullptr;
-    QByteArray m_pendingStream;
-    QUdpSocket *m_udp = nullptr;
-    MultiClientServer *m_server = nullptr;
-    // Guarded: the relay is ours, but a cloud object might still delete it.
-    QPointer<RelayTransport> m_relay;
-    QByteArray m_relayBuffer;
+    ConnectionMode m_mode = ConnectionMode::Serial;
+    SerialPortTransport *m_serial;
+    StreamClientTransport *m_stream = nullptr;
+    TcpServerTransport *m_server = nullptr;
+    UdpTransport *m_udp = nullptr;
+    RelayPortTransport *m_relay = nullptr;
     RelayFactory m_relayFactory;
 
-    bool m_dtr = true;
-    bool m_rts = true;
-    bool m_break = false;
-    bool m_readPaused = false;
     bool m_lowDelay = false;
-    bool m_watchForLoss = true;
-    bool m_handlingLoss = false;
-    int m_readErrorStreak = 0;
     bool m_serverExclusive = false;
     QStringList m_serverAllowlist;
-
-    QList<UdpPeer> m_udpPeers;
-    QHash<QString, int> m_udpPeerIndex;
-    int m_currentUdpPeer = -1;
-
-    // Target names already resolved for this bind, and datagrams waiting for
-    // a name's lookup.
-    struct AwaitingDatagram
-    {
-        QByteArray data;
-        quint16 port = 0;
-    };
-    QHash<QString, QHostAddress> m_udpTargetAddresses;
-    QHash<QString, QList<AwaitingDatagram>> m_udpAwaitingLookup;
 };

@@ -12,12 +12,38 @@
         <translation>TCP 连接失败：%1</translation>
     </message>
     <message>
+        <source>TCP server listen on port %1 FAILED: %2</source>
+        <translation>TCP 服务器监听端口 %1 失败：%2</translation>
+    </message>
+</context>
+<context>
+    <name>MultiClientServer</name>
+    <message>
+        <source>not on the address allowlist</source>
+        <translation>不在地址白名单中</translation>
+    </message>
+    <message>
+        <source>the port already has a client (exclusive mode)</source>
+        <translation>该端口已有客户端（独占模式）</translation>
+    </message>
+</context>
+<context>
+    <name>SerialPortTransport</name>
+    <message>
         <source>Serial Port %1 OPEN FAILED! ERROR: </source>
         <translation>串口 %1 打开失败！错误：</translation>
     </message>
     <message>
         <source>Serial Port %1 OPEN SUCCESS</source>
         <translation>串口 %1 打开成功</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 CLOSE FAILED</source>
+        <translation>串口 %1 关闭失败</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 CLOSE SUCCESS</source>
+        <translation>串口 %1 关闭成功</translation>
     </message>
     <message>
         <source>Failed to set %1: %2</source>
@@ -63,29 +89,30 @@
         <source>Serial Port %1 DISCONNECTED</source>
         <translation>串口 %1 已断开</translation>
     </message>
+</context>
+<context>
+    <name>StreamClientTransport</name>
+    <message>
+        <source>TCP connect FAILED: %1</source>
+        <translation>TCP 连接失败：%1</translation>
+    </message>
+</context>
+<context>
+    <name>TcpServerTransport</name>
     <message>
         <source>Refused %1: %2</source>
         <translation>已拒绝 %1：%2</translation>
     </message>
     <message>
-        <source>UDP bind to port %1 FAILED: %2</source>
-        <translation>UDP 绑定端口 %1 失败：%2</translation>
-    </message>
-    <message>
-        <source>No UDP peer to reply to yet</source>
-        <translation>还没有可回复的 UDP 对端</translation>
-    </message>
-    <message>
-        <source>Serial Port %1 CLOSE FAILED</source>
-        <translation>串口 %1 关闭失败</translation>
-    </message>
-    <message>
-        <source>Serial Port %1 CLOSE SUCCESS</source>
-        <translation>串口 %1 关闭成功</translation>
-    </message>
-    <message>
         <source>TCP server listen on port %1 FAILED: %2</source>
         <translation>TCP 服务器监听端口 %1 失败：%2</translation>
+    </message>
+</context>
+<context>
+    <name>UdpTransport</name>
+    <message>
+        <source>UDP bind to port %1 FAILED: %2</source>
+        <translation>UDP 绑定端口 %1 失败：%2</translation>
     </message>
     <message>
         <source>no IPv4 address</source>
@@ -95,16 +122,9 @@
         <source>UDP send to %1 FAILED: %2</source>
         <translation>UDP 发送到 %1 失败：%2</translation>
     </message>
-</context>
-<context>
-    <name>MultiClientServer</name>
     <message>
-        <source>not on the address allowlist</source>
-        <translation>不在地址白名单中</translation>
-    </message>
-    <message>
-        <source>the port already has a client (exclusive mode)</source>
-        <translation>该端口已有客户端（独占模式）</translation>
+        <source>No UDP peer to reply to yet</source>
+        <translation>还没有可回复的 UDP 对端</translation>
     </message>
 </context>
 </TS>

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "common/result.h"
+#include "connection/connectionconfig.h"
+#include "connection/porttransport.h"
+
+#include <QSerialPort>
+
+// A local serial port: open and close with the record's settings, the
+// control lines (DTR, RTS, Break) with their stored levels, parameter
+// changes on an open port, and recognising a device that went away.
+class SerialPortTransport : public PortTransport
+{
+    Q_OBJECT
+
+public:
+    enum class ControlLine { Dtr = 0, Rts = 1, Break = 2 };
+    Q_ENUM(ControlLine)
+
+    // The five settings of a serial line.
+    struct Parameters
+    {
+        qint32 baudRate = 9600;
+        QSerialPort::DataBits dataBits = QSerialPort::Data8;
+        QSerialPort::Parity parity = QSerialPort::NoParity;
+        QSerialPort::StopBits stopBits = QSerialPort::OneStop;
+        QSerialPort::FlowControl flowControl = QSerialPort::NoFlowControl;
+
+        static Parameters from(const ConnectionConfig &config);
+        bool operator==(const Parameters &other) const = default;
+    };
+
+    explicit SerialPortTransport(QObject *parent = nullptr);
+    ~SerialPortTransport() override;
+
+    // portName overrides the record's; silent keeps an open failure out of
+    // errorOccurred and statusMessage (it is still logged).
+    bool open(const ConnectionConfig &settings, const QString &portName = {}, bool silent = false);
+    // Closes with the close report under portName (the open name if empty).
+    void closeAs(const QString &portName);
+    void close() override { closeAs({}); }
+    bool isOpen() const override;
+    // Writing to a closed port opens it first: deliberate.
+    bool write(const QByteArray &data, const ConnectionConfig &settings, const QString &portName = {});
+    bool send(const QByteArray &data, const SendTarget &target) override;
+    qint64 bytesToWrite() const override;
+    QByteArray takeAvailable() override;
+    bool canPause() const override;
+
+    QString portName() const;
+    bool setControlLine(ControlLine line, bool on);
+    bool dtrLevel() const { return m_dtr; }
+    bool rtsLevel() const { return m_rts; }
+    bool breakLevel() const { return m_break; }
+    void setStoredLineLevels(bool dtr, bool rts);
+
+    Result applyParameters(const Parameters &parameters);
+    Parameters currentParameters() const;
+
+    void setWatchForLoss(bool on) { m_watchForLoss = on; }
+    bool watchesForLoss() const { return m_watchForLoss; }
+
+Q_SIGNALS:
+    void serialPortLost();
+
+protected:
+    void applyReadPaused(bool paused) override;
+    bool hasWaitingData() const override;
+
+private:
+    void onError(QSerialPort::SerialPortError error);
+    void handleLostPort();
+    bool deviceVanished() const;
+    bool applyDtr(bool on, bool withMessages);
+    bool applyRts(bool on, bool withMessages);
+
+    QSerialPort *m_serial;
+    ConnectionConfig m_lastSettings;
+    bool m_dtr = true;
+    bool m_rts = true;
+    bool m_break = false;
+    bool m_watchForLoss = true;
+    bool m_handlingLoss = false;
+    int m_readErrorStreak = 0;
+};
