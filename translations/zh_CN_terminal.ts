@@ -32,7 +32,7 @@
         <translation>控制线属于串口，此连接没有串口。</translation>
     </message>
     <message>
-        <source>The remote port is left under its own configuration. Clear &quot;Keep the remote port&apos;s own config&quot; to drive RTS, DTR and Break from here.</source>
+        <source>The remote port is left under its own configuration. Clear "Keep the remote port's own config" to drive RTS, DTR and Break from here.</source>
         <translation>远程端口保持其自身配置。取消勾选“保留远程端口自身的配置”后，即可在此控制 RTS、DTR 和 Break。</translation>
     </message>
     <message>
@@ -51,15 +51,15 @@
         <translation>日志路径是一个文件夹，而不是文件：%1</translation>
     </message>
     <message>
-        <source>Could not create log directory &apos;%1&apos;</source>
+        <source>Could not create log directory '%1'</source>
         <translation>无法创建日志文件夹“%1”</translation>
     </message>
     <message>
-        <source>Could not open log file &apos;%1&apos;: %2</source>
+        <source>Could not open log file '%1': %2</source>
         <translation>无法打开日志文件“%1”：%2</translation>
     </message>
     <message>
-        <source>Could not rotate log file &apos;%1&apos;: %2</source>
+        <source>Could not rotate log file '%1': %2</source>
         <translation>无法轮转日志文件“%1”：%2</translation>
     </message>
     <message>
@@ -69,6 +69,81 @@
     <message>
         <source>Could not open current log file.</source>
         <translation>无法打开当前日志文件。</translation>
+    </message>
+</context>
+<context>
+    <name>PortSession</name>
+    <message>
+        <source>A file transfer is using this port. Changing the port settings would interrupt it.</source>
+        <translation>文件传输正在使用此端口，更改端口设置会中断传输。</translation>
+    </message>
+    <message>
+        <source>The port keeps its previous settings: %1</source>
+        <translation>端口保持原有设置：%1</translation>
+    </message>
+    <message>
+        <source>A file transfer is using this port. Changing the control lines would interrupt it.</source>
+        <translation>文件传输正在使用此端口，更改控制线会中断传输。</translation>
+    </message>
+    <message>
+        <source>Could not send Break: the connection is not open.</source>
+        <translation>无法发送 Break：连接未打开。</translation>
+    </message>
+    <message>
+        <source>TCP connection RESTORED</source>
+        <translation>TCP 连接已恢复</translation>
+    </message>
+    <message>
+        <source>A file transfer is running.</source>
+        <translation>文件传输正在进行。</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 OPEN FAILED</source>
+        <translation>串口 %1 打开失败</translation>
+    </message>
+    <message>
+        <source>Connecting to %1:%2 ...</source>
+        <translation>正在连接 %1:%2 ...</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 lost, waiting for it to come back...</source>
+        <translation>串口 %1 已断开，正在等待其恢复...</translation>
+    </message>
+    <message>
+        <source>Reconnecting to %1:%2 ...</source>
+        <translation>正在重新连接 %1:%2 ...</translation>
+    </message>
+    <message>
+        <source>Serial Port %1 RECONNECTED</source>
+        <translation>串口 %1 已重新连接</translation>
+    </message>
+    <message>
+        <source>%1 waiting to reconnect</source>
+        <translation>%1 等待重新连接</translation>
+    </message>
+    <message>
+        <source>A file transfer is already running on this port.</source>
+        <translation>此端口上已有文件传输正在进行。</translation>
+    </message>
+    <message>
+        <source>File transfer needs an ordered, reliable connection. UDP cannot provide one.</source>
+        <translation>文件传输需要有序、可靠的连接，UDP 无法提供。</translation>
+    </message>
+    <message>
+        <source>The connection is not open.</source>
+        <translation>连接未打开。</translation>
+    </message>
+    <message>
+        <source>The view is paused. Resume it before transferring a file.</source>
+        <translation>显示已暂停。请先恢复显示再传输文件。</translation>
+    </message>
+    <message>
+        <source>No client is connected yet.</source>
+        <translation>尚无客户端连接。</translation>
+    </message>
+    <message>
+        <source>Several clients are connected. Select the one to transfer with.</source>
+        <translation>已连接多个客户端。请选择要进行传输的客户端。</translation>
     </message>
 </context>
 <context>
@@ -105,18 +180,6 @@
 <context>
     <name>SerialPortWidget</name>
     <message>
-        <source>A file transfer is using this port. Changing the control lines would interrupt it.</source>
-        <translation>文件传输正在使用此端口，更改控制线会中断传输。</translation>
-    </message>
-    <message>
-        <source>Could not send Break: the connection is not open.</source>
-        <translation>无法发送 Break：连接未打开。</translation>
-    </message>
-    <message>
-        <source>TCP connection RESTORED</source>
-        <translation>TCP 连接已恢复</translation>
-    </message>
-    <message>
         <source>A file transfer is using this port. Sending data now would corrupt it.</source>
         <translation>文件传输正在使用此端口，此时发送数据会破坏传输。</translation>
     </message>
@@ -125,48 +188,12 @@
         <translation>连接未打开。</translation>
     </message>
     <message>
-        <source>A file transfer is running.</source>
-        <translation>文件传输正在进行。</translation>
-    </message>
-    <message>
-        <source>Serial Port %1 OPEN FAILED</source>
-        <translation>串口 %1 打开失败</translation>
-    </message>
-    <message>
-        <source>Connecting to %1:%2 ...</source>
-        <translation>正在连接 %1:%2 ...</translation>
-    </message>
-    <message>
         <source>Send</source>
         <translation>发送</translation>
     </message>
     <message>
         <source>Open</source>
         <translation>打开</translation>
-    </message>
-    <message>
-        <source>%1 waiting to reconnect</source>
-        <translation>%1 等待重新连接</translation>
-    </message>
-    <message>
-        <source>Serial Port %1 lost, waiting for it to come back...</source>
-        <translation>串口 %1 已断开，正在等待其恢复...</translation>
-    </message>
-    <message>
-        <source>Reconnecting to %1:%2 ...</source>
-        <translation>正在重新连接 %1:%2 ...</translation>
-    </message>
-    <message>
-        <source>Serial Port %1 RECONNECTED</source>
-        <translation>串口 %1 已重新连接</translation>
-    </message>
-    <message>
-        <source>A file transfer is using this port. Changing the port settings would interrupt it.</source>
-        <translation>文件传输正在使用此端口，更改端口设置会中断传输。</translation>
-    </message>
-    <message>
-        <source>The port keeps its previous settings: %1</source>
-        <translation>端口保持原有设置：%1</translation>
     </message>
     <message>
         <source>All clients</source>
@@ -213,28 +240,8 @@
         <translation>文本文件 (*.txt);;所有文件 (*)</translation>
     </message>
     <message>
-        <source>Could not save &apos;%1&apos;: %2</source>
+        <source>Could not save '%1': %2</source>
         <translation>无法保存“%1”：%2</translation>
-    </message>
-    <message>
-        <source>A file transfer is already running on this port.</source>
-        <translation>此端口上已有文件传输正在进行。</translation>
-    </message>
-    <message>
-        <source>File transfer needs an ordered, reliable connection. UDP cannot provide one.</source>
-        <translation>文件传输需要有序、可靠的连接，UDP 无法提供。</translation>
-    </message>
-    <message>
-        <source>The view is paused. Resume it before transferring a file.</source>
-        <translation>显示已暂停。请先恢复显示再传输文件。</translation>
-    </message>
-    <message>
-        <source>No client is connected yet.</source>
-        <translation>尚无客户端连接。</translation>
-    </message>
-    <message>
-        <source>Several clients are connected. Select the one to transfer with.</source>
-        <translation>已连接多个客户端。请选择要进行传输的客户端。</translation>
     </message>
     <message>
         <source>Log Folder</source>
@@ -412,7 +419,7 @@
 <context>
     <name>WireTextCodec</name>
     <message>
-        <source>The character &apos;%1&apos; cannot be encoded as %2. Change the encoding or edit the message.</source>
+        <source>The character '%1' cannot be encoded as %2. Change the encoding or edit the message.</source>
         <translation>字符“%1”无法用 %2 编码。请更换编码或修改消息。</translation>
     </message>
     <message>
@@ -423,7 +430,7 @@
 <context>
     <name>WireTextCodecRegistry</name>
     <message>
-        <source>The text encoding &quot;%1&quot; is not available on this system.</source>
+        <source>The text encoding "%1" is not available on this system.</source>
         <translation>本系统不支持文本编码“%1”。</translation>
     </message>
 </context>

@@ -1,5 +1,4 @@
 #include "connection/connectioncontroller.h"
-#include "support/ptypair.h"
 #include "support/settingssandbox.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
@@ -70,8 +69,6 @@ private Q_SLOTS:
     void trafficSignalsCarryBothDirections();
     void pausedViewKeepsNewestAndCountsAll();
     void floodIsThrottledWithoutLoss();
-    void tcpClientReconnectsAfterPeerRestart();
-    void serialPortLostAndReconnected();
     void logRecordsAndReportsUnwritableFolder();
 
 private:
@@ -366,81 +363,6 @@ void PortPaneTest::floodIsThrottledWithoutLoss()
     const QString text = viewText(*pane);
     QVERIFY(text.size() <= options.displayBufferSize);
     QVERIFY(text.endsWith(QString::fromLatin1(line)));
-}
-
-void PortPaneTest::tcpClientReconnectsAfterPeerRestart()
-{
-    TcpDevice device;
-    QVERIFY(device.listen());
-    auto pane = tcpPane(device);
-    QVERIFY(pane);
-    pane->setAutoReconnect(true);
-    const quint16 port = device.server.serverPort();
-    QSignalSpy status(pane.get(), &SerialPortWidget::statusMessage);
-
-    device.server.close();
-    device.client->abort();
-    QTRY_VERIFY_WITH_TIMEOUT(pane->isReconnecting(), 5000);
-    QTest::qWait(2500);  // at least one tick finds nobody listening
-    QVERIFY(!pane->isConnectionOpen());
-
-    TcpDevice again;
-    QVERIFY(again.listen(port));
-    QVERIFY(again.waitForClient(8000));
-    QTRY_VERIFY_WITH_TIMEOUT(!pane->isReconnecting(), 5000);
-    bool restored = false;
-    for (const auto &args : status)
-        restored |= args.at(0).toString() == "TCP connection RESTORED";
-    QVERIFY(restored);
-    again.write("back\n");
-    QTRY_VERIFY_WITH_TIMEOUT(viewText(*pane).endsWith("back\n"), 5000);
-    pane->setSendText("ping");
-    pane->findChild<QPushButton *>("sendButton")->click();
-    QTRY_COMPARE_WITH_TIMEOUT(again.received, QByteArray("ping"), 5000);
-}
-
-void PortPaneTest::serialPortLostAndReconnected()
-{
-    PtyPair pty;
-    QVERIFY2(pty.start(), qPrintable(pty.errorText()));
-    SerialPortWidget pane(2);
-    ConnectionConfig config;
-    config.portName = pty.pathA();
-    config.baudRate = 115200;
-    pane.applySettings(config, PaneOptions(), {});
-    pane.setAutoReconnect(true);
-    QVERIFY(pane.openConnection());
-    QVERIFY(pane.isConnectionOpen());
-    QVERIFY(pane.findChild<QLabel *>("statusLabel")->text().contains(" OPENED, 115200, 8, NONE, 1, NONE"));
-
-    QSerialPort far;
-    far.setPortName(pty.pathB());
-    QVERIFY(far.open(QIODevice::ReadWrite));
-    far.write("hello\n");
-    QTRY_COMPARE_WITH_TIMEOUT(viewText(pane), QString("hello\n"), 5000);
-
-    QSignalSpy status(&pane, &SerialPortWidget::statusMessage);
-    far.close();
-    pty.kill();
-    QTRY_VERIFY_WITH_TIMEOUT(pane.isReconnecting(), 5000);
-    QVERIFY(!pane.isConnectionOpen());
-    bool lostShown = false;
-    for (const auto &args : status)
-        lostShown |= args.at(0).toString() == QString("Serial Port %1 lost, waiting for it to come back...").arg(pty.pathA());
-    QVERIFY(lostShown);
-
-    QVERIFY2(pty.restart(), qPrintable(pty.errorText()));
-    QTRY_VERIFY_WITH_TIMEOUT(pane.isConnectionOpen(), 8000);
-    QVERIFY(!pane.isReconnecting());
-    bool back = false;
-    for (const auto &args : status)
-        back |= args.at(0).toString() == QString("Serial Port %1 RECONNECTED").arg(pty.pathA());
-    QVERIFY(back);
-    QVERIFY(far.open(QIODevice::ReadWrite));
-    far.write("again\n");
-    QTRY_VERIFY_WITH_TIMEOUT(viewText(pane).endsWith("again\n"), 5000);
-    pane.closeConnection();
-    QVERIFY(pane.findChild<QLabel *>("statusLabel")->text().contains("CLOSED"));
 }
 
 void PortPaneTest::logRecordsAndReportsUnwritableFolder()

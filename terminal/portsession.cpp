@@ -1,0 +1,702 @@
+#include "terminal/portsession.h"
+
+#include "common/logging.h"
+#include "common/peerlabel.h"
+#include "connection/connectioncontroller.h"
+#include "connection/serialparametertext.h"
+#include "terminal/sendframebuilder.h"
+#include "terminal/wiretextcodecregistry.h"
+
+#include <QMetaMethod>
+#include <QTimer>
+
+namespace {
+
+QString flowWord(QSerialPort::FlowControl flow)
+{
+    switch (flow) {
+    case QSerialPort::HardwareControl: return QStringLiteral("Hardware");
+    case QSerialPort::SoftwareControl: return QStringLiteral("Xon/Xoff");
+    default: return QStringLiteral("NONE");
+    }
+}
+
+WireTextDecoder decoderFor(const QString &encoding)
+{
+    const auto codec = WireTextCodecRegistry::resolve(encoding);
+    return codec ? WireTextDecoder(codec.value()) : WireTextDecoder();
+}
+
+} // namespace
+
+PortSession::PortSession(int paneId, QObject *parent)
+    : QObject(parent)
+    , m_paneId(paneId)
+    , m_controller(new ConnectionController(this))
+    , m_sendTimer(new QTimer(this))
+    , m_reconnectTimer(new QTimer(this))
+    , m_saveTimer(new QTimer(this))
+{
+    connect(m_sendTimer, &QTimer::timeout, this, &PortSession::onSendData);
+    m_reconnectTimer->setInterval(int(ReconnectPolicy::kIntervalMs));
+    connect(m_reconnectTimer, &QTimer::timeout, this, &PortSession::onReconnectTick);
+    m_saveTimer->setInterval(kSaveIntervalMs);
+    connect(m_saveTimer, &QTimer::timeout, this, &PortSession::onSaveTick);
+    connectController();
+    applySettings(m_config, m_options, {});
+}
+
+PortSession::~PortSession()
+{
+    // Whatever the log still holds is written before the session goes.
+    if (m_log.isOpen()) {
+        m_log.writePending();
+        m_log.close();
+    }
+}
+
+QString PortSession::connectionLabel() const
+{
+    return ::connectionLabel(m_config.mode, m_paneId);
+}
+
+// ---------------------------------------------------------------- settings
+
+void PortSession::applySettings(const ConnectionConfig &config, const PaneOptions &options,
+                                const QStringList &sendHistory)
+{
+    m_config = config;
+    m_options = options;
+    m_history.setEntries(sendHistory);
+    m_controller->setStoredLineLevels(config.dtrOn, config.rtsOn);
+    m_ingest.setDisplayBufferSize(m_options.displayBufferSize);
+    const DisplayFormatter::Options display = DisplayFormatter::Options::fromPaneOptions(m_options);
+    for (DisplayFormatter *f : {&m_viewFormatter, &m_logFormatter}) {
+        f->setOptions(display);
+        if (const Result r = f->setReceiveEncoding(m_options.receiveEncoding); !r && f == &m_viewFormatter)
+            reportFailure(r.errorText());
+        f->setSendEncoding(m_options.sendEncoding);
+    }
+    m_consoleDecoder = decoderFor(m_options.receiveEncoding);
+}
+
+Result PortSession::setOptions(const PaneOptions &options)
+{
+    const DisplayFormatter::Options display = DisplayFormatter::Options::fromPaneOptions(options);
+    const bool rxEncoding = options.receiveEncoding != m_options.receiveEncoding;
+    const bool txEncoding = options.sendEncoding != m_options.sendEncoding;
+    if (rxEncoding || txEncoding || !(display == m_viewFormatter.options())) {
+        // Queued bytes are shown with the formatting they arrived under.
+        emit flushViewRequested();
+        for (DisplayFormatter *f : {&m_viewFormatter, &m_logFormatter}) {
+            const Result rx = rxEncoding ? f->setReceiveEncoding(options.receiveEncoding) : Result::success();
+            const Result tx = txEncoding ? f->setSendEncoding(options.sendEncoding) : Result::success();
+            if (!rx || !tx) {
+                // Both formatters keep the old names: an unknown name is
+                // refused before anything changed.
+                return rx ? tx : rx;
+            }
+            f->setOptions(display);
+        }
+        if (rxEncoding)
+            m_consoleDecoder = decoderFor(options.receiveEncoding);
+    }
+    m_options = options;
+    m_ingest.setDisplayBufferSize(m_options.displayBufferSize);
+    if (m_sendTimer->isActive())
+        m_sendTimer->setInterval(autoSendIntervalMs());
+    return Result::success();
+}
+
+void PortSession::setConnectionConfig(const ConnectionConfig &config)
+{
+    if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the port settings would interrupt it.")))
+        return;
+    const bool reopen = m_open;
+    if (reopen)
+        closeConnection();
+    m_config = config;
+    emit stateChanged();
+    emit targetsChanged();
+    if (reopen)
+        openConnection();
+    emit settingsChanged();
+}
+
+Result PortSession::setSerialParameters(const ConnectionConfig &edited)
+{
+    const QString busy = tr("A file transfer is using this port. Changing the port settings would interrupt it.");
+    if (refuseDuringTransfer(busy))
+        return Result::failure(busy);
+    if (m_config.mode == ConnectionMode::Serial && isConnectionOpen()) {
+        const Result applied = m_controller->applySerialParameters(edited);
+        if (!applied) {
+            const QString text = tr("The port keeps its previous settings: %1").arg(applied.errorText());
+            emit statusMessage(text, 5000);
+            return Result::failure(text);
+        }
+    }
+    m_config = edited;
+    emit stateChanged();
+    emit settingsChanged();
+    return Result::success();
+}
+
+void PortSession::setControlLine(bool dtr, bool on)
+{
+    if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the control lines would interrupt it.")))
+        return;
+    (dtr ? m_config.dtrOn : m_config.rtsOn) = on;
+    m_controller->setControlLine(dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts,
+                                 on);
+    emit settingsChanged();
+}
+
+bool PortSession::sendBreak(bool on)
+{
+    if (!on) {
+        return !m_controller->breakLevel()
+            || m_controller->setControlLine(ConnectionController::ControlLine::Break, false);
+    }
+    if (!isConnectionOpen()) {
+        emit statusMessage(tr("Could not send Break: the connection is not open."), 3000);
+        return false;
+    }
+    return m_controller->setControlLine(ConnectionController::ControlLine::Break, true);
+}
+
+void PortSession::clearSendHistory()
+{
+    m_history.clear();
+    emit historyChanged();
+    emit settingsChanged();
+}
+
+bool PortSession::refuseDuringTransfer(const QString &what)
+{
+    if (!isTransferActive())
+        return false;
+    emit statusMessage(what, 5000);
+    return true;
+}
+
+void PortSession::reportFailure(const QString &text)
+{
+    emit failure(text);
+}
+
+// ------------------------------------------------------------- connection
+
+void PortSession::connectController()
+{
+    ConnectionController *c = m_controller;
+    connect(c, &ConnectionController::received, this, &PortSession::ingestReceived);
+    connect(c, &ConnectionController::serialPortLost, this, &PortSession::onSerialPortLost);
+    connect(c, &ConnectionController::tcpClientDisconnected, this, &PortSession::onStreamDisconnected);
+    connect(c, &ConnectionController::statusMessage, this, &PortSession::statusMessage);
+    connect(c, &ConnectionController::errorOccurred, this, &PortSession::onControllerError);
+    connect(c, &ConnectionController::peerArrived, this, &PortSession::onPeerArrived);
+    connect(c, &ConnectionController::peerLost, this, [this](const QString &peer) {
+        emit targetsChanged();
+        emit peerLost(peer);
+    });
+    connect(c, &ConnectionController::serverConnectionsChanged, this, &PortSession::targetsChanged);
+    connect(c, &ConnectionController::udpPeersChanged, this, &PortSession::targetsChanged);
+}
+
+void PortSession::onControllerError(const QString &message)
+{
+    reportFailure(message);
+    // A stream connection that failed before or after connecting has no
+    // socket any more: the session ends unless a reconnect is waiting.
+    if (isStreamMode(m_config.mode) && m_open && !isReconnecting() && !isConnectionOpen()) {
+        if (m_autoReconnect && m_config.mode == ConnectionMode::TcpClient && m_wasConnected) {
+            startReconnecting();
+            return;
+        }
+        changeConnState(false);
+    }
+}
+
+void PortSession::onPeerArrived(const QString &peer)
+{
+    if (peer.isEmpty() && isStreamMode(m_config.mode)) {
+        m_wasConnected = true;
+        emit failureCleared();
+        if (isReconnecting()) {
+            disarmReconnect();
+            emit statusMessage(tr("TCP connection RESTORED"), 3000);
+        }
+        emit stateChanged();
+    }
+    emit targetsChanged();
+    emit peerArrived(peer);
+}
+
+bool PortSession::isConnectionOpen() const
+{
+    return m_controller->isOpen(m_config.mode);
+}
+
+bool PortSession::openConnection(const QString &portName, bool silent)
+{
+    if (isTransferActive()) {
+        emit statusMessage(tr("A file transfer is running."), 5000);
+        return false;
+    }
+    emit failureCleared();
+    m_wasConnected = false;
+    m_controller->setWatchForLoss(m_config.mode == ConnectionMode::Serial);
+    m_controller->setStoredLineLevels(m_config.dtrOn, m_config.rtsOn);
+    if (!portName.isEmpty() && m_config.mode == ConnectionMode::Serial) {
+        m_config.portName = portName;
+        emit configChanged();
+    }
+    if (!m_controller->open(m_config, portName, silent)) {
+        if (silent && m_config.mode == ConnectionMode::Serial)
+            emit statusMessage(tr("Serial Port %1 OPEN FAILED").arg(currentRealPortName()), 15000);
+        changeConnState(false);
+        return false;
+    }
+    if (m_config.mode == ConnectionMode::TcpClient || m_config.mode == ConnectionMode::RemoteSerialRfc2217
+        || m_config.mode == ConnectionMode::UdpClient) {
+        rememberTargetHost();
+        if (m_config.mode != ConnectionMode::UdpClient)
+            emit statusMessage(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 3000);
+    }
+    changeConnState(true);
+    emit settingsChanged();
+    return true;
+}
+
+void PortSession::rememberTargetHost()
+{
+    // The host box offers the hosts used last, newest first.
+    QStringList &hosts = m_config.recentTargetHosts;
+    const QString host = m_config.targetHost.trimmed();
+    if (host.isEmpty() || (!hosts.isEmpty() && hosts.constFirst() == host))
+        return;
+    hosts.removeAll(host);
+    hosts.prepend(host);
+    while (hosts.size() > kRecentHostLimit)
+        hosts.removeLast();
+    emit configChanged();
+}
+
+void PortSession::closeConnection()
+{
+    if (isTransferActive()) {
+        emit statusMessage(tr("A file transfer is running."), 5000);
+        return;
+    }
+    m_userClosing = true;
+    disarmReconnect();
+    m_controller->close(m_config.mode, m_config.portName);
+    if (m_ingest.readThrottle().isReadingPaused()) {
+        m_ingest.readThrottle().reset();
+        m_controller->setReadPaused(m_config.mode, false);
+    }
+    changeConnState(false);
+    m_userClosing = false;
+}
+
+void PortSession::changeConnState(bool open)
+{
+    const bool changed = open != m_open;
+    m_open = open;
+    if (open) {
+        if (changed) {
+            qCDebug(lcTerminal) << "Start saveTimer";
+            startLog();
+            restartAutoSend();
+        }
+    } else {
+        m_sendTimer->stop();
+        if (changed)
+            stopLog();
+    }
+    emit stateChanged();
+    emit targetsChanged();
+}
+
+void PortSession::startReconnecting()
+{
+    m_reconnect.arm(m_clock());
+    m_reconnectTimer->start();
+    emit stateChanged();
+}
+
+void PortSession::onSerialPortLost()
+{
+    if (!m_autoReconnect) {
+        changeConnState(false);
+        return;
+    }
+    startReconnecting();
+    emit statusMessage(tr("Serial Port %1 lost, waiting for it to come back...").arg(currentRealPortName()), 3000);
+}
+
+void PortSession::onStreamDisconnected()
+{
+    if (m_userClosing || !m_open || !isStreamMode(m_config.mode))
+        return;
+    if (m_autoReconnect && m_config.mode == ConnectionMode::TcpClient) {
+        startReconnecting();
+        emit statusMessage(tr("Reconnecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 2000);
+        return;
+    }
+    changeConnState(false);
+}
+
+void PortSession::onReconnectTick()
+{
+    if (isConnectionOpen()) {
+        disarmReconnect();
+        emit stateChanged();
+        return;
+    }
+    if (!m_reconnect.takeAttempt(m_clock()))
+        return;
+    if (m_config.mode == ConnectionMode::Serial) {
+        if (m_controller->open(m_config, {}, true)) {
+            disarmReconnect();
+            emit statusMessage(tr("Serial Port %1 RECONNECTED").arg(currentRealPortName()), 3000);
+            emit stateChanged();
+        }
+        return;
+    }
+    if (m_config.mode == ConnectionMode::TcpClient) {
+        emit statusMessage(tr("Reconnecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 2000);
+        m_controller->startTcpClient(m_config.targetHost, quint16(m_config.targetPort));
+        return;
+    }
+    // Other modes have nothing to come back to on their own.
+    disarmReconnect();
+    changeConnState(false);
+}
+
+void PortSession::disarmReconnect()
+{
+    m_reconnectTimer->stop();
+    m_reconnect.disarm();
+}
+
+QString PortSession::endpointText() const
+{
+    switch (m_config.mode) {
+    case ConnectionMode::Serial:
+        return currentRealPortName();
+    case ConnectionMode::TcpServer: {
+        const QString address = m_controller->serverAddressText();
+        return address.isEmpty() ? QStringLiteral("*:%1").arg(m_config.targetPort) : address;
+    }
+    case ConnectionMode::UdpServer:
+    case ConnectionMode::UdpGeneric:
+        return QStringLiteral("*:%1").arg(m_controller->udpLocalPort() ? m_controller->udpLocalPort()
+                                                                        : m_config.udpServerPort);
+    case ConnectionMode::UdpClient:
+    case ConnectionMode::TcpClient:
+    case ConnectionMode::RemoteSerialRfc2217:
+        return QStringLiteral("%1:%2").arg(m_config.targetHost).arg(m_config.targetPort);
+    case ConnectionMode::RemoteSerialRelay:
+        return m_config.relayShareLabel.isEmpty() ? m_config.relayPortName : m_config.relayShareLabel;
+    }
+    return connectionLabel();
+}
+
+QString PortSession::currentRealPortName() const
+{
+    if (m_config.mode == ConnectionMode::Serial) {
+        const QString open = m_controller->serialPortName();
+        return open.isEmpty() ? m_config.portName : open;
+    }
+    return endpointText();
+}
+
+QString PortSession::statusLine() const
+{
+    if (!m_open)
+        return QStringLiteral("<font color = red> %1 CLOSED </font>").arg(endpointText().toHtmlEscaped());
+    if (isReconnecting()) {
+        return QStringLiteral("<font color = #b9770e> %1 </font>")
+            .arg(tr("%1 waiting to reconnect").arg(endpointText()).toHtmlEscaped());
+    }
+    if (!isConnectionOpen() && isStreamMode(m_config.mode)) {
+        return QStringLiteral("<font color = #b9770e> %1 </font>")
+            .arg(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort).toHtmlEscaped());
+    }
+    if (m_config.mode == ConnectionMode::Serial) {
+        return QStringLiteral("<font color = green> %1 OPENED, %2, %3, %4, %5, %6 </font>")
+            .arg(currentRealPortName().toHtmlEscaped())
+            .arg(m_config.baudRate)
+            .arg(int(m_config.dataBits))
+            .arg(SerialParameterText::parityWord(m_config.parity).toUpper(),
+                 QString::number(SerialParameterText::stopBitsNumber(m_config.stopBits)),
+                 flowWord(m_config.flowControl));
+    }
+    return QStringLiteral("<font color = green> %1 %2 OPENED </font>")
+        .arg(connectionModeTag(m_config.mode).toUpper(), endpointText().toHtmlEscaped());
+}
+
+// ----------------------------------------------------------------- receive
+
+void PortSession::readPending()
+{
+    ingestReceived(m_controller->readAll(m_config.mode));
+}
+
+void PortSession::ingestReceived(const QByteArray &data, const QString &peer)
+{
+    Q_UNUSED(peer);
+    if (data.isEmpty())
+        return;
+    if (isTransferActive() && m_receiveTaker && m_receiveTaker(data))
+        return;
+    emit received();
+    const QDateTime now = QDateTime::currentDateTime();
+    logChunk(DisplayChunk{now, ChunkDirection::Received, data});
+    m_ingest.ingestReceived(data, now);
+    emit rxTapped(data);
+    static const QMetaMethod consoleSignal = QMetaMethod::fromSignal(&PortSession::consoleTraffic);
+    if (isSignalConnected(consoleSignal))
+        emit consoleTraffic(connectionLabel(), false, m_consoleDecoder.decode(data));
+    applyReadThrottle();
+}
+
+void PortSession::applyReadThrottle()
+{
+    switch (m_ingest.readThrottleAction()) {
+    case ReadThrottle::Action::PauseReading:
+        qCDebug(lcTerminal) << "display behind, pausing reads at" << m_ingest.pendingBytes() << "bytes";
+        m_controller->setReadPaused(m_config.mode, true);
+        break;
+    case ReadThrottle::Action::ResumeReading:
+        m_controller->setReadPaused(m_config.mode, false);
+        break;
+    case ReadThrottle::Action::None:
+        break;
+    }
+}
+
+QList<DisplayChunk> PortSession::takeForView(qint64 byteBudget, qint64 timeLimitMs)
+{
+    QList<DisplayChunk> taken;
+    if (!m_ingest.hasPending())
+        return taken;
+    QElapsedTimer clock;
+    clock.start();
+    qint64 total = 0;
+    do {
+        // One chunk at a time, so the time limit can end a long drain.
+        const QList<DisplayChunk> chunk = m_ingest.takeBatch(0);
+        for (const DisplayChunk &c : chunk)
+            total += c.bytes.size();
+        taken += chunk;
+        if (byteBudget >= 0 && total >= byteBudget)
+            break;
+        if (timeLimitMs >= 0 && clock.elapsed() >= timeLimitMs)
+            break;
+    } while (m_ingest.hasPending());
+    applyReadThrottle();
+    return taken;
+}
+
+void PortSession::resetCounters()
+{
+    m_txCount = 0;
+    m_ingest.resetRxCount();
+}
+
+void PortSession::setPaused(bool paused)
+{
+    if (paused == (m_viewState == ViewState::Paused) || isTransferActive())
+        return;
+    if (paused) {
+        emit flushViewRequested();
+        m_ingest.pause();
+        m_viewState = ViewState::Paused;
+        return;
+    }
+    m_viewState = ViewState::Normal;
+    m_ingest.resume(QDateTime::currentDateTime());
+}
+
+// -------------------------------------------------------------------- send
+
+Result PortSession::sendText(const QString &text, QString *normalisedHex)
+{
+    const auto built = SendFrameBuilder::build(text, SendFrameBuilder::Options::fromPaneOptions(m_options));
+    if (!built) {
+        reportFailure(built.errorText());
+        return Result::failure(built.errorText());
+    }
+    const SendFrameBuilder::Frame &frame = built.value();
+    if (frame.isEmpty())
+        return Result::success();
+    if (normalisedHex && m_options.sendFormat == MessageFormat::Hex)
+        *normalisedHex = frame.normalisedHex;
+
+    const QStringList before = m_history.entries();
+    m_history.record(text, m_options.sendFormat);
+    if (m_history.entries() != before) {
+        emit historyChanged();
+        emit settingsChanged();
+    }
+    sendBytes(frame.bytes);
+    return Result::success();
+}
+
+bool PortSession::sendBytes(const QByteArray &data, bool echo)
+{
+    if (data.isEmpty())
+        return false;
+    if (echo && m_options.displaySendMsg) {
+        const DisplayChunk chunk{QDateTime::currentDateTime(), ChunkDirection::Sent, data};
+        logChunk(chunk);
+        m_ingest.queueSent(data, chunk.time);
+        emit echoQueued();
+    }
+    const bool wasOpen = isConnectionOpen();
+    if (!m_controller->send(m_config, data, m_target))
+        return false;
+    m_txCount += quint64(data.size());
+    emit sent();
+    static const QMetaMethod consoleSignal = QMetaMethod::fromSignal(&PortSession::consoleTraffic);
+    if (isSignalConnected(consoleSignal)) {
+        WireTextDecoder decoder = decoderFor(m_options.sendEncoding);
+        emit consoleTraffic(connectionLabel(), true, decoder.decode(data));
+    }
+    // Writing to a closed serial port opens it.
+    if (!wasOpen && isConnectionOpen() && !m_open)
+        changeConnState(true);
+    return true;
+}
+
+void PortSession::onSendData()
+{
+    if (!isConnectionOpen() || isTransferActive() || !m_options.autoSend)
+        return;
+    if (m_options.lineByLine)
+        sendText(m_lineStepper.next(m_sendText));
+    else
+        sendText(m_sendText);
+}
+
+int PortSession::autoSendIntervalMs() const
+{
+    const int factor = m_options.sendTimeUnit == SendTimeUnit::Seconds ? 1000 : 1;
+    return int(qMin<qint64>(qint64(m_options.sendInterval) * factor, std::numeric_limits<int>::max()));
+}
+
+void PortSession::restartAutoSend()
+{
+    if (m_options.autoSend && !isTransferActive()) {
+        m_sendTimer->setInterval(autoSendIntervalMs());
+        m_sendTimer->start();
+        qCDebug(lcTerminal) << "Update sendTimer interval to" << autoSendIntervalMs();
+    } else {
+        m_sendTimer->stop();
+    }
+}
+
+// ----------------------------------------------------------- transfer lock
+
+void PortSession::setTransferActive(bool active)
+{
+    if (active == isTransferActive())
+        return;
+    if (active) {
+        if (m_viewState == ViewState::Normal)
+            emit flushViewRequested();
+        m_autoSendBeforeTransfer = m_sendTimer->isActive();
+        m_sendTimer->stop();
+        m_viewState = ViewState::Transfer;
+    } else {
+        m_viewState = ViewState::Normal;
+        m_receiveTaker = {};
+        if (m_autoSendBeforeTransfer && isConnectionOpen())
+            restartAutoSend();
+        m_autoSendBeforeTransfer = false;
+    }
+    emit transferStateChanged(active);
+}
+
+QString PortSession::transferRefusal() const
+{
+    if (isTransferActive())
+        return tr("A file transfer is already running on this port.");
+    if (isUdpMode(m_config.mode))
+        return tr("File transfer needs an ordered, reliable connection. UDP cannot provide one.");
+    if (!isConnectionOpen())
+        return tr("The connection is not open.");
+    if (m_viewState == ViewState::Paused)
+        return tr("The view is paused. Resume it before transferring a file.");
+    if (m_config.mode == ConnectionMode::TcpServer) {
+        const int clients = m_controller->serverClientCount();
+        if (clients == 0)
+            return tr("No client is connected yet.");
+        if (clients > 1 && m_target.clientLabel.isEmpty() && m_target.index < 0)
+            return tr("Several clients are connected. Select the one to transfer with.");
+    }
+    return QString();
+}
+
+// ---------------------------------------------------------------- data log
+
+void PortSession::logChunk(const DisplayChunk &chunk)
+{
+    if (!m_log.isOpen())
+        return;
+    const QString text = m_logFormatter.format(chunk);
+    if (text.isEmpty())
+        return;
+    if (const Result r = m_log.append(text); !r)
+        reportFailure(r.errorText());
+}
+
+void PortSession::startLog()
+{
+    if (!m_options.logSaveFlag || m_log.isOpen())
+        return;
+    const Result opened = m_log.open(LogWriter::Options::fromPaneOptions(m_options, currentRealPortName()));
+    if (!opened) {
+        reportFailure(opened.errorText());
+        return;
+    }
+    // A new log starts at a line start with fresh decoders.
+    m_logFormatter.reset();
+    m_saveTimer->start();
+}
+
+void PortSession::stopLog()
+{
+    m_saveTimer->stop();
+    if (!m_log.isOpen())
+        return;
+    if (const Result r = m_log.writePending(); !r)
+        reportFailure(r.errorText());
+    m_log.close();
+}
+
+void PortSession::restartLog()
+{
+    if (!m_log.isOpen())
+        return;
+    stopLog();
+    startLog();
+}
+
+void PortSession::setLogEnabled(bool on)
+{
+    m_options.logSaveFlag = on;
+    if (on && m_open)
+        startLog();
+    else if (!on)
+        stopLog();
+}
+
+void PortSession::onSaveTick()
+{
+    if (const Result r = m_log.writePending(); !r)
+        reportFailure(r.errorText());
+}

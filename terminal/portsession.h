@@ -1,0 +1,239 @@
+#pragma once
+
+#include "common/monotonicclock.h"
+#include "common/result.h"
+#include "connection/connectionconfig.h"
+#include "connection/porttransport.h"
+#include "terminal/displaychunk.h"
+#include "terminal/displayformatter.h"
+#include "terminal/linestepper.h"
+#include "terminal/logwriter.h"
+#include "terminal/paneoptions.h"
+#include "terminal/receiveingest.h"
+#include "terminal/reconnectpolicy.h"
+#include "terminal/sendhistory.h"
+#include "terminal/wiretextdecoder.h"
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QStringList>
+
+#include <functional>
+
+class ConnectionController;
+class QTimer;
+
+// One port as its users see it, without any widget: the connection and its
+// controller, what was received waiting for a view, the send path (framing,
+// history, line stepping, auto send), the data log, the reconnect policy,
+// the file-transfer lock and the taps that copy traffic to the console and
+// to bridges. A pane is a view over one session; the Live Console, the
+// relay, a file transfer or a command-line front end can drive a session
+// just the same.
+class PortSession : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum class ViewState { Normal, Paused, Transfer };
+
+    static constexpr int kSaveIntervalMs = 5000;
+    static constexpr int kRecentHostLimit = 10;
+
+    // While a file transfer runs, received bytes go to this function instead
+    // of the queue; it returns whether it took them.
+    using ReceiveTaker = std::function<bool(const QByteArray &)>;
+
+    explicit PortSession(int paneId, QObject *parent = nullptr);
+    ~PortSession() override;
+
+    int paneId() const { return m_paneId; }
+    // "%1-%2": the mode's tag and the pane's identifier.
+    QString connectionLabel() const;
+    ConnectionController *controller() const { return m_controller; }
+
+    // Time for the reconnect policy; tests pass a virtual clock and call
+    // onReconnectTick() themselves.
+    void setClock(MonotonicClock clock) { m_clock = std::move(clock); }
+
+    // ---- Settings ----
+    // Replaces every setting; announces nothing.
+    void applySettings(const ConnectionConfig &config, const PaneOptions &options, const QStringList &sendHistory);
+    const ConnectionConfig &config() const { return m_config; }
+    const PaneOptions &options() const { return m_options; }
+    // Options that change how text is shown or sent, without reopening. What
+    // is queued is shown as it was received, before the change. An unknown
+    // encoding is refused with its message and the old one kept.
+    Result setOptions(const PaneOptions &options);
+    // A new connection record: a running connection is closed and reopened.
+    void setConnectionConfig(const ConnectionConfig &config);
+    // New serial parameters: applied to an open port first; refused ones
+    // leave everything as it was (the message says why).
+    Result setSerialParameters(const ConnectionConfig &edited);
+    void setControlLine(bool dtr, bool on);
+    const QStringList &sendHistory() const { return m_history.entries(); }
+    void clearSendHistory();
+
+    // ---- Connection ----
+    bool openConnection(const QString &portName = {}, bool silent = false);
+    void closeConnection();
+    // Whether the user's session is on (it may be waiting to reconnect).
+    bool isStarted() const { return m_open; }
+    bool isConnectionOpen() const;
+    void setAutoReconnect(bool on) { m_autoReconnect = on; }
+    bool autoReconnect() const { return m_autoReconnect; }
+    bool isReconnecting() const { return m_reconnect.isWaiting(); }
+    const ReconnectPolicy &reconnectPolicy() const { return m_reconnect; }
+    // The port name in use, or the connection's endpoint text.
+    QString currentRealPortName() const;
+    QString endpointText() const;
+    // The rich status line: opened, connecting, waiting or closed.
+    QString statusLine() const;
+    bool sendBreak(bool on);
+
+    // ---- Receive ----
+    // Every received chunk comes through here (the controller pushes).
+    void ingestReceived(const QByteArray &data, const QString &peer = {});
+    // Pulls what the controller holds (nothing, usually: it pushes).
+    void readPending();
+    ReceiveIngest &ingest() { return m_ingest; }
+    const ReceiveIngest &ingest() const { return m_ingest; }
+    // The formatter that turns queued chunks into view text.
+    DisplayFormatter &viewFormatter() { return m_viewFormatter; }
+    // Takes chunks for the view within a byte budget (-1: all) and a time
+    // limit (-1: none); at least one chunk when any waits. Reading resumes
+    // when the backlog has shrunk.
+    QList<DisplayChunk> takeForView(qint64 byteBudget, qint64 timeLimitMs);
+    quint64 rxCount() const { return m_ingest.rxCount(); }
+    quint64 txCount() const { return m_txCount; }
+    void resetCounters();
+    ViewState viewState() const { return m_viewState; }
+    // Pausing keeps the newest received bytes aside; resuming queues them.
+    void setPaused(bool paused);
+
+    // ---- Send ----
+    // The text auto send and line stepping work on.
+    void setSendText(const QString &text) { m_sendText = text; }
+    const QString &sendText() const { return m_sendText; }
+    // Where sends go in the modes with several peers.
+    void setSendTarget(const SendTarget &target) { m_target = target; }
+    const SendTarget &sendTarget() const { return m_target; }
+    // Builds a frame from text and sends it (history, echo, counters). In
+    // hex mode normalisedHex gets the tidied text. A build failure is
+    // returned and nothing is sent.
+    Result sendText(const QString &text, QString *normalisedHex = nullptr);
+    // The one send path that other parts (console, relay, transfer) use.
+    bool sendBytes(const QByteArray &data, bool echo = true);
+    void onSendData();
+    void restartAutoSend();
+    void resetLineStepper() { m_lineStepper.reset(); }
+
+    // ---- File transfer ----
+    void setTransferActive(bool active);
+    bool isTransferActive() const { return m_viewState == ViewState::Transfer; }
+    void setReceiveTaker(ReceiveTaker taker) { m_receiveTaker = std::move(taker); }
+    // Why a transfer cannot start now; empty when it can.
+    QString transferRefusal() const;
+
+    // ---- Data log ----
+    bool isLogging() const { return m_log.isOpen(); }
+    QString currentLogFile() const { return m_log.filePath(); }
+    qint64 pendingLogBytes() const { return m_log.pendingBytes(); }
+    // Restarts the log under the current options (a new folder, say).
+    void restartLog();
+    void setLogEnabled(bool on);
+
+    // The text the data log makes of a chunk (its own formatter).
+    QString formatForLog(const DisplayChunk &chunk) { return m_logFormatter.format(chunk); }
+
+public Q_SLOTS:
+    void onReconnectTick();
+    void disarmReconnect();
+    void onSerialPortLost();
+    void onStreamDisconnected();
+
+Q_SIGNALS:
+    // For the status bar.
+    void statusMessage(const QString &message, int timeoutMs);
+    // A failure the user must see in the pane (and the status bar).
+    void failure(const QString &message);
+    // Cleared by a successful (re)connection.
+    void failureCleared();
+    // Whether the session is started, connected or waiting changed.
+    void stateChanged();
+    // The list of peers (server clients, UDP senders) changed.
+    void targetsChanged();
+    void peerArrived(const QString &peer);
+    void peerLost(const QString &peer);
+    // Settings worth saving changed (history, recent hosts, control lines).
+    void settingsChanged();
+    void transferStateChanged(bool active);
+    // A sent frame was queued as an echo: the view shows it at once.
+    void echoQueued();
+    // What is queued must reach the view now, with the formatting it was
+    // received under (the formatting is about to change).
+    void flushViewRequested();
+    // The send history changed (the pane refills its list).
+    void historyChanged();
+    // The connection record changed from inside (port name, recent hosts).
+    void configChanged();
+    // Traffic for the activity lights.
+    void received();
+    void sent();
+    // Taps: raw received bytes, and decoded text for the Live Console.
+    void rxTapped(const QByteArray &data);
+    void consoleTraffic(const QString &portKey, bool isTx, const QString &text);
+
+private:
+    void connectController();
+    void changeConnState(bool open);
+    void startReconnecting();
+    void onControllerError(const QString &message);
+    void onPeerArrived(const QString &peer);
+    void applyReadThrottle();
+    void logChunk(const DisplayChunk &chunk);
+    void startLog();
+    void stopLog();
+    void onSaveTick();
+    void rememberTargetHost();
+    int autoSendIntervalMs() const;
+    bool refuseDuringTransfer(const QString &what);
+    void reportFailure(const QString &text);
+
+    int m_paneId;
+    ConnectionController *m_controller;
+    ConnectionConfig m_config;
+    PaneOptions m_options;
+    MonotonicClock m_clock = systemMonotonicClock();
+
+    // Receive
+    ReceiveIngest m_ingest;
+    DisplayFormatter m_viewFormatter;
+    WireTextDecoder m_consoleDecoder;
+    ViewState m_viewState = ViewState::Normal;
+    ReceiveTaker m_receiveTaker;
+
+    // Send
+    QString m_sendText;
+    SendTarget m_target;
+    SendHistory m_history;
+    LineStepper m_lineStepper;
+    quint64 m_txCount = 0;
+
+    // Connection
+    bool m_open = false;
+    bool m_userClosing = false;
+    bool m_autoReconnect = true;
+    bool m_autoSendBeforeTransfer = false;
+    bool m_wasConnected = false;  // the stream socket connected at least once
+    ReconnectPolicy m_reconnect;
+
+    // The log formats every chunk itself, with its own decoders, so what it
+    // records does not depend on whether or when a view drains.
+    LogWriter m_log;
+    DisplayFormatter m_logFormatter;
+
+    QTimer *m_sendTimer;
+    QTimer *m_reconnectTimer;
+    QTimer *m_saveTimer;
+};

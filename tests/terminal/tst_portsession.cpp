@@ -1,0 +1,256 @@
+// A port session driven with no widget at all: a socat pty pair or a
+// loopback TCP server on the far side, the reconnect policy on a virtual
+// clock, the data log read back from disk.
+#include "connection/connectioncontroller.h"
+#include "support/ptypair.h"
+#include "terminal/portsession.h"
+
+#include <QSerialPort>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+constexpr int kWait = 5000;
+
+QString readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+bool statusShown(const QSignalSpy &spy, const QString &text)
+{
+    for (const QList<QVariant> &args : spy) {
+        if (args.at(0).toString() == text)
+            return true;
+    }
+    return false;
+}
+
+// What a view would show: every queued chunk through the session's view
+// formatter.
+QString drainView(PortSession &session)
+{
+    QString text;
+    for (const DisplayChunk &chunk : session.takeForView(-1, -1))
+        text += session.viewFormatter().format(chunk);
+    return text;
+}
+
+} // namespace
+
+class PortSessionTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void opensSendsReceivesAndLogs();
+    void logKeepsCharactersSplitAcrossAPause();
+    void lostSerialPortReconnectsOnTheClock_data();
+    void lostSerialPortReconnectsOnTheClock();
+    void tcpClientReconnectsOnTheClock();
+
+private:
+    ConnectionConfig serialConfig() const
+    {
+        ConnectionConfig config;
+        config.portName = m_pty->pathA();
+        config.baudRate = 115200;
+        return config;
+    }
+    bool openFar(QSerialPort &far) const
+    {
+        far.setPortName(m_pty->pathB());
+        return far.open(QIODevice::ReadWrite);
+    }
+
+    std::unique_ptr<PtyPair> m_pty;
+    std::unique_ptr<QTemporaryDir> m_logs;
+};
+
+void PortSessionTest::init()
+{
+    m_pty = std::make_unique<PtyPair>();
+    QVERIFY2(m_pty->start(), qPrintable(m_pty->errorText()));
+    m_logs = std::make_unique<QTemporaryDir>();
+}
+
+void PortSessionTest::cleanup()
+{
+    m_pty.reset();
+    m_logs.reset();
+}
+
+void PortSessionTest::opensSendsReceivesAndLogs()
+{
+    PortSession session(1);
+    PaneOptions options;
+    options.logSaveFlag = true;
+    options.logFilePath = m_logs->path();
+    options.txAutoFeedLine = true;
+    session.applySettings(serialConfig(), options, {});
+    QSignalSpy status(&session, &PortSession::statusMessage);
+    QVERIFY(session.openConnection());
+    QVERIFY(session.isConnectionOpen() && session.isStarted() && session.isLogging());
+    QVERIFY(session.statusLine().contains(" OPENED, 115200, 8, NONE, 1, NONE"));
+    QVERIFY(statusShown(status, QString("Serial Port %1 OPEN SUCCESS").arg(m_pty->pathA())));
+
+    QSerialPort far;
+    QVERIFY(openFar(far));
+    far.write("hello\n");
+    QTRY_COMPARE_WITH_TIMEOUT(session.rxCount(), quint64(6), kWait);
+
+    QVERIFY(session.sendText("AT"));
+    QByteArray atFar;
+    QTRY_VERIFY_WITH_TIMEOUT((atFar += far.readAll()) == "AT\r\n", kWait);
+    QCOMPARE(session.txCount(), quint64(4));
+    QCOMPARE(session.sendHistory(), QStringList{"AT"});
+    QCOMPARE(drainView(session), QString("hello\nAT\n"));
+
+    const QString logPath = session.currentLogFile();
+    session.closeConnection();
+    QVERIFY(!session.isStarted() && !session.isLogging());
+    QVERIFY(session.statusLine().contains("CLOSED"));
+    const QString log = readFile(logPath);
+    QVERIFY2(log.contains("hello\n") && log.contains("AT\n"), qPrintable(log));
+}
+
+void PortSessionTest::logKeepsCharactersSplitAcrossAPause()
+{
+    // A character split across reads, with the view paused in between: the
+    // view and the log each decode the whole stream, so both read "a中b".
+    PortSession session(2);
+    PaneOptions options;
+    options.logSaveFlag = true;
+    options.logFilePath = m_logs->path();
+    options.logTimestampEnabled = false;
+    options.displaySendMsg = false;
+    session.applySettings(serialConfig(), options, {});
+    QVERIFY(session.openConnection());
+    QSerialPort far;
+    QVERIFY(openFar(far));
+
+    QString view;
+    far.write("a\xE4");
+    QTRY_COMPARE_WITH_TIMEOUT(session.rxCount(), quint64(2), kWait);
+    view += drainView(session);
+    session.setPaused(true);
+    far.write("\xB8\xAD");
+    QTRY_COMPARE_WITH_TIMEOUT(session.rxCount(), quint64(4), kWait);
+    far.write("b\n");
+    QTRY_COMPARE_WITH_TIMEOUT(session.rxCount(), quint64(6), kWait);
+    QVERIFY(session.takeForView(-1, -1).isEmpty());  // kept aside while paused
+    session.setPaused(false);
+    view += drainView(session);
+    QCOMPARE(view, QString::fromUtf8("a\u4e2db\n"));
+
+    const QString logPath = session.currentLogFile();
+    session.closeConnection();
+    const QString log = readFile(logPath);
+    QVERIFY2(log.endsWith(QString::fromUtf8("a\u4e2db\n")), qPrintable(log));
+    QVERIFY(!log.contains(QChar(0xFFFD)));
+}
+
+void PortSessionTest::lostSerialPortReconnectsOnTheClock_data()
+{
+    QTest::addColumn<bool>("autoReconnect");
+    QTest::newRow("waits and comes back") << true;
+    QTest::newRow("without auto reconnect the session ends") << false;
+}
+
+void PortSessionTest::lostSerialPortReconnectsOnTheClock()
+{
+    QFETCH(bool, autoReconnect);
+    qint64 now = 1000000;
+    PortSession session(3);
+    session.setClock([&now] { return now; });
+    session.applySettings(serialConfig(), PaneOptions(), {});
+    session.setAutoReconnect(autoReconnect);
+    QVERIFY(session.openConnection());
+    QSignalSpy status(&session, &PortSession::statusMessage);
+
+    m_pty->kill();
+    QTRY_VERIFY_WITH_TIMEOUT(!session.isConnectionOpen(), kWait);
+    QCOMPARE(session.isReconnecting(), autoReconnect);
+    QCOMPARE(session.isStarted(), autoReconnect);
+    QVERIFY(statusShown(status, QString("Serial Port %1 DISCONNECTED").arg(m_pty->pathA())));
+    if (!autoReconnect) {
+        QVERIFY(session.statusLine().contains("CLOSED"));
+        return;
+    }
+    QVERIFY(statusShown(status, QString("Serial Port %1 lost, waiting for it to come back...").arg(m_pty->pathA())));
+    QVERIFY(session.statusLine().contains("waiting to reconnect"));
+
+    // Not before the interval, however often the timer ticks.
+    QVERIFY2(m_pty->restart(), qPrintable(m_pty->errorText()));
+    now += ReconnectPolicy::kIntervalMs / 2;
+    session.onReconnectTick();
+    session.onReconnectTick();
+    QVERIFY(session.isReconnecting() && !session.isConnectionOpen());
+
+    now += ReconnectPolicy::kIntervalMs / 2;
+    session.onReconnectTick();
+    QVERIFY(session.isConnectionOpen());
+    QVERIFY(!session.isReconnecting());
+    QVERIFY(statusShown(status, QString("Serial Port %1 RECONNECTED").arg(m_pty->pathA())));
+
+    QSerialPort far;
+    QVERIFY(openFar(far));
+    far.write("again");
+    QString seen;
+    QTRY_COMPARE_WITH_TIMEOUT(seen += drainView(session), QString("again"), kWait);
+}
+
+void PortSessionTest::tcpClientReconnectsOnTheClock()
+{
+    QTcpServer device;
+    QVERIFY(device.listen(QHostAddress::LocalHost, 0));
+    qint64 now = 0;
+    PortSession session(4);
+    session.setClock([&now] { return now; });
+    ConnectionConfig config;
+    config.mode = ConnectionMode::TcpClient;
+    config.targetHost = QStringLiteral("127.0.0.1");
+    config.targetPort = device.serverPort();
+    session.applySettings(config, PaneOptions(), {});
+    QSignalSpy status(&session, &PortSession::statusMessage);
+    QVERIFY(session.openConnection());
+    QVERIFY(device.waitForNewConnection(kWait));
+    std::unique_ptr<QTcpSocket> client(device.nextPendingConnection());
+    QTRY_VERIFY_WITH_TIMEOUT(session.isConnectionOpen(), kWait);
+
+    const quint16 port = device.serverPort();
+    device.close();
+    client->close();
+    QTRY_VERIFY_WITH_TIMEOUT(session.isReconnecting(), kWait);
+    QVERIFY(statusShown(status, QString("Reconnecting to 127.0.0.1:%1 ...").arg(port)));
+
+    // The first attempt finds nobody listening; the session keeps waiting.
+    QSignalSpy failures(&session, &PortSession::failure);
+    now += ReconnectPolicy::kIntervalMs;
+    session.onReconnectTick();
+    QTRY_VERIFY_WITH_TIMEOUT(!failures.isEmpty(), kWait);
+    QVERIFY(failures.at(0).at(0).toString().startsWith("TCP connect FAILED: "));
+    QVERIFY(session.isReconnecting() && session.isStarted());
+
+    QVERIFY(device.listen(QHostAddress::LocalHost, port));
+    session.onReconnectTick();
+    QVERIFY(!device.waitForNewConnection(200));  // the interval has not passed again
+    now += ReconnectPolicy::kIntervalMs;
+    session.onReconnectTick();
+    QVERIFY(device.waitForNewConnection(kWait));
+    client.reset(device.nextPendingConnection());
+    QTRY_VERIFY_WITH_TIMEOUT(!session.isReconnecting(), kWait);
+    QVERIFY(statusShown(status, "TCP connection RESTORED"));
+    client->write("back");
+    QString seen;
+    QTRY_COMPARE_WITH_TIMEOUT(seen += drainView(session), QString("back"), kWait);
+}
+
+QTEST_GUILESS_MAIN(PortSessionTest)
+#include "tst_portsession.moc"
