@@ -2,6 +2,7 @@
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/lastusedrecord.h"
+#include "terminal/panesettings.h"
 #include "app/windowplacement.h"
 #include "support/settingssandbox.h"
 
@@ -38,6 +39,7 @@ private Q_SLOTS:
     void networkModeLeavesSerialKeys();
     void writeOnlyAndReadOnlyKeys();
     void unreadableValuesKeepDefaults();
+    void everyPaneFieldRoundTrips();
 
     void configFolderProposalAndAccept();
     void configFolderRefusesAFile();
@@ -312,11 +314,58 @@ void StartupTest::unreadableValuesKeepDefaults()
     settings.setValue("LastBaudrate", "fast");
     settings.setValue("LastTargetPort", "");
     settings.setValue("LastLogRotateTime", "not a time");
+    // Out of range: numbers are brought into range, choices outside the
+    // list and oversized texts keep the default.
+    settings.setValue("LastDisplayBufferSize", -5);
+    settings.setValue("LastUdpLocalPort", 70000);
+    settings.setValue("LastParity", 1);
+    settings.setValue("LastDatabits", 9);
+    settings.setValue("LastLogSaveFlag", "maybe");
+    settings.setValue("LastTargetHost", QString(70000, 'h'));
     LastUsedRecord loaded;
     loaded.load(settings);
     QCOMPARE(loaded.connection.baudRate, 9600);
     QCOMPARE(loaded.connection.targetPort, 6000);
     QCOMPARE(loaded.pane.logRotateTime, QTime(0, 0, 0));
+    QCOMPARE(loaded.pane.displayBufferSize, 1000);
+    QCOMPARE(loaded.connection.udpLocalPort, quint16(65535));
+    QCOMPARE(loaded.connection.parity, QSerialPort::NoParity);
+    QCOMPARE(loaded.connection.dataBits, QSerialPort::Data8);
+    QCOMPARE(loaded.pane.logSaveFlag, false);
+    QCOMPARE(loaded.connection.targetHost, ConnectionConfig().targetHost);
+}
+
+void StartupTest::everyPaneFieldRoundTrips()
+{
+    // Each field carries a value other than its default through get() and
+    // set(), so no field is silently read into another.
+    PaneSettings changed;
+    changed.connection.mode = ConnectionMode::UdpGeneric;
+    changed.connection.portName = "/dev/ttyUSB7";
+    changed.connection.baudRate = 12345;
+    changed.connection.dataBits = QSerialPort::Data7;
+    changed.connection.stopBits = QSerialPort::TwoStop;
+    changed.connection.parity = QSerialPort::MarkParity;
+    changed.connection.flowControl = QSerialPort::SoftwareControl;
+    changed.connection.dtrOn = false;
+    changed.connection.targetHost = "device.local";
+    changed.connection.recentTargetHosts = {"a", "b"};
+    changed.connection.targetPort = 23;
+    changed.connection.udpLocalPort = 1;
+    changed.connection.udpServerPort = 2;
+    changed.connection.useRemoteSerialConfig = true;
+    changed.options.receiveFormat = MessageFormat::Hex;
+    changed.options.displayBufferSize = 5000;
+    changed.options.sendChecksum = 5;
+    changed.options.logRotateTime = QTime(23, 59, 58);
+    changed.options.sendTimeUnit = SendTimeUnit::Seconds;
+    changed.options.fontWeight = 700;
+    PaneSettings copy;
+    for (const PaneField &field : PaneFields::all())
+        QVERIFY2(field.set(copy, field.get(changed)), qPrintable(field.id));
+    QVERIFY(copy == changed);
+    QCOMPARE(PaneFields::find("displayBufferSize")->get(changed).typeId(), QMetaType::Int);
+    QCOMPARE(PaneFields::find("udpLocalPort")->get(changed).typeId(), QMetaType::Int);
 }
 
 void StartupTest::configFolderProposalAndAccept()
