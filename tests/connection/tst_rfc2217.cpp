@@ -355,48 +355,12 @@ private Q_SLOTS:
                 QCOMPARE(describe(step.events), QStringList{QStringLiteral("Data ") + QString::fromLatin1(data.toHex())});
             }
         }
-    }
 
-    void subcommandsBetweenRoles_data()
-    {
-        QTest::addColumn<int>("command");
-        QTest::addColumn<int>("wire");
-        QTest::addColumn<QString>("atServer");
-        QTest::addColumn<QString>("atClient");
-        using C = TelnetCodec::Command;
-        auto row = [](const char *name, C command, int wire, QString server, QString client) {
-            QTest::newRow(name) << int(command) << wire << server << client;
-        };
-        for (auto bits : {QSerialPort::Data5, QSerialPort::Data6, QSerialPort::Data7, QSerialPort::Data8})
-            row(qPrintable(QStringLiteral("data size %1").arg(bits)), C::SetDataSize, TelnetCodec::dataSizeToWire(bits),
-                QStringLiteral("DataSize %1").arg(bits), QStringLiteral("DataSize %1").arg(bits));
-        for (auto parity : {QSerialPort::NoParity, QSerialPort::EvenParity, QSerialPort::OddParity, QSerialPort::SpaceParity,
-                            QSerialPort::MarkParity})
-            row(qPrintable(QStringLiteral("parity %1").arg(parity)), C::SetParity, TelnetCodec::parityToWire(parity),
-                QStringLiteral("Parity %1").arg(parity), QStringLiteral("Parity %1").arg(parity));
-        for (auto stop : {QSerialPort::OneStop, QSerialPort::OneAndHalfStop, QSerialPort::TwoStop})
-            row(qPrintable(QStringLiteral("stop %1").arg(stop)), C::SetStopSize, TelnetCodec::stopSizeToWire(stop),
-                QStringLiteral("StopSize %1").arg(stop), QStringLiteral("StopSize %1").arg(stop));
-        for (auto flow : {QSerialPort::NoFlowControl, QSerialPort::SoftwareControl, QSerialPort::HardwareControl})
-            row(qPrintable(QStringLiteral("flow %1").arg(flow)), C::SetControl, int(TelnetCodec::flowControlToWire(flow)),
-                QStringLiteral("FlowControl %1").arg(flow), QStringLiteral("FlowControl %1").arg(flow));
-        row("dtr question", C::SetControl, 7, "Question 5 7", "InvalidValue 5 07");
-        row("mask with 0xFF", C::SetModemStateMask, 0xff, "ModemStateMask 255", "ModemStateMask 255");
-    }
-    void subcommandsBetweenRoles()
-    {
-        QFETCH(int, command);
-        QFETCH(int, wire);
-        QFETCH(QString, atServer);
-        QFETCH(QString, atClient);
-        TelnetCodec client(Role::Client);
-        TelnetCodec server(Role::Server);
-        const auto c = TelnetCodec::Command(command);
-        const TelnetCodec::Step toServer = server.feed(client.subcommand(c, quint8(wire)));
-        QCOMPARE(describe(toServer.events), QStringList{atServer});
-        const QByteArray reply = server.subcommand(c, quint8(wire));
-        QCOMPARE(quint8(reply.at(3)), quint8(command + TelnetCodec::kServerCodeOffset));
-        QCOMPARE(describe(client.feed(reply).events), QStringList{atClient});
+        // A question and its answer: the server numbers its reply 100 up.
+        QCOMPARE(describe(server.feed(client.baudRateCommand(0)).events), QStringList{"Question 1 0"});
+        const QByteArray reply = server.baudRateCommand(115200);
+        QCOMPARE(reply.toHex(' '), QByteArray("ff fa 2c 65 00 01 c2 00 ff f0"));
+        QCOMPARE(describe(client.feed(reply).events), QStringList{"BaudRate 115200"});
     }
 
     void sessionOfferAndWait()
