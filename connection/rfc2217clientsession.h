@@ -20,7 +20,8 @@ struct ConnectionConfig;
 // After start() it offers serial port control and decides, once, how to talk
 // to the remote: with serial port control, as plain Telnet (the remote speaks
 // Telnet but refuses control) or as transparent TCP (the remote speaks no
-// Telnet at all). Received payload is delivered at once in every case.
+// Telnet at all). Received payload is delivered at once; only bytes that
+// repeat our own offer wait, at most until the decision.
 class Rfc2217ClientSession
 {
     Q_DECLARE_TR_FUNCTIONS(Rfc2217ClientSession)

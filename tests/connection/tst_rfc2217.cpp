@@ -303,6 +303,41 @@ private Q_SLOTS:
         }
     }
 
+    void randomCommandSoupNeverDerailsTheReceiver()
+    {
+        // Random runs rich in command bytes, cut short anywhere. Whatever
+        // state they leave behind, 00 IAC SE brings the receiver back to
+        // data; answers stay within once per option and direction; a session
+        // decides at most once.
+        static const char alphabet[] = {char(0xff), char(0xff), char(0xfa), char(0xf0), char(0xfb), char(0xfc),
+                                        char(0xfd), char(0xfe), char(0x2c), char(0x2c), 0x00, 0x01, 0x03,
+                                        0x05, 0x65, 0x69, 'a'};
+        QRandomGenerator random(2217);
+        for (int round = 0; round < 3000; ++round) {
+            QByteArray input(random.bounded(1, 120), Qt::Uninitialized);
+            for (char &byte : input)
+                byte = alphabet[random.bounded(int(sizeof alphabet))];
+            for (Role role : {Role::Client, Role::Server}) {
+                TelnetCodec codec(role);
+                TelnetCodec::Step step = codec.start();
+                step.write.clear();
+                step.append(codec.feed(input));
+                step.append(codec.feed(hex("00fff07a")));
+                QVERIFY(!step.events.isEmpty());
+                QCOMPARE(step.events.last().kind, Kind::Data);
+                QVERIFY2(step.events.last().bytes.endsWith('z'), input.toHex(' ').constData());
+                QVERIFY(step.write.size() <= 2 * 256 * 3);
+            }
+            Session session({}, round % 2);
+            Session::Step all = session.start(0);
+            all.append(session.feed(input.left(input.size() / 2), 1));
+            all.append(session.feed(input.mid(input.size() / 2), 2));
+            all.append(session.tick(Session::kDecisionWaitMs));
+            all.append(session.feed(input, 400));
+            QCOMPARE(ofKind(all.events, SKind::ModeDecided).size(), 1);
+        }
+    }
+
     void plainDataIsNotCopied()
     {
         TelnetCodec codec(Role::Client);
