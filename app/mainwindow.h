@@ -5,9 +5,12 @@
 #include <QList>
 #include <QMainWindow>
 
+class AsciiCode;
+class ModbusBuilderDialog;
 class QSettings;
 class QSplitter;
 class SerialPortWidget;
+class ToolBox;
 
 namespace Ui {
 class MainWindow;
@@ -52,13 +55,24 @@ private Q_SLOTS:
     void on_acEditClear_triggered();
     void on_acEditPause_toggled(bool on);
     void on_actionClearSendHistory_triggered();
+    void on_acToolCalc_triggered();
+    void on_acToolsAscii_triggered();
+    void on_acToolsModbus_triggered();
 
 private:
     void chooseLanguage(int value);
     void saveLastUsed(const SerialPortWidget *pane);
+    // Puts a frame into the current pane's send box as hex, switching the
+    // pane to hex sending; `checksumNote` is shown when the pane would append
+    // a checksum of its own.
+    void insertFrameIntoSend(const QByteArray &frame, const QString &checksumNote);
+    static void raiseDialog(QWidget *dialog);
 
     Ui::MainWindow *ui;
     QSplitter *m_portSplitter;
     QList<SerialPortWidget *> m_panes;
     LastUsedRecord m_lastUsed;
+    ToolBox *m_toolBox = nullptr;
+    AsciiCode *m_asciiCode = nullptr;
+    ModbusBuilderDialog *m_modbusBuilder = nullptr;
 };
