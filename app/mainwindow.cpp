@@ -44,6 +44,12 @@ MainWindow::MainWindow(QWidget *parent)
     m_lastUsed.openLastConnection = ui->acControlOpen->isChecked();
     m_lastUsed.autoReconnect = ui->acAutoReconnect->isChecked();
     addPane();
+    connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
+        for (SerialPortWidget *pane : std::as_const(m_panes)) {
+            if (pane->isAncestorOf(now))
+                m_lastFocusedPane = pane;
+        }
+    });
 }
 
 SerialPortWidget *MainWindow::addPane()
@@ -65,6 +71,8 @@ SerialPortWidget *MainWindow::currentPane() const
         if (pane->isAncestorOf(QApplication::focusWidget()))
             return pane;
     }
+    if (m_lastFocusedPane && m_panes.contains(m_lastFocusedPane.data()))
+        return m_lastFocusedPane;
     return m_panes.isEmpty() ? nullptr : m_panes.constFirst();
 }
 

@@ -4,6 +4,7 @@
 
 #include <QList>
 #include <QMainWindow>
+#include <QPointer>
 
 class AsciiCode;
 class ModbusBuilderDialog;
@@ -72,6 +73,9 @@ private:
     QSplitter *m_portSplitter;
     QList<SerialPortWidget *> m_panes;
     LastUsedRecord m_lastUsed;
+    // The pane the user worked in last: tool dialogs take the focus away
+    // from it, yet their frames are meant for it.
+    QPointer<SerialPortWidget> m_lastFocusedPane;
     ToolBox *m_toolBox = nullptr;
     AsciiCode *m_asciiCode = nullptr;
     ModbusBuilderDialog *m_modbusBuilder = nullptr;

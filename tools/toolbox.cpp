@@ -464,7 +464,12 @@ void ToolBox::renderResult()
 
 void ToolBox::updateResultButtons()
 {
-    btnInsertFrame->setEnabled(m_resultValid);
+    const bool tooLarge = m_lastInput.size() > kMaxInsertBytes;
+    btnInsertFrame->setEnabled(m_resultValid && !tooLarge);
+    btnInsertFrame->setToolTip(m_resultValid && tooLarge
+                                   ? tr("The input is larger than %1 KiB: too large to insert into a send box.")
+                                         .arg(kMaxInsertBytes >> 10)
+                                   : QString());
     btnCopyResult->setEnabled(m_resultValid);
     btnCopyWire->setEnabled(m_resultValid);
 }
@@ -491,7 +496,7 @@ void ToolBox::on_btnCopyWire_clicked()
 
 void ToolBox::on_btnInsertFrame_clicked()
 {
-    if (!m_resultValid)
+    if (!m_resultValid || m_lastInput.size() > kMaxInsertBytes)
         return;
     const QByteArray wire =
         crcWireBytes(m_lastValue, enteredWidth(), CrcByteOrder(cbByteOrder->currentData().toInt()));

@@ -29,6 +29,9 @@ class ToolBox : public QDialog
 public:
     // Files above this size are refused rather than read into memory.
     static constexpr qint64 kMaxFileBytes = qint64(256) << 20;
+    // Frames above this size are not offered to a send box: shown as hex
+    // they would be millions of characters to lay out and to parse again.
+    static constexpr qsizetype kMaxInsertBytes = qsizetype(1) << 20;
 
     explicit ToolBox(QWidget *parent = nullptr);
 

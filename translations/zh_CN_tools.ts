@@ -583,5 +583,9 @@
         <source>Note: this port appends a checksum on send; the inserted frame already includes its CRC.</source>
         <translation>注意：此端口发送时会追加校验；插入的帧已包含其 CRC。</translation>
     </message>
+    <message>
+        <source>The input is larger than %1 KiB: too large to insert into a send box.</source>
+        <translation>输入大于 %1 KiB：太大，无法插入发送区。</translation>
+    </message>
 </context>
 </TS>

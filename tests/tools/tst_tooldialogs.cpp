@@ -112,6 +112,7 @@ private Q_SLOTS:
     void asciiChartHasEveryCode();
 
     void menuInsertsFramesIntoCurrentPane();
+    void insertGoesToPaneLastWorkedIn();
     void insertedModbusFrameReachesPeer();
 
 private:
@@ -538,9 +539,10 @@ void ToolDialogsTest::crcLargePasteIsHeldAside()
     const quint64 expected = computeCatalogueCrc(CrcModelId::Crc16Modbus, bytes);
     QCOMPARE(child<QLineEdit>(&box, "leResult")->text(),
              QStringLiteral("%1").arg(expected, 4, 16, QLatin1Char('0')).toUpper());
+    // Far too large for a send box.
+    QVERIFY(!child<QPushButton>(&box, "btnInsertFrame")->isEnabled());
     QTest::mouseClick(child<QPushButton>(&box, "btnInsertFrame"), Qt::LeftButton);
-    QCOMPARE(inserted.count(), 1);
-    QCOMPARE(inserted.at(0).at(0).toByteArray().size(), bytes.size() + 2);
+    QCOMPARE(inserted.count(), 0);
 
     // In hex mode the held text is read as hex: "é" is not a digit.
     QTest::mouseClick(child<QRadioButton>(&box, "rbHex"), Qt::LeftButton);
@@ -594,6 +596,17 @@ void ToolDialogsTest::crcLoadsFile()
     QTest::keyClicks(child<QPlainTextEdit>(&box, "inputCrc"), QStringLiteral("x"));
     QVERIFY(!box.hasBulkCrcInput());
     QVERIFY(child<QRadioButton>(&box, "rbHex")->isEnabled());
+
+    // A result over a large input is shown, but is no frame for a send box.
+    QFile large(dir.filePath(QStringLiteral("large.bin")));
+    QVERIFY(large.open(QIODevice::WriteOnly));
+    large.write(QByteArray(ToolBox::kMaxInsertBytes + 1, 'x'));
+    large.close();
+    QVERIFY(box.loadCrcInputFile(large.fileName()));
+    QTest::mouseClick(child<QPushButton>(&box, "calculateCRC"), Qt::LeftButton);
+    QVERIFY(!child<QLineEdit>(&box, "leResult")->text().isEmpty());
+    QVERIFY(!child<QPushButton>(&box, "btnInsertFrame")->isEnabled());
+    QVERIFY(child<QPushButton>(&box, "btnCopyWire")->isEnabled());
 }
 
 // ------------------------------------------------------------------ ASCII
@@ -664,6 +677,27 @@ void ToolDialogsTest::menuInsertsFramesIntoCurrentPane()
     window.findChild<QAction *>(QStringLiteral("acToolsAscii"))->trigger();
     auto *chart = window.findChild<AsciiCode *>();
     QVERIFY(chart && chart->isVisible());
+}
+
+void ToolDialogsTest::insertGoesToPaneLastWorkedIn()
+{
+    MainWindow window;
+    window.show();
+    window.activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    SerialPortWidget *first = window.currentPane();
+    SerialPortWidget *second = window.addPane();
+    child<QPlainTextEdit>(second, "sendTextEdit")->setFocus();
+    QTRY_COMPARE_WITH_TIMEOUT(window.currentPane(), second, 2000);
+
+    window.findChild<QAction *>(QStringLiteral("acToolsModbus"))->trigger();
+    auto *builder = window.findChild<ModbusBuilderDialog *>();
+    child<QSpinBox>(builder, "sbAddress")->setFocus();
+    typeInto(child<QSpinBox>(builder, "sbQuantity"), 10);
+    QTest::mouseClick(child<QPushButton>(builder, "btnInsert"), Qt::LeftButton);
+    QCOMPARE(second->sendText(), QStringLiteral("01 03 00 00 00 0A C5 CD"));
+    QVERIFY(first->sendText().isEmpty());
+    QCOMPARE(first->paneOptions().sendFormat, MessageFormat::Text);
 }
 
 // The frame built in the dialog goes out of a real port unchanged.
