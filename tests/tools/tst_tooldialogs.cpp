@@ -3,6 +3,7 @@
 // emitted for insertion and which buttons are disabled.
 
 #include "app/mainwindow.h"
+#include "app/screenshotdialogs.h"
 #include "support/ptypair.h"
 #include "support/settingssandbox.h"
 #include "terminal/serialportwidget.h"
@@ -113,6 +114,7 @@ private Q_SLOTS:
 
     void menuInsertsFramesIntoCurrentPane();
     void insertGoesToPaneLastWorkedIn();
+    void dialogsHaveScreenshotNames();
     void insertedModbusFrameReachesPeer();
 
 private:
@@ -698,6 +700,21 @@ void ToolDialogsTest::insertGoesToPaneLastWorkedIn()
     QCOMPARE(second->sendText(), QStringLiteral("01 03 00 00 00 0A C5 CD"));
     QVERIFY(first->sendText().isEmpty());
     QCOMPARE(first->paneOptions().sendFormat, MessageFormat::Text);
+}
+
+void ToolDialogsTest::dialogsHaveScreenshotNames()
+{
+    const ScreenshotDialogs table = ScreenshotDialogs::standard();
+    QWidget parent;
+    const std::unique_ptr<QWidget> toolBox(table.create(QStringLiteral("toolbox"), &parent));
+    QVERIFY(qobject_cast<ToolBox *>(toolBox.get()));
+    const std::unique_ptr<QWidget> crc(table.create(QStringLiteral("toolbox-crc"), &parent));
+    QVERIFY(qobject_cast<ToolBox *>(crc.get()));
+    QVERIFY(child<QWidget>(crc.get(), "crcTab")->isVisibleTo(crc.get()));
+    const std::unique_ptr<QWidget> ascii(table.create(QStringLiteral("ascii"), &parent));
+    QVERIFY(qobject_cast<AsciiCode *>(ascii.get()));
+    const std::unique_ptr<QWidget> modbus(table.create(QStringLiteral("modbus"), &parent));
+    QVERIFY(qobject_cast<ModbusBuilderDialog *>(modbus.get()));
 }
 
 // The frame built in the dialog goes out of a real port unchanged.
