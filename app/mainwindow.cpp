@@ -44,10 +44,12 @@ MainWindow::MainWindow(QWidget *parent)
     m_lastUsed.openLastConnection = ui->acControlOpen->isChecked();
     m_lastUsed.autoReconnect = ui->acAutoReconnect->isChecked();
     addPane();
-    connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
-        for (SerialPortWidget *pane : std::as_const(m_panes)) {
-            if (pane->isAncestorOf(now))
+    m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
+        for (QWidget *w = now; w; w = w->parentWidget()) {
+            if (auto *pane = qobject_cast<SerialPortWidget *>(w)) {
                 m_lastFocusedPane = pane;
+                return;
+            }
         }
     });
 }
@@ -210,6 +212,8 @@ void MainWindow::insertFrameIntoSend(const QByteArray &frame, const QString &che
 
 MainWindow::~MainWindow()
 {
+    // Children change the focus as they go; by then the members are gone.
+    disconnect(m_focusConnection);
     delete ui;
 }
 

@@ -76,6 +76,7 @@ private:
     // The pane the user worked in last: tool dialogs take the focus away
     // from it, yet their frames are meant for it.
     QPointer<SerialPortWidget> m_lastFocusedPane;
+    QMetaObject::Connection m_focusConnection;
     ToolBox *m_toolBox = nullptr;
     AsciiCode *m_asciiCode = nullptr;
     ModbusBuilderDialog *m_modbusBuilder = nullptr;
