@@ -4,6 +4,10 @@
 #include "common/logging.h"
 #include "app/windowplacement.h"
 #include "terminal/serialportwidget.h"
+#include "tools/asciicode.h"
+#include "tools/hexparser.h"
+#include "tools/modbusbuilderdialog.h"
+#include "tools/toolbox.h"
 #include "ui_mainwindow.h"
 
 #include <QApplication>
@@ -40,6 +44,14 @@ MainWindow::MainWindow(QWidget *parent)
     m_lastUsed.openLastConnection = ui->acControlOpen->isChecked();
     m_lastUsed.autoReconnect = ui->acAutoReconnect->isChecked();
     addPane();
+    m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
+        for (QWidget *w = now; w; w = w->parentWidget()) {
+            if (auto *pane = qobject_cast<SerialPortWidget *>(w)) {
+                m_lastFocusedPane = pane;
+                return;
+            }
+        }
+    });
 }
 
 SerialPortWidget *MainWindow::addPane()
@@ -61,6 +73,8 @@ SerialPortWidget *MainWindow::currentPane() const
         if (pane->isAncestorOf(QApplication::focusWidget()))
             return pane;
     }
+    if (m_lastFocusedPane && m_panes.contains(m_lastFocusedPane.data()))
+        return m_lastFocusedPane;
     return m_panes.isEmpty() ? nullptr : m_panes.constFirst();
 }
 
@@ -145,8 +159,61 @@ void MainWindow::on_actionClearSendHistory_triggered()
         pane->clearSendHistory();
 }
 
+void MainWindow::raiseDialog(QWidget *dialog)
+{
+    dialog->show();
+    dialog->raise();
+    dialog->activateWindow();
+}
+
+void MainWindow::on_acToolCalc_triggered()
+{
+    if (!m_toolBox) {
+        m_toolBox = new ToolBox(this);
+        connect(m_toolBox, &ToolBox::insertRequested, this,
+                [this](const QByteArray &frame) { insertFrameIntoSend(frame, ToolBox::sendChecksumNote()); });
+    }
+    raiseDialog(m_toolBox);
+}
+
+void MainWindow::on_acToolsAscii_triggered()
+{
+    if (!m_asciiCode)
+        m_asciiCode = new AsciiCode(this);
+    raiseDialog(m_asciiCode);
+}
+
+void MainWindow::on_acToolsModbus_triggered()
+{
+    if (!m_modbusBuilder) {
+        m_modbusBuilder = new ModbusBuilderDialog(this);
+        connect(m_modbusBuilder, &ModbusBuilderDialog::insertRequested, this, [this](const QByteArray &frame) {
+            insertFrameIntoSend(frame, ModbusBuilderDialog::sendChecksumNote());
+        });
+    }
+    raiseDialog(m_modbusBuilder);
+}
+
+void MainWindow::insertFrameIntoSend(const QByteArray &frame, const QString &checksumNote)
+{
+    SerialPortWidget *pane = currentPane();
+    if (!pane)
+        return;
+    PaneOptions options = pane->paneOptions();
+    if (options.sendFormat != MessageFormat::Hex) {
+        options.sendFormat = MessageFormat::Hex;
+        pane->applySettings(pane->connectionConfig(), options, pane->sendHistory());
+        saveLastUsed(pane);
+    }
+    pane->setSendText(HexParser::toHexText(frame));
+    if (options.sendChecksum != 0)
+        statusBar()->showMessage(checksumNote, 15000);
+}
+
 MainWindow::~MainWindow()
 {
+    // Children change the focus as they go; by then the members are gone.
+    disconnect(m_focusConnection);
     delete ui;
 }
 

@@ -4,10 +4,14 @@
 
 #include <QList>
 #include <QMainWindow>
+#include <QPointer>
 
+class AsciiCode;
+class ModbusBuilderDialog;
 class QSettings;
 class QSplitter;
 class SerialPortWidget;
+class ToolBox;
 
 namespace Ui {
 class MainWindow;
@@ -52,13 +56,28 @@ private Q_SLOTS:
     void on_acEditClear_triggered();
     void on_acEditPause_toggled(bool on);
     void on_actionClearSendHistory_triggered();
+    void on_acToolCalc_triggered();
+    void on_acToolsAscii_triggered();
+    void on_acToolsModbus_triggered();
 
 private:
     void chooseLanguage(int value);
     void saveLastUsed(const SerialPortWidget *pane);
+    // Puts a frame into the current pane's send box as hex, switching the
+    // pane to hex sending; `checksumNote` is shown when the pane would append
+    // a checksum of its own.
+    void insertFrameIntoSend(const QByteArray &frame, const QString &checksumNote);
+    static void raiseDialog(QWidget *dialog);
 
     Ui::MainWindow *ui;
     QSplitter *m_portSplitter;
     QList<SerialPortWidget *> m_panes;
     LastUsedRecord m_lastUsed;
+    // The pane the user worked in last: tool dialogs take the focus away
+    // from it, yet their frames are meant for it.
+    QPointer<SerialPortWidget> m_lastFocusedPane;
+    QMetaObject::Connection m_focusConnection;
+    ToolBox *m_toolBox = nullptr;
+    AsciiCode *m_asciiCode = nullptr;
+    ModbusBuilderDialog *m_modbusBuilder = nullptr;
 };

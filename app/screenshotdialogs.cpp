@@ -1,6 +1,9 @@
 #include "app/screenshotdialogs.h"
 
 #include "app/setconfigfilepathdialog.h"
+#include "tools/asciicode.h"
+#include "tools/modbusbuilderdialog.h"
+#include "tools/toolbox.h"
 
 #include <QSettings>
 
@@ -14,6 +17,14 @@ ScreenshotDialogs ScreenshotDialogs::standard()
         QObject::connect(dialog, &QObject::destroyed, [settings] { delete settings; });
         return dialog;
     });
+    table.add(QStringLiteral("toolbox"), [](QWidget *parent) -> QWidget * { return new ToolBox(parent); });
+    table.add(QStringLiteral("toolbox-crc"), [](QWidget *parent) -> QWidget * {
+        auto *toolBox = new ToolBox(parent);
+        toolBox->showCrcCalculator();
+        return toolBox;
+    });
+    table.add(QStringLiteral("ascii"), [](QWidget *parent) -> QWidget * { return new AsciiCode(parent); });
+    table.add(QStringLiteral("modbus"), [](QWidget *parent) -> QWidget * { return new ModbusBuilderDialog(parent); });
     return table;
 }
 

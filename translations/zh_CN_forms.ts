@@ -83,6 +83,22 @@
         <source>Clear All Send Histories</source>
         <translation>清除所有发送历史</translation>
     </message>
+    <message>
+        <source>&amp;Tools</source>
+        <translation>工具(&amp;T)</translation>
+    </message>
+    <message>
+        <source>Toolbox...</source>
+        <translation>工具箱...</translation>
+    </message>
+    <message>
+        <source>ASCII Code...</source>
+        <translation>ASCII 码表...</translation>
+    </message>
+    <message>
+        <source>Modbus Request Builder...</source>
+        <translation>Modbus 请求生成器...</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>
