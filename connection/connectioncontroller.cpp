@@ -278,6 +278,12 @@ qint64 ConnectionController::bytesToWrite(ConnectionMode mode) const
     return transport ? transport->bytesToWrite() : 0;
 }
 
+qint64 ConnectionController::writeBacklog() const
+{
+    const PortTransport *transport = transportFor(m_mode);
+    return transport ? transport->writeBacklog() : 0;
+}
+
 bool ConnectionController::setControlLine(ControlLine line, bool on)
 {
     return m_serial->setControlLine(line, on);

@@ -74,6 +74,9 @@ public:
               const QString &portName = {});
     bool send(const ConnectionConfig &config, const QByteArray &data);
     qint64 bytesToWrite() const { return bytesToWrite(m_mode); }
+    // What still waits to leave, as it counts against the write watermark
+    // (PortTransport::kWriteHighWatermark): the most any one peer holds.
+    qint64 writeBacklog() const;
     void setReadPaused(bool paused) { setReadPaused(m_mode, paused); }
     // Whether any transport holds its data back.
     bool isReadPaused() const;

@@ -10,6 +10,10 @@ namespace {
 // While paused a client may hold this much in its socket; beyond it TCP's
 // own flow control stops the sender.
 constexpr qint64 kPausedReadBufferSize = 4096;
+// Otherwise at most this much is taken from one client per notification, so
+// a fast client cannot pour tens of megabytes into one read and every client
+// gets its turn.
+constexpr qint64 kReadBufferSize = 256 * 1024;
 
 // Generous, so that a burst of clients connecting at once is not throttled
 // by SYN retries; the kernel caps it at its own limit.
@@ -99,7 +103,7 @@ void MultiClientServer::setReadPaused(bool on)
         return;
     m_readPaused = on;
     for (QTcpSocket *socket : std::as_const(m_clients))
-        socket->setReadBufferSize(on ? kPausedReadBufferSize : 0);
+        socket->setReadBufferSize(on ? kPausedReadBufferSize : kReadBufferSize);
     if (on)
         return;
     // No new notification comes for bytes that were already buffered while
@@ -109,7 +113,7 @@ void MultiClientServer::setReadPaused(bool on)
     for (QTcpSocket *socket : clients) {
         if (m_readPaused)
             break;
-        if (m_clients.contains(socket) && socket->bytesAvailable() > 0)
+        if (m_labels.contains(socket) && socket->bytesAvailable() > 0)
             deliver(socket);
     }
 }
@@ -118,7 +122,7 @@ void MultiClientServer::applyClientOptions(QTcpSocket *socket) const
 {
     if (m_lowDelay)
         socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    socket->setReadBufferSize(m_readPaused ? kPausedReadBufferSize : 0);
+    socket->setReadBufferSize(m_readPaused ? kPausedReadBufferSize : kReadBufferSize);
 }
 
 void MultiClientServer::stop()
@@ -136,7 +140,7 @@ void MultiClientServer::stop()
 
 bool MultiClientServer::writeToClient(int index, const QByteArray &data)
 {
-    if (data.isEmpty() || index < 0 || index >= m_clients.size())
+    if (data.isEmpty() || index < 0 || index >= m_clients.size() || isBacklogged(m_clients.at(index)))
         return false;
     return m_clients.at(index)->write(data) > 0;
 }
@@ -147,7 +151,7 @@ bool MultiClientServer::writeToClient(const QByteArray &data, const QString &pee
         return false;
     for (QTcpSocket *socket : std::as_const(m_clients)) {
         if (m_labels.value(socket) == peer)
-            return socket->write(data) > 0;
+            return !isBacklogged(socket) && socket->write(data) > 0;
     }
     return false;
 }
@@ -160,10 +164,25 @@ qint64 MultiClientServer::writeToAll(const QByteArray &data)
     // A failed write can make a client leave at once; iterate over a copy.
     const QList<QTcpSocket *> clients = m_clients;
     for (QTcpSocket *socket : clients) {
-        if (!m_clients.contains(socket) || socket->state() != QAbstractSocket::ConnectedState)
+        // A client that does not read misses what it cannot take, rather
+        // than holding the others back or piling up here.
+        if (!m_labels.contains(socket) || socket->state() != QAbstractSocket::ConnectedState || isBacklogged(socket))
             continue;
         largest = qMax(largest, socket->write(data));
     }
+    return largest;
+}
+
+bool MultiClientServer::isBacklogged(const QTcpSocket *socket)
+{
+    return socket->bytesToWrite() >= kClientWriteHighWatermark;
+}
+
+qint64 MultiClientServer::largestClientBacklog() const
+{
+    qint64 largest = 0;
+    for (const QTcpSocket *socket : m_clients)
+        largest = qMax(largest, socket->bytesToWrite());
     return largest;
 }
 
@@ -242,13 +261,13 @@ void MultiClientServer::refuse(QTcpSocket *socket, const QString &reason)
 void MultiClientServer::clientDisconnected()
 {
     auto *socket = qobject_cast<QTcpSocket *>(sender());
-    if (!socket || !m_clients.contains(socket))
+    if (!socket || !m_labels.contains(socket))
         return;
     // What the client sent just before leaving goes out even while paused
     // (at most the paused read buffer), since the socket is about to go.
     if (socket->bytesAvailable() > 0) {
         deliver(socket);
-        if (!m_clients.contains(socket))
+        if (!m_labels.contains(socket))
             return; // a listener stopped the server meanwhile
     }
     const QString label = m_labels.take(socket);
@@ -264,7 +283,7 @@ void MultiClientServer::readReady()
     if (m_readPaused)
         return;
     auto *socket = qobject_cast<QTcpSocket *>(sender());
-    if (!socket || !m_clients.contains(socket))
+    if (!socket || !m_labels.contains(socket))
         return;
     deliver(socket);
 }

@@ -46,7 +46,13 @@ public:
     // Every connected client; the largest byte count any one write reported.
     qint64 writeToAll(const QByteArray &data);
 
+    // A client holding this much unsent is not reading: writes to it are
+    // refused (to all clients: skipped) until it takes some.
+    static constexpr qint64 kClientWriteHighWatermark = 1024 * 1024;
+
     qint64 bytesToWrite() const;
+    // The most any one client still has to take.
+    qint64 largestClientBacklog() const;
     int clientCount() const { return int(m_clients.size()); }
     // "%1:%2" labels (address, port) in the order the clients were accepted.
     QStringList clientLabels() const;
@@ -71,6 +77,7 @@ public Q_SLOTS:
     void readReady();
 
 private:
+    static bool isBacklogged(const QTcpSocket *socket);
     void applyClientOptions(QTcpSocket *socket) const;
     void deliver(QTcpSocket *socket);
     void refuse(QTcpSocket *socket, const QString &reason);

@@ -28,6 +28,14 @@ public:
     // A paused transport holds at most this much in its read buffer, so the
     // sender is held back by the line's own flow control.
     static constexpr qint64 kPausedReadBufferSize = 4096;
+    // Otherwise at most this much is read per notification: a fast sender
+    // cannot pour more than this into one read, and the rest waits in the
+    // kernel, where the line's flow control holds the sender back.
+    static constexpr qint64 kReadBufferSize = 1024 * 1024;
+    // A peer that leaves this much unsent is not reading: sends wait (auto
+    // send) or are refused with a message until it takes some, so memory
+    // stays flat however long it refuses.
+    static constexpr qint64 kWriteHighWatermark = 1024 * 1024;
 
     using QObject::QObject;
 
@@ -37,6 +45,9 @@ public:
     // The transport's one write path; what "target" means depends on the kind.
     virtual bool send(const QByteArray &data, const SendTarget &target) = 0;
     virtual qint64 bytesToWrite() const = 0;
+    // What counts against the write watermark: for a kind with several
+    // peers, the most any one of them still has to take.
+    virtual qint64 writeBacklog() const { return bytesToWrite(); }
 
     // While paused nothing is read or pushed; resuming pushes what waits.
     // A kind that cannot hold its sender back ignores a pause.

@@ -169,16 +169,14 @@ QByteArray SerialPortTransport::takeAvailable()
     return m_serial->isOpen() && !isReadPaused() ? m_serial->readAll() : QByteArray();
 }
 
-bool SerialPortTransport::canPause() const
-{
-    // Without flow control nothing would stop the sender: pausing would
-    // only lose bytes in the driver, so a plain line never pauses.
-    return m_serial->flowControl() != QSerialPort::NoFlowControl;
-}
-
 void SerialPortTransport::applyReadPaused(bool paused)
 {
-    m_serial->setReadBufferSize(paused ? kPausedReadBufferSize : 0);
+    // Paused reading holds a sender back through flow control, and a
+    // pseudo-terminal's writer simply waits. A plain hardware line cannot be
+    // held back, but it never outruns the view: at a few hundred kilobytes
+    // a second it stays far below the watermark that pauses reading. Memory
+    // stays bounded either way.
+    m_serial->setReadBufferSize(paused ? kPausedReadBufferSize : kReadBufferSize);
 }
 
 bool SerialPortTransport::hasWaitingData() const

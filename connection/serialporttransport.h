@@ -45,7 +45,6 @@ public:
     bool send(const QByteArray &data, const SendTarget &target) override;
     qint64 bytesToWrite() const override;
     QByteArray takeAvailable() override;
-    bool canPause() const override;
 
     QString portName() const;
     bool setControlLine(ControlLine line, bool on);

@@ -43,7 +43,7 @@ void StreamClientTransport::applyOptions()
         m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         m_socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
     }
-    m_socket->setReadBufferSize(isReadPaused() ? kPausedReadBufferSize : 0);
+    m_socket->setReadBufferSize(isReadPaused() ? kPausedReadBufferSize : kReadBufferSize);
 }
 
 void StreamClientTransport::setLowDelay(bool on)
@@ -58,7 +58,7 @@ void StreamClientTransport::setLowDelay(bool on)
 void StreamClientTransport::applyReadPaused(bool paused)
 {
     if (m_socket)
-        m_socket->setReadBufferSize(paused ? kPausedReadBufferSize : 0);
+        m_socket->setReadBufferSize(paused ? kPausedReadBufferSize : kReadBufferSize);
 }
 
 bool StreamClientTransport::hasWaitingData() const
@@ -98,6 +98,12 @@ void StreamClientTransport::onDisconnected(QTcpSocket *socket)
 void StreamClientTransport::onError(QTcpSocket *socket)
 {
     if (socket != m_socket)
+        return;
+    // The peer closing an established connection is how a session ends,
+    // not a failure: the disconnect that follows reports it. Only when our
+    // own bytes were still on their way did something go wrong.
+    if (socket->error() == QAbstractSocket::RemoteHostClosedError && socket->bytesToWrite() == 0
+        && m_pending.isEmpty())
         return;
     // Forget the socket before telling anyone, so that a listener may start
     // the next attempt from its slot.

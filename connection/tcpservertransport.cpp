@@ -83,6 +83,11 @@ qint64 TcpServerTransport::bytesToWrite() const
     return m_server->bytesToWrite();
 }
 
+qint64 TcpServerTransport::writeBacklog() const
+{
+    return m_server->largestClientBacklog();
+}
+
 void TcpServerTransport::setLowDelay(bool on)
 {
     m_lowDelay = on;

@@ -4,6 +4,8 @@
 #include "common/peerlabel.h"
 
 #include <QHostInfo>
+
+#include <algorithm>
 #include <QUdpSocket>
 
 QString UdpTransport::Peer::key() const
@@ -35,8 +37,10 @@ bool UdpTransport::bind(quint16 localPort)
     m_socket = new QUdpSocket(this);
     connect(m_socket, &QUdpSocket::readyRead, this, &UdpTransport::announceData);
     if (m_socket->bind(QHostAddress::AnyIPv4, localPort,
-                       QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint))
+                       QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint)) {
+        m_socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, kReceiveBufferBytes);
         return true;
+    }
     const QString text = tr("UDP bind to port %1 FAILED: %2").arg(localPort).arg(m_socket->errorString());
     qCWarning(lcTerminal).noquote() << text;
     reportFailure(text);
@@ -69,7 +73,7 @@ bool UdpTransport::hasWaitingData() const
 QList<UdpTransport::Datagram> UdpTransport::readDatagrams()
 {
     QList<Datagram> result;
-    while (m_socket && !isReadPaused() && m_socket->hasPendingDatagrams()) {
+    while (m_socket && !isReadPaused() && result.size() < kDatagramsPerRead && m_socket->hasPendingDatagrams()) {
         const qint64 size = m_socket->pendingDatagramSize();
         qCDebug(lcTerminal) << "[readUdpSocket] packetSize:" << size;
         QByteArray datagram(qMax<qint64>(size, 0), Qt::Uninitialized);
@@ -95,18 +99,52 @@ void UdpTransport::deliverAvailable()
 void UdpTransport::registerSender(const QHostAddress &address, quint16 port, const QByteArray &datagram)
 {
     const QString key = peerLabel(address, port);
+    const QByteArray kept = datagram.left(kKeptDatagramBytes);
+    const qint64 now = m_clock();
     const auto known = m_peerIndex.constFind(key);
     if (known != m_peerIndex.constEnd()) {
         Peer &peer = m_peers[*known];
-        peer.lastDatagram = datagram;
+        peer.lastDatagram = kept;
         peer.lastTime = QDateTime::currentDateTime();
+        m_lastHeardMs[*known] = now;
         m_currentPeer = *known;
         return;
     }
-    m_peers.append({address, port, datagram, QDateTime::currentDateTime()});
+    if (m_peers.size() >= kMaxPeers)
+        makeRoom();
+    m_peers.append({address, port, kept, QDateTime::currentDateTime()});
+    m_lastHeardMs.append(now);
     m_currentPeer = int(m_peers.size()) - 1;
     m_peerIndex.insert(key, m_currentPeer);
     emit peersChanged();
+}
+
+void UdpTransport::makeRoom()
+{
+    // One pass drops many, so the cost spreads over the arrivals that
+    // filled the room again.
+    const qint64 now = m_clock();
+    QList<qint64> heard = m_lastHeardMs;
+    std::sort(heard.begin(), heard.end());
+    const qint64 quarterMark = heard.at(heard.size() / 4);
+    const qint64 cutoff = qMax(quarterMark, now - kPeerIdleMs);
+    QList<Peer> peers;
+    QList<qint64> lastHeard;
+    peers.reserve(m_peers.size());
+    lastHeard.reserve(m_peers.size());
+    for (qsizetype i = 0; i < m_peers.size(); ++i) {
+        if (m_lastHeardMs.at(i) > cutoff) {
+            peers.append(std::move(m_peers[i]));
+            lastHeard.append(m_lastHeardMs.at(i));
+        }
+    }
+    qCDebug(lcTerminal) << "UDP peer table full: dropped" << m_peers.size() - peers.size() << "quiet peers";
+    m_peers = std::move(peers);
+    m_lastHeardMs = std::move(lastHeard);
+    m_peerIndex.clear();
+    for (int row = 0; row < m_peers.size(); ++row)
+        m_peerIndex.insert(m_peers.at(row).key(), row);
+    m_currentPeer = -1;
 }
 
 void UdpTransport::clearPeers()
@@ -115,6 +153,7 @@ void UdpTransport::clearPeers()
     if (m_peers.isEmpty())
         return;
     m_peers.clear();
+    m_lastHeardMs.clear();
     m_peerIndex.clear();
     emit peersChanged();
 }

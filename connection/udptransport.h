@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/monotonicclock.h"
 #include "connection/porttransport.h"
 
 #include <QDateTime>
@@ -23,11 +24,26 @@ public:
     {
         QHostAddress address;
         quint16 port = 0;
+        // The start of the last datagram (at most kKeptDatagramBytes).
         QByteArray lastDatagram;
         QDateTime lastTime;
 
         QString key() const;
     };
+
+    // The table is bounded, since any host can send from any number of
+    // ports: when full, peers silent for kPeerIdleMs go first, then the
+    // quarter heard from least recently. Each keeps only the start of its
+    // last datagram.
+    static constexpr int kMaxPeers = 1024;
+    static constexpr qint64 kPeerIdleMs = 10 * 60 * 1000;
+    static constexpr int kKeptDatagramBytes = 512;
+    // The kernel's buffer for datagrams not yet read: room for a burst
+    // while the loop is busy elsewhere.
+    static constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
+    // Datagrams taken per notification; the rest wait for the next turn of
+    // the event loop, so a flood cannot keep the loop here.
+    static constexpr int kDatagramsPerRead = 256;
 
     // One received datagram, labelled "%1:%2" by its sender.
     struct Datagram
@@ -38,6 +54,9 @@ public:
 
     explicit UdpTransport(QObject *parent = nullptr);
     ~UdpTransport() override;
+
+    // Time for the peer table's idle expiry; tests pass a virtual clock.
+    void setClock(MonotonicClock clock) { m_clock = std::move(clock); }
 
     bool bind(quint16 localPort);
     void close() override;
@@ -70,11 +89,15 @@ private:
     void clearPeers();
     void resetTargets();
     void registerSender(const QHostAddress &address, quint16 port, const QByteArray &datagram);
+    void makeRoom();
     void onHostLookedUp(const QString &host, const QHostInfo &info);
 
+    MonotonicClock m_clock = systemMonotonicClock();
     QUdpSocket *m_socket = nullptr;
     QList<Peer> m_peers;
     QHash<QString, int> m_peerIndex;
+    // When each peer (same row) was last heard, on the monotonic clock.
+    QList<qint64> m_lastHeardMs;
     int m_currentPeer = -1;
 
     // Target names already resolved for this bind, and datagrams waiting for

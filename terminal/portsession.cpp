@@ -501,9 +501,20 @@ QList<DisplayChunk> PortSession::takeForView(qint64 byteBudget, qint64 timeLimit
     return taken;
 }
 
+quint64 PortSession::txCount() const
+{
+    const quint64 waiting = quint64(qMax<qint64>(m_controller->writeBacklog(), 0));
+    return m_txAccepted > waiting ? m_txAccepted - waiting : 0;
+}
+
+bool PortSession::isPeerBacklogged() const
+{
+    return m_controller->writeBacklog() >= PortTransport::kWriteHighWatermark;
+}
+
 void PortSession::resetCounters()
 {
-    m_txCount = 0;
+    m_txAccepted = 0;
     m_ingest.resetRxCount();
 }
 
@@ -550,6 +561,12 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
 {
     if (data.isEmpty())
         return false;
+    if (isPeerBacklogged()) {
+        emit statusMessage(tr("The peer is not reading: %L1 bytes are still waiting to be sent.")
+                               .arg(m_controller->writeBacklog()),
+                           5000);
+        return false;
+    }
     if (echo && m_options.displaySendMsg) {
         const DisplayChunk chunk{QDateTime::currentDateTime(), ChunkDirection::Sent, data};
         logChunk(chunk);
@@ -559,7 +576,7 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
     const bool wasOpen = isConnectionOpen();
     if (!m_controller->send(m_config, data, m_target))
         return false;
-    m_txCount += quint64(data.size());
+    m_txAccepted += quint64(data.size());
     emit sent();
     static const QMetaMethod consoleSignal = QMetaMethod::fromSignal(&PortSession::consoleTraffic);
     if (isSignalConnected(consoleSignal)) {
@@ -574,7 +591,8 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
 
 void PortSession::onSendData()
 {
-    if (!isConnectionOpen() || isTransferActive() || !m_options.autoSend)
+    // A peer that is not reading gets nothing more until it catches up.
+    if (!isConnectionOpen() || isTransferActive() || !m_options.autoSend || isPeerBacklogged())
         return;
     if (m_options.lineByLine)
         sendText(m_lineStepper.next(m_sendText));

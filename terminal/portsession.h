@@ -105,7 +105,9 @@ public:
     // when the backlog has shrunk.
     QList<DisplayChunk> takeForView(qint64 byteBudget, qint64 timeLimitMs);
     quint64 rxCount() const { return m_ingest.rxCount(); }
-    quint64 txCount() const { return m_txCount; }
+    // Bytes handed to the system: what sends gave the connection less what
+    // still waits in it.
+    quint64 txCount() const;
     void resetCounters();
     ViewState viewState() const { return m_viewState; }
     // Pausing keeps the newest received bytes aside; resuming queues them.
@@ -123,7 +125,10 @@ public:
     // returned and nothing is sent.
     Result sendText(const QString &text, QString *normalisedHex = nullptr);
     // The one send path that other parts (console, relay, transfer) use.
+    // A peer that is not reading (PortTransport::kWriteHighWatermark
+    // unsent) is not sent more: the send is refused with a message.
     bool sendBytes(const QByteArray &data, bool echo = true);
+    bool isPeerBacklogged() const;
     void onSendData();
     void restartAutoSend();
     void resetLineStepper() { m_lineStepper.reset(); }
@@ -218,7 +223,7 @@ private:
     SendTarget m_target;
     SendHistory m_history;
     LineStepper m_lineStepper;
-    quint64 m_txCount = 0;
+    quint64 m_txAccepted = 0;
 
     // Connection
     bool m_open = false;

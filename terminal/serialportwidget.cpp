@@ -33,11 +33,20 @@ SerialPortWidget::SerialPortWidget(int paneId, QWidget *parent)
     : QWidget(parent)
     , m_session(new PortSession(paneId, this))
     , m_refreshTimer(new QTimer(this))
+    , m_targetTimer(new QTimer(this))
 {
     ui.setupUi(this);
     setObjectName(QStringLiteral("SerialPortWidget%1").arg(paneId));
 
     connect(m_refreshTimer, &QTimer::timeout, this, &SerialPortWidget::onRefreshDisplay);
+    m_targetTimer->setSingleShot(true);
+    m_targetTimer->setInterval(kTargetRefreshMs);
+    connect(m_targetTimer, &QTimer::timeout, this, [this] {
+        if (std::exchange(m_targetsStale, false)) {
+            updateTargets();
+            m_targetTimer->start();
+        }
+    });
     connect(ui.receiveView, &ReceiveView::trimmed, ui.findBar, &ReceiveFindBar::shiftMatches);
     connect(ui.receiveView, &QWidget::customContextMenuRequested, this, &SerialPortWidget::onReceiveContextMenuRequested);
     connect(ui.receiveView, &ReceiveView::textTyped, this, &SerialPortWidget::onTerminalKeys);
@@ -190,7 +199,7 @@ void SerialPortWidget::connectSession()
     connect(s, &PortSession::failure, this, &SerialPortWidget::showFailure);
     connect(s, &PortSession::failureCleared, ui.errorLabel, &QWidget::hide);
     connect(s, &PortSession::stateChanged, this, [this] { changeConnState(m_session->isStarted()); });
-    connect(s, &PortSession::targetsChanged, this, &SerialPortWidget::updateTargets);
+    connect(s, &PortSession::targetsChanged, this, &SerialPortWidget::scheduleTargetUpdate);
     connect(s, &PortSession::peerArrived, this, &SerialPortWidget::peerArrived);
     connect(s, &PortSession::peerLost, this, &SerialPortWidget::peerLost);
     connect(s, &PortSession::settingsChanged, this, &SerialPortWidget::announceSettingsChange);
@@ -492,7 +501,19 @@ void SerialPortWidget::onConnectionConfigChanged()
 
 void SerialPortWidget::changeUdpConnState()
 {
+    scheduleTargetUpdate();
+}
+
+void SerialPortWidget::scheduleTargetUpdate()
+{
+    // The first change shows at once; a stream of them is gathered into one
+    // refill per interval, so a thousand clients cost a few refills.
+    if (m_targetTimer->isActive()) {
+        m_targetsStale = true;
+        return;
+    }
     updateTargets();
+    m_targetTimer->start();
 }
 
 void SerialPortWidget::updateTargets()

@@ -30,6 +30,9 @@ public:
     // A drain stops early once it has taken this long, so that the event
     // loop keeps answering when the view cannot keep up.
     static constexpr int kDrainTimeLimitMs = 18;
+    // The list of clients or peers to send to is refilled at most this
+    // often, however fast peers come and go.
+    static constexpr int kTargetRefreshMs = 250;
 
     explicit SerialPortWidget(int paneId, QWidget *parent = nullptr);
     ~SerialPortWidget() override;
@@ -138,6 +141,7 @@ private:
     void updateCounters();
     void updateOpenState();
     void updateTargets();
+    void scheduleTargetUpdate();
     void updateSendTarget();
     void updateControlLineAvailability();
     void onTransferStateChanged(bool active);
@@ -149,4 +153,6 @@ private:
     // While a drain runs, decoded text collects here for one insert.
     QList<ReceiveView::Segment> *m_drainSegments = nullptr;
     QTimer *m_refreshTimer;
+    QTimer *m_targetTimer;
+    bool m_targetsStale = false;
 };

@@ -28,6 +28,85 @@
     </message>
 </context>
 <context>
+    <name>Rfc2217ClientSession</name>
+    <message>
+        <source>The remote port accepted serial parameter control.</source>
+        <translation>远程端口已接受串口参数控制。</translation>
+    </message>
+    <message>
+        <source>The remote does not support serial parameter control; continuing as plain Telnet.</source>
+        <translation>远程端不支持串口参数控制；以普通 Telnet 继续。</translation>
+    </message>
+    <message>
+        <source>The remote is not an RFC 2217 server; continuing as transparent TCP. The handshake bytes may have reached the remote serial line.</source>
+        <translation>远程端不是 RFC 2217 服务器；以透明 TCP 继续。握手字节可能已到达远程串口线路。</translation>
+    </message>
+    <message>
+        <source>The remote port is now at %1 baud.</source>
+        <translation>远程端口现在的波特率为 %1。</translation>
+    </message>
+    <message>
+        <source>baud rate</source>
+        <translation>波特率</translation>
+    </message>
+    <message>
+        <source>data size</source>
+        <translation>数据位</translation>
+    </message>
+    <message>
+        <source>parity</source>
+        <translation>校验位</translation>
+    </message>
+    <message>
+        <source>stop size</source>
+        <translation>停止位</translation>
+    </message>
+    <message>
+        <source>control</source>
+        <translation>控制</translation>
+    </message>
+    <message>
+        <source>line state</source>
+        <translation>线路状态</translation>
+    </message>
+    <message>
+        <source>modem state</source>
+        <translation>调制解调器状态</translation>
+    </message>
+    <message>
+        <source>modem-state mask</source>
+        <translation>调制解调器状态掩码</translation>
+    </message>
+    <message>
+        <source>The remote port sent an invalid %1 value (%2); the setting is kept.</source>
+        <translation>远程端口发送了无效的%1值（%2）；保留原设置。</translation>
+    </message>
+    <message>
+        <source>overrun error</source>
+        <translation>溢出错误</translation>
+    </message>
+    <message>
+        <source>parity error</source>
+        <translation>校验错误</translation>
+    </message>
+    <message>
+        <source>framing error</source>
+        <translation>帧错误</translation>
+    </message>
+    <message>
+        <source>break detected</source>
+        <translation>检测到中断信号</translation>
+    </message>
+    <message>
+        <source>time-out error</source>
+        <translation>超时错误</translation>
+    </message>
+    <message>
+        <source>The remote port reports: %1.</source>
+        <translation>远程端口报告：%1。</translation>
+    </message>
+</context>
+<context>
     <name>SerialPortTransport</name>
     <message>
         <source>Serial Port %1 OPEN FAILED! ERROR: </source>
@@ -125,85 +204,6 @@
     <message>
         <source>No UDP peer to reply to yet</source>
         <translation>还没有可回复的 UDP 对端</translation>
-    </message>
-</context>
-<context>
-    <name>Rfc2217ClientSession</name>
-    <message>
-        <source>The remote port accepted serial parameter control.</source>
-        <translation>远程端口已接受串口参数控制。</translation>
-    </message>
-    <message>
-        <source>The remote does not support serial parameter control; continuing as plain Telnet.</source>
-        <translation>远程端不支持串口参数控制；以普通 Telnet 继续。</translation>
-    </message>
-    <message>
-        <source>The remote is not an RFC 2217 server; continuing as transparent TCP. The handshake bytes may have reached the remote serial line.</source>
-        <translation>远程端不是 RFC 2217 服务器；以透明 TCP 继续。握手字节可能已到达远程串口线路。</translation>
-    </message>
-    <message>
-        <source>The remote port is now at %1 baud.</source>
-        <translation>远程端口现在的波特率为 %1。</translation>
-    </message>
-    <message>
-        <source>baud rate</source>
-        <translation>波特率</translation>
-    </message>
-    <message>
-        <source>data size</source>
-        <translation>数据位</translation>
-    </message>
-    <message>
-        <source>parity</source>
-        <translation>校验位</translation>
-    </message>
-    <message>
-        <source>stop size</source>
-        <translation>停止位</translation>
-    </message>
-    <message>
-        <source>control</source>
-        <translation>控制</translation>
-    </message>
-    <message>
-        <source>line state</source>
-        <translation>线路状态</translation>
-    </message>
-    <message>
-        <source>modem state</source>
-        <translation>调制解调器状态</translation>
-    </message>
-    <message>
-        <source>modem-state mask</source>
-        <translation>调制解调器状态掩码</translation>
-    </message>
-    <message>
-        <source>The remote port sent an invalid %1 value (%2); the setting is kept.</source>
-        <translation>远程端口发送了无效的%1值（%2）；保留原设置。</translation>
-    </message>
-    <message>
-        <source>overrun error</source>
-        <translation>溢出错误</translation>
-    </message>
-    <message>
-        <source>parity error</source>
-        <translation>校验错误</translation>
-    </message>
-    <message>
-        <source>framing error</source>
-        <translation>帧错误</translation>
-    </message>
-    <message>
-        <source>break detected</source>
-        <translation>检测到中断信号</translation>
-    </message>
-    <message>
-        <source>time-out error</source>
-        <translation>超时错误</translation>
-    </message>
-    <message>
-        <source>The remote port reports: %1.</source>
-        <translation>远程端口报告：%1。</translation>
     </message>
 </context>
 </TS>

@@ -145,6 +145,10 @@
         <source>Several clients are connected. Select the one to transfer with.</source>
         <translation>已连接多个客户端。请选择要进行传输的客户端。</translation>
     </message>
+    <message>
+        <source>The peer is not reading: %L1 bytes are still waiting to be sent.</source>
+        <translation>对端没有读取数据：仍有 %L1 字节等待发送。</translation>
+    </message>
 </context>
 <context>
     <name>ReceiveFindBar</name>

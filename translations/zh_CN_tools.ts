@@ -362,11 +362,11 @@
 <context>
     <name>ModbusValuesParser</name>
     <message>
-        <source>Coil states must be 0 or 1, got "%1".</source>
+        <source>Coil states must be 0 or 1, got &quot;%1&quot;.</source>
         <translation>线圈状态必须为 0 或 1，实际为“%1”。</translation>
     </message>
     <message>
-        <source>"%1" is not a 16-bit HEX value.</source>
+        <source>&quot;%1&quot; is not a 16-bit HEX value.</source>
         <translation>“%1”不是 16 位的十六进制数值。</translation>
     </message>
     <message>
