@@ -219,12 +219,13 @@ MainWindow::~MainWindow()
 
 void MainWindow::restoreGeometryFrom(const QSettings &settings)
 {
-    const QSize size = WindowPlacement::storedSize(settings);
+    const QScreen *screen = QGuiApplication::primaryScreen();
+    const QSize size = WindowPlacement::fittedSize(WindowPlacement::storedSize(settings),
+                                                   screen ? screen->availableGeometry().size() : QSize());
     const QPoint position = WindowPlacement::storedPosition(settings);
     qCDebug(lcApp) << "### last window position:" << position;
     resize(size);
 
-    const QScreen *screen = QGuiApplication::primaryScreen();
     if (screen && WindowPlacement::isRestorable(position, screen->availableGeometry().size())) {
         move(position);
         qCDebug(lcApp) << "### set geometry:" << position.x() << position.y() << size.width() << size.height();

@@ -21,6 +21,17 @@ void store(QSettings &settings, QSize size, QPoint position)
     settings.setValue(QLatin1String(kPositionKey), position);
 }
 
+QSize fittedSize(QSize stored, QSize availableArea)
+{
+    const QSize minimum(320, 240);
+    const QSize fallback(1000, 800);
+    if (!stored.isValid())
+        stored = fallback;
+    QSize limit = availableArea.isValid() && !availableArea.isEmpty() ? availableArea : fallback;
+    limit = limit.expandedTo(minimum);
+    return stored.expandedTo(minimum).boundedTo(limit);
+}
+
 bool isRestorable(QPoint position, QSize availableArea)
 {
     return position.x() > 0 && position.x() < availableArea.width()

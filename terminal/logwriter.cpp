@@ -199,6 +199,11 @@ QString LogWriter::cannotOpenText(const QString &path, const QString &reason)
     return tr("Could not open log file '%1': %2").arg(path, reason);
 }
 
+QString LogWriter::cannotWriteText(const QString &path, const QString &reason)
+{
+    return tr("Could not write log file '%1': %2").arg(path, reason);
+}
+
 QString LogWriter::cannotRotateText(const QString &path, const QString &reason)
 {
     return tr("Could not rotate log file '%1': %2").arg(path, reason);
@@ -235,7 +240,9 @@ Result LogWriter::openFile(const QDateTime &now)
     if (!existed)
         qCDebug(lcTerminal) << "Create log file as file does not exist. file:" << m_path;
     m_file.setFileName(m_path);
-    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Append))
+    // Unbuffered: a write reports what the system took, so text a full disk
+    // refused stays pending instead of vanishing with the file's buffer.
+    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
         return Result::failure(cannotOpenText(m_path, m_file.errorString()));
 
     if (m_file.size() == 0) {
@@ -309,12 +316,17 @@ Result LogWriter::writePending()
 
 Result LogWriter::writeOut()
 {
+    if (m_droppedBytes > 0) {
+        // Say where text is missing, before what follows the gap.
+        m_pending.prepend(gapNoteText(m_droppedBytes).toUtf8());
+        m_droppedBytes = 0;
+    }
     if (m_pending.isEmpty())
         return Result::success();
     const qint64 written = m_file.write(m_pending);
     if (written > 0)
         m_pending.remove(0, written);
-    if (m_file.flush() && m_pending.isEmpty())
+    if (m_pending.isEmpty())
         return Result::success();
 
     keepNewestPending();
@@ -323,7 +335,7 @@ Result LogWriter::writeOut()
     m_file.close();  // opened afresh by the next write
     if (!ownReason)
         return Result::failure(invalidNameText());
-    return Result::failure(cannotOpenText(m_path, reason));
+    return Result::failure(cannotWriteText(m_path, reason));
 }
 
 Result LogWriter::rotateIfDue(const QDateTime &now)
@@ -385,6 +397,12 @@ void LogWriter::keepNewestPending()
         return;
     const qsizetype cut = utf8Boundary(m_pending, m_pending.size() - kPendingLimitBytes);
     m_pending.remove(0, cut);
+    m_droppedBytes += cut;
+}
+
+QString LogWriter::gapNoteText(qint64 droppedBytes)
+{
+    return tr("\n-- %L1 bytes of log text were lost here: they could not be written in time --\n").arg(droppedBytes);
 }
 
 Result LogWriter::checkCurrentFile() const

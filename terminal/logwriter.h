@@ -93,7 +93,10 @@ public:
     static QString pathIsDirectoryText(const QString &path);
     static QString cannotCreateFolderText(const QString &folder);
     static QString cannotOpenText(const QString &path, const QString &reason);
+    static QString cannotWriteText(const QString &path, const QString &reason);
     static QString cannotRotateText(const QString &path, const QString &reason);
+    // The line written where pending text had to be dropped.
+    static QString gapNoteText(qint64 droppedBytes);
 
 private:
     Result openFile(const QDateTime &now);
@@ -110,4 +113,6 @@ private:
     QDateTime m_lastCheck;
     QDateTime m_lastRotation;
     bool m_atLineStart = true;
+    // Dropped from the front of the pending text since the last write.
+    qint64 m_droppedBytes = 0;
 };

@@ -668,8 +668,21 @@ void PortSession::logChunk(const DisplayChunk &chunk)
     const QString text = m_logFormatter.format(chunk);
     if (text.isEmpty())
         return;
-    if (const Result r = m_log.append(text); !r)
-        reportFailure(r.errorText());
+    noteLogResult(m_log.append(text));
+}
+
+void PortSession::noteLogResult(const Result &result)
+{
+    if (!result) {
+        m_logFailing = true;
+        reportFailure(result.errorText());
+        return;
+    }
+    // The disk took the text again: the old error no longer holds.
+    if (std::exchange(m_logFailing, false) && m_log.pendingBytes() == 0) {
+        emit failureCleared();
+        emit statusMessage(tr("The data log is being written again."), 3000);
+    }
 }
 
 void PortSession::startLog()
@@ -691,8 +704,7 @@ void PortSession::stopLog()
     m_saveTimer->stop();
     if (!m_log.isOpen())
         return;
-    if (const Result r = m_log.writePending(); !r)
-        reportFailure(r.errorText());
+    noteLogResult(m_log.writePending());
     m_log.close();
 }
 
@@ -715,6 +727,5 @@ void PortSession::setLogEnabled(bool on)
 
 void PortSession::onSaveTick()
 {
-    if (const Result r = m_log.writePending(); !r)
-        reportFailure(r.errorText());
+    noteLogResult(m_log.writePending());
 }

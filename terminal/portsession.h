@@ -197,9 +197,14 @@ private:
     void onPeerArrived(const QString &peer);
     void applyReadThrottle();
     void logChunk(const DisplayChunk &chunk);
+    void noteLogResult(const Result &result);
     void startLog();
     void stopLog();
+public Q_SLOTS:
+    // Writes what the log holds (the save timer calls it).
     void onSaveTick();
+
+private:
     void rememberTargetHost();
     int autoSendIntervalMs() const;
     bool refuseDuringTransfer(const QString &what);
@@ -237,6 +242,7 @@ private:
     // records does not depend on whether or when a view drains.
     LogWriter m_log;
     DisplayFormatter m_logFormatter;
+    bool m_logFailing = false;
 
     QTimer *m_sendTimer;
     QTimer *m_reconnectTimer;

@@ -239,7 +239,7 @@ void SerialPortWidget::onRefreshDisplay()
     if (time != o.displayTime || interval != o.autoFeedInterval || ending != o.rxLineEnding)
         takeOptionsFromWidgets();
     if (viewState() == ViewState::Normal)
-        displayPortBuffer(ReceiveIngest::kRefreshByteBudget);
+        displayPortBuffer(m_drainBudget);
     updateCounters();
 }
 
@@ -250,6 +250,8 @@ void SerialPortWidget::displayPortBuffer(qint64 byteBudget)
 
 void SerialPortWidget::drain(qint64 byteBudget)
 {
+    QElapsedTimer clock;
+    clock.start();
     const QList<DisplayChunk> chunks = m_session->takeForView(byteBudget, byteBudget >= 0 ? kDrainTimeLimitMs : -1);
     if (chunks.isEmpty())
         return;
@@ -263,11 +265,20 @@ void SerialPortWidget::drain(qint64 byteBudget)
     ui.receiveView->trimIfOver(m_session->options().displayBufferSize);
     if (ui.findBar->isActive())
         ui.findBar->refreshMatches();
+    if (byteBudget >= 0) {
+        // Formatting is bounded by the time limit, laying out is not: adapt
+        // the next budget to how long this one took in all.
+        const qint64 took = clock.elapsed();
+        if (took > kDrainTimeLimitMs)
+            m_drainBudget = qMax<qint64>(m_drainBudget / 2, ReceiveIngest::kMaxChunkBytes);
+        else if (took < kDrainTimeLimitMs / 2)
+            m_drainBudget = qMin<qint64>(m_drainBudget * 2, ReceiveIngest::kRefreshByteBudget);
+    }
 }
 
 QString SerialPortWidget::decodeBufferForUi(const DisplayChunk &rxData)
 {
-    const QString text = m_session->viewFormatter().format(rxData);
+    const QString text = m_lineBreaker.apply(m_session->viewFormatter().format(rxData));
     if (text.isEmpty())
         return text;
     const PaneOptions &o = m_session->options();
@@ -605,6 +616,7 @@ void SerialPortWidget::clearDisplay()
         drain(-1);
     ui.receiveView->clear();
     m_session->viewFormatter().setEndsWithLineFeed(true);
+    m_lineBreaker.reset();
     if (ui.findBar->isVisible())
         ui.findBar->setPattern(ui.findBar->pattern());
 }
@@ -618,6 +630,7 @@ void SerialPortWidget::writeNote(const QString &note)
 {
     ui.receiveView->writeNote(note);
     m_session->viewFormatter().setEndsWithLineFeed(true);
+    m_lineBreaker.reset();
 }
 
 void SerialPortWidget::openFindBar()

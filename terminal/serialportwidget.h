@@ -2,6 +2,7 @@
 
 #include "connection/connectionconfig.h"
 #include "terminal/displaychunk.h"
+#include "terminal/displaylinebreaker.h"
 #include "terminal/paneoptions.h"
 #include "terminal/portsession.h"
 #include "terminal/receiveview.h"
@@ -155,4 +156,8 @@ private:
     QTimer *m_refreshTimer;
     QTimer *m_targetTimer;
     bool m_targetsStale = false;
+    DisplayLineBreaker m_lineBreaker;
+    // Bytes one refresh may take: shrinks while the view is slow to lay the
+    // text out (scripts that need font fallback, say), grows back when fast.
+    qint64 m_drainBudget = ReceiveIngest::kRefreshByteBudget;
 };

@@ -70,6 +70,18 @@
         <source>Could not open current log file.</source>
         <translation>无法打开当前日志文件。</translation>
     </message>
+    <message>
+        <source>Could not write log file '%1': %2</source>
+        <translation>无法写入日志文件“%1”：%2</translation>
+    </message>
+    <message>
+        <source>
+-- %L1 bytes of log text were lost here: they could not be written in time --
+</source>
+        <translation>
+-- 此处丢失了 %L1 字节的日志文本：未能及时写入 --
+</translation>
+    </message>
 </context>
 <context>
     <name>PortSession</name>
@@ -148,6 +160,10 @@
     <message>
         <source>The peer is not reading: %L1 bytes are still waiting to be sent.</source>
         <translation>对端没有读取数据：仍有 %L1 字节等待发送。</translation>
+    </message>
+    <message>
+        <source>The data log is being written again.</source>
+        <translation>数据日志已恢复写入。</translation>
     </message>
 </context>
 <context>

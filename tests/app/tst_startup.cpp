@@ -149,6 +149,14 @@ void StartupTest::windowGeometryDefaultsAndRoundTrip()
     QSettings again;
     QCOMPARE(WindowPlacement::storedSize(again), QSize(1234, 567));
     QCOMPARE(WindowPlacement::storedPosition(again), QPoint(40, 50));
+
+    // A damaged size never makes a window larger than the screen.
+    const QSize screen(1920, 1040);
+    QCOMPARE(WindowPlacement::fittedSize(QSize(100000, 100000), screen), screen);
+    QCOMPARE(WindowPlacement::fittedSize(QSize(1234, 567), screen), QSize(1234, 567));
+    QCOMPARE(WindowPlacement::fittedSize(QSize(-1, 5), screen), QSize(1000, 800));
+    QCOMPARE(WindowPlacement::fittedSize(QSize(10, 10), screen), QSize(320, 240));
+    QCOMPARE(WindowPlacement::fittedSize(QSize(5000, 700), QSize()), QSize(1000, 700));
 }
 
 void StartupTest::languageChoice_data()

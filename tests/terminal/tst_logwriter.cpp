@@ -4,7 +4,11 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
+
+#include <csignal>
+#include <sys/resource.h>
 
 namespace {
 
@@ -28,6 +32,25 @@ bool put(LogWriter &writer, QStringView text)
 {
     return writer.append(text) && writer.writePending();
 }
+
+// Stands in for a disk that fills up: files of this process cannot grow
+// past the limit until it is lifted again.
+class FileSizeLimit
+{
+public:
+    FileSizeLimit() { getrlimit(RLIMIT_FSIZE, &m_saved); std::signal(SIGXFSZ, SIG_IGN); }
+    ~FileSizeLimit() { lift(); }
+    bool limitTo(rlim_t bytes)
+    {
+        rlimit limit = m_saved;
+        limit.rlim_cur = bytes;
+        return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+    }
+    void lift() { setrlimit(RLIMIT_FSIZE, &m_saved); }
+
+private:
+    rlimit m_saved{};
+};
 
 } // namespace
 
@@ -119,6 +142,50 @@ private Q_SLOTS:
         QCOMPARE(body(path), QString::fromUtf8("温度 25℃\nmore\n"));
         QVERIFY(QFile::remove(path));
         QCOMPARE(again.checkCurrentFile().errorText(), missing);
+    }
+
+    void fullDiskKeepsTextUntilItRecovers()
+    {
+        LogWriter writer(clock());
+        QVERIFY(writer.open(options()));
+        QVERIFY(put(writer, u"before\n"));
+        const qint64 full = QFileInfo(logPath()).size();
+
+        // The disk is full: nothing accepted is lost, and the error is the
+        // system's own.
+        FileSizeLimit disk;
+        QVERIFY(disk.limitTo(rlim_t(full)));
+        QString expected;
+        for (int i = 0; i < 1000; ++i) {
+            const QString line = QStringLiteral("line %1\n").arg(i);
+            expected += line;
+            writer.append(line);
+        }
+        const Result failed = writer.writePending();
+        QVERIFY(!failed);
+        QVERIFY2(failed.errorText().startsWith("Could not write log file '" + logPath() + "': "),
+                 qPrintable(failed.errorText()));
+        QVERIFY(!failed.errorText().contains("Please input correct log file name!"));
+        QCOMPARE(writer.pendingBytes(), expected.toUtf8().size());
+
+        // Space comes back: the next write carries on where it stopped.
+        disk.lift();
+        QVERIFY(writer.writePending());
+        QCOMPARE(body(logPath()), "before\n" + expected);
+
+        // Past its own bound the writer drops the oldest text and says so.
+        QVERIFY(disk.limitTo(rlim_t(QFileInfo(logPath()).size())));
+        const QByteArray block(1024 * 1024 - 1, 'x');
+        for (qint64 i = 0; i <= LogWriter::kPendingLimitBytes / block.size() + 2; ++i)
+            writer.append(QString::fromLatin1(block + '\n'));
+        QVERIFY(!writer.writePending());
+        QVERIFY(writer.pendingBytes() <= LogWriter::kPendingLimitBytes);
+        disk.lift();
+        QVERIFY(writer.writePending());
+        QVERIFY(writer.append(u"after\n") && writer.writePending());
+        const QString text = body(logPath());
+        QVERIFY(text.contains(" bytes of log text were lost here: they could not be written in time --\n"));
+        QVERIFY(text.endsWith("x\nafter\n"));
     }
 
     void timestampsPerLineAndBigBatches()

@@ -1,4 +1,5 @@
 #include "terminal/displayformatter.h"
+#include "terminal/displaylinebreaker.h"
 #include "terminal/linestepper.h"
 #include "terminal/readthrottle.h"
 #include "terminal/receiveingest.h"
@@ -56,6 +57,51 @@ class TerminalPipelineTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void longLinesBreakForTheViewOnly_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("pieces");  // the text fed in this many parts
+        const qsizetype max = DisplayLineBreaker::kMaxLineChars;
+        QTest::newRow("short lines pass") << QString("ab\ncd\n\nef") << 3;
+        QTest::newRow("one long line") << QString(max * 3 + 100, 'x') << 1;
+        QTest::newRow("long line in many reads") << QString(max * 2 + 7, 'y') << 50;
+        QTest::newRow("long line among short ones") << ("a\n" + QString(max + 1, 'z') + "\nb") << 4;
+        QString hex;
+        for (int i = 0; i < 5000; ++i)
+            hex += "AB ";
+        QTest::newRow("hex breaks after a space") << hex << 7;
+        QString pairs;
+        for (int i = 0; i < max; ++i)
+            pairs += QString::fromUtf8("\xF0\x9F\x98\x80");  // one emoji: a surrogate pair
+        QTest::newRow("surrogate pairs stay whole") << pairs << 3;
+    }
+
+    void longLinesBreakForTheViewOnly()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, pieces);
+        DisplayLineBreaker breaker;
+        QString out;
+        const qsizetype step = text.size() / pieces + 1;
+        for (qsizetype at = 0; at < text.size(); at += step)
+            out += breaker.apply(QStringView(text).mid(at, step));
+        // Only line ends were added, and no line is longer than the limit.
+        QString without = out;
+        QCOMPARE(without.remove(u'\n'), QString(text).remove(u'\n'));
+        const QStringList lines = out.split(u'\n');
+        for (const QString &line : lines) {
+            QVERIFY(line.size() <= DisplayLineBreaker::kMaxLineChars);
+            QVERIFY(line.isEmpty() || !line.back().isHighSurrogate());
+            QVERIFY(line.isEmpty() || !line.front().isLowSurrogate());
+        }
+        if (QTest::currentDataTag() == QByteArray("hex breaks after a space")) {
+            for (const QString &line : lines)
+                QVERIFY(line.isEmpty() || line.endsWith(u' '));
+        }
+        if (text.size() <= DisplayLineBreaker::kMaxLineChars)
+            QCOMPARE(out, text);
+    }
+
     void registryNames()
     {
         const QStringList names = WireTextCodecRegistry::names();
