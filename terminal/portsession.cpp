@@ -49,7 +49,7 @@ PortSession::PortSession(int paneId, QObject *parent)
 PortSession::~PortSession()
 {
     // Whatever the log still holds is written before the session goes.
-    if (m_log.isOpen()) {
+    if (m_logActive) {
         m_log.writePending();
         m_log.close();
     }
@@ -663,7 +663,9 @@ QString PortSession::transferRefusal() const
 
 void PortSession::logChunk(const DisplayChunk &chunk)
 {
-    if (!m_log.isOpen())
+    // The writer's file may be closed for a while (a full disk); the text
+    // still goes to it and waits there, within its bound.
+    if (!m_logActive)
         return;
     const QString text = m_logFormatter.format(chunk);
     if (text.isEmpty())
@@ -679,7 +681,8 @@ void PortSession::noteLogResult(const Result &result)
         return;
     }
     // The disk took the text again: the old error no longer holds.
-    if (std::exchange(m_logFailing, false) && m_log.pendingBytes() == 0) {
+    if (m_logFailing && m_log.pendingBytes() == 0) {
+        m_logFailing = false;
         emit failureCleared();
         emit statusMessage(tr("The data log is being written again."), 3000);
     }
@@ -687,7 +690,7 @@ void PortSession::noteLogResult(const Result &result)
 
 void PortSession::startLog()
 {
-    if (!m_options.logSaveFlag || m_log.isOpen())
+    if (!m_options.logSaveFlag || m_logActive)
         return;
     const Result opened = m_log.open(LogWriter::Options::fromPaneOptions(m_options, currentRealPortName()));
     if (!opened) {
@@ -696,21 +699,23 @@ void PortSession::startLog()
     }
     // A new log starts at a line start with fresh decoders.
     m_logFormatter.reset();
+    m_logActive = true;
     m_saveTimer->start();
 }
 
 void PortSession::stopLog()
 {
     m_saveTimer->stop();
-    if (!m_log.isOpen())
+    if (!m_logActive)
         return;
+    m_logActive = false;
     noteLogResult(m_log.writePending());
     m_log.close();
 }
 
 void PortSession::restartLog()
 {
-    if (!m_log.isOpen())
+    if (!m_logActive)
         return;
     stopLog();
     startLog();

@@ -141,7 +141,7 @@ public:
     QString transferRefusal() const;
 
     // ---- Data log ----
-    bool isLogging() const { return m_log.isOpen(); }
+    bool isLogging() const { return m_logActive; }
     QString currentLogFile() const { return m_log.filePath(); }
     qint64 pendingLogBytes() const { return m_log.pendingBytes(); }
     // Restarts the log under the current options (a new folder, say).
@@ -242,6 +242,7 @@ private:
     // records does not depend on whether or when a view drains.
     LogWriter m_log;
     DisplayFormatter m_logFormatter;
+    bool m_logActive = false;
     bool m_logFailing = false;
 
     QTimer *m_sendTimer;

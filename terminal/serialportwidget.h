@@ -157,7 +157,9 @@ private:
     QTimer *m_targetTimer;
     bool m_targetsStale = false;
     DisplayLineBreaker m_lineBreaker;
-    // Bytes one refresh may take: shrinks while the view is slow to lay the
-    // text out (scripts that need font fallback, say), grows back when fast.
-    qint64 m_drainBudget = ReceiveIngest::kRefreshByteBudget;
+    // Bytes one refresh may take: starts small, grows to the full budget
+    // while the view lays text out fast and shrinks while it is slow (text
+    // in scripts that need font fallback, say).
+    static constexpr qint64 kFirstDrainBudget = 16 * 1024;
+    qint64 m_drainBudget = kFirstDrainBudget;
 };
