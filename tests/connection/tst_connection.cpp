@@ -144,6 +144,7 @@ private Q_SLOTS:
     void pendingStreamSends_data();
     void pendingStreamSends();
     void streamEndsLeaveNothingBehind();
+    void peerCloseIsNoFailure();
 
     void serverDoor_data();
     void serverDoor();
@@ -155,6 +156,7 @@ private Q_SLOTS:
     void manyClientsAtOnce();
 
     void udpPeersAndTargets();
+    void udpPeerTableStaysBounded();
     void pausedReadLosesNothing_data();
     void pausedReadLosesNothing();
     void relayPath();
@@ -336,6 +338,23 @@ void ConnectionTest::pendingStreamSends()
         QVERIFY(clearAtFailure);
     }
     QCOMPARE(gone.count(), 0);
+}
+
+void ConnectionTest::peerCloseIsNoFailure()
+{
+    QTcpServer peer;
+    QVERIFY(peer.listen(QHostAddress(QHostAddress::LocalHost), 0));
+    ConnectionController controller;
+    QSignalSpy errors(&controller, &ConnectionController::errorOccurred);
+    QSignalSpy gone(&controller, &ConnectionController::tcpClientDisconnected);
+    controller.startTcpClient("127.0.0.1", peer.serverPort());
+    Socket remote = accept(peer);
+    QVERIFY(remote);
+    QTRY_VERIFY_WITH_TIMEOUT(controller.isOpen(ConnectionMode::TcpClient), kWait);
+    remote->write("bye");
+    remote->disconnectFromHost();
+    QTRY_COMPARE_WITH_TIMEOUT(gone.count(), 1, kWait);
+    QCOMPARE(errors.count(), 0);
 }
 
 void ConnectionTest::streamEndsLeaveNothingBehind()
@@ -733,6 +752,34 @@ void ConnectionTest::udpPeersAndTargets()
     QTRY_COMPARE_WITH_TIMEOUT(errors.count(), 1, 15000);
     QCOMPARE(errors.at(0).at(0).toString(), QString("UDP send to no-such-device.invalid FAILED: Host not found"));
     QCOMPARE(controller.bytesToWrite(config.mode), 0);
+}
+
+void ConnectionTest::udpPeerTableStaysBounded()
+{
+    // Senders from more ports than the table holds: it stays bounded, keeps
+    // the newest, and keeps only the start of each datagram.
+    ConnectionController controller;
+    QVERIFY(controller.open(configFor(ConnectionMode::UdpServer)));
+    int received = 0;
+    connect(&controller, &ConnectionController::received, this, [&] { ++received; });
+    const QByteArray big(4000, 'd');
+    QString last;
+    const int senders = UdpTransport::kMaxPeers + 50;
+    for (int i = 0; i < senders; ++i) {
+        QUdpSocket sender;
+        QVERIFY(sender.bind(QHostAddress::LocalHost, 0));
+        sender.writeDatagram(big, QHostAddress::LocalHost, controller.udpLocalPort());
+        last = QString("127.0.0.1:%1").arg(sender.localPort());
+        if (i % 64 == 63)
+            QTRY_COMPARE_WITH_TIMEOUT(received, i + 1, kWait);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(received, senders, kWait);
+    const QList<ConnectionController::UdpPeer> &peers = controller.udpPeers();
+    QVERIFY(peers.size() <= UdpTransport::kMaxPeers);
+    QVERIFY(peers.size() > UdpTransport::kMaxPeers / 2);
+    QCOMPARE(peers.constLast().key(), last);
+    QCOMPARE(peers.constLast().lastDatagram.size(), UdpTransport::kKeptDatagramBytes);
+    QVERIFY(controller.send(configFor(ConnectionMode::UdpServer), "reply")); // the current peer is still known
 }
 
 void ConnectionTest::pausedReadLosesNothing_data()

@@ -54,6 +54,7 @@ private Q_SLOTS:
     void lostSerialPortReconnectsOnTheClock_data();
     void lostSerialPortReconnectsOnTheClock();
     void tcpClientReconnectsOnTheClock();
+    void peerThatDoesNotReadIsNotSentMore();
 
 private:
     ConnectionConfig serialConfig() const
@@ -250,6 +251,46 @@ void PortSessionTest::tcpClientReconnectsOnTheClock()
     client->write("back");
     QString seen;
     QTRY_COMPARE_WITH_TIMEOUT(seen += drainView(session), QString("back"), kWait);
+}
+
+void PortSessionTest::peerThatDoesNotReadIsNotSentMore()
+{
+    QTcpServer device;
+    QVERIFY(device.listen(QHostAddress::LocalHost, 0));
+    PortSession session(5);
+    ConnectionConfig config;
+    config.mode = ConnectionMode::TcpClient;
+    config.targetHost = QStringLiteral("127.0.0.1");
+    config.targetPort = device.serverPort();
+    PaneOptions options;
+    options.displaySendMsg = false;
+    session.applySettings(config, options, {});
+    QVERIFY(session.openConnection());
+    QVERIFY(device.waitForNewConnection(kWait));
+    std::unique_ptr<QTcpSocket> stuck(device.nextPendingConnection());
+    stuck->setReadBufferSize(4096);  // takes nothing more off the kernel: a peer that never reads
+    QTRY_VERIFY_WITH_TIMEOUT(session.isConnectionOpen(), kWait);
+
+    QSignalSpy status(&session, &PortSession::statusMessage);
+    const QByteArray block(256 * 1024, 'x');
+    quint64 accepted = 0;
+    for (int i = 0; i < 400 && session.sendBytes(block); ++i) {
+        accepted += quint64(block.size());
+        QTest::qWait(1);
+    }
+    // Refused once the peer held the watermark; what waits stays bounded
+    // and the counter counts only what left.
+    QVERIFY(session.isPeerBacklogged());
+    QVERIFY(session.controller()->bytesToWrite() < PortTransport::kWriteHighWatermark + block.size());
+    QVERIFY(status.constLast().at(0).toString().startsWith("The peer is not reading: "));
+    QVERIFY(session.txCount() < accepted);
+    QCOMPARE(session.txCount() + quint64(session.controller()->bytesToWrite()), accepted);
+
+    // Once it reads, sending goes on.
+    QByteArray drained;
+    stuck->setReadBufferSize(0);
+    QTRY_VERIFY_WITH_TIMEOUT((drained += stuck->readAll(), !session.isPeerBacklogged()), kWait);
+    QVERIFY(session.sendBytes("more"));
 }
 
 QTEST_GUILESS_MAIN(PortSessionTest)
