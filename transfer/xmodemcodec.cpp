@@ -197,12 +197,19 @@ XmodemAction XmodemCodec::onBytes(QByteArrayView data, qint64 nowMs)
 {
     if (isEnded() || m_state == State::Idle)
         return {};
-    const qsizetype room = kMaxInputBuffer - m_input.size();
-    if (room > 0)
-        m_input.append(data.data(), qMin(room, data.size()));
-    if (!m_writePending)
-        process(nowMs);
-    return conclude(nowMs);
+    // A large read is taken a buffer's worth at a time; only while our own
+    // write is in flight can the buffer fill, and then the excess is lost.
+    XmodemAction action;
+    do {
+        const qsizetype room = qMax<qsizetype>(0, kMaxInputBuffer - m_input.size());
+        const qsizetype take = qMin(room, data.size());
+        m_input.append(data.data(), take);
+        data = data.sliced(take);
+        if (!m_writePending)
+            process(nowMs);
+        action.append(conclude(nowMs));
+    } while (!data.isEmpty() && !isEnded() && m_input.size() < kMaxInputBuffer);
+    return action;
 }
 
 XmodemAction XmodemCodec::onBytesWritten(qint64 nowMs)
