@@ -69,7 +69,12 @@ QString XferFileSink::sanitisedName(const QString &requested, const QDateTime &n
     const qsizetype colon = name.indexOf(QLatin1Char(':'));
     if (colon >= 0)
         name.truncate(colon);
-    name = withoutTrailingDots(name.trimmed());
+    // "name . ." becomes "name": white space and dots, until neither is left
+    // at the end (some systems drop both silently).
+    for (QString before; before != name;) {
+        before = name;
+        name = withoutTrailingDots(name.trimmed());
+    }
     if (isReservedDeviceName(name))
         name.prepend(QLatin1Char('_'));
     name = withoutTrailingDots(limitUtf8(name, kMaxNameBytes));
