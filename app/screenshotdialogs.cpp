@@ -1,6 +1,7 @@
 #include "app/screenshotdialogs.h"
 
 #include "app/setconfigfilepathdialog.h"
+#include "transfer/filetransferdialog.h"
 
 #include <QSettings>
 
@@ -14,6 +15,7 @@ ScreenshotDialogs ScreenshotDialogs::standard()
         QObject::connect(dialog, &QObject::destroyed, [settings] { delete settings; });
         return dialog;
     });
+    table.add(QStringLiteral("file-transfer"), [](QWidget *parent) -> QWidget * { ConnectionConfig c; c.portName = QStringLiteral("ttyUSB0"); return new FileTransferDialog(FileTransferSession::Direction::Receive, c, nullptr, parent); });
     return table;
 }
 
