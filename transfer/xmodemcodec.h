@@ -25,23 +25,22 @@ bool isYmodemVariant(XmodemVariant v);
 bool canSendLongBlocks(XmodemVariant v);
 
 // Why a transfer failed; the numbers are what the summary and logs carry.
-namespace XmodemError {
-enum : int {
-    None = 0,
-    NeverStarted = 1,
-    RetriesExhausted = 2,  // also any YMODEM-G error
-    DeviceCancelled = 3,
-    LocalCancel = 4,
-    ConnectionGone = 5,    // set by the session, never by the codec
-    ReadFailed = 8,
-    FileChanged = 9,
-    CreateFailed = 10,
-    WriteFailed = 11,
-    SaveFailed = 12,
-    SizeCap = 14,
-    OutOfStep = 16,
+struct XmodemError
+{
+    static constexpr int None = 0;
+    static constexpr int NeverStarted = 1;
+    static constexpr int RetriesExhausted = 2;  // also any YMODEM-G error
+    static constexpr int DeviceCancelled = 3;
+    static constexpr int LocalCancel = 4;
+    static constexpr int ConnectionGone = 5;    // set by the session, never by the codec
+    static constexpr int ReadFailed = 8;
+    static constexpr int FileChanged = 9;
+    static constexpr int CreateFailed = 10;
+    static constexpr int WriteFailed = 11;
+    static constexpr int SaveFailed = 12;
+    static constexpr int SizeCap = 14;
+    static constexpr int OutOfStep = 16;
 };
-} // namespace XmodemError
 
 // How a transfer ended; an action carries at most one.
 struct XmodemEnd
