@@ -15,7 +15,10 @@ class XferPort
 public:
     virtual ~XferPort() = default;
 
-    // Queues bytes for the peer, in order. False when the port refused them.
+    // Queues bytes for the peer, in order, and pushes them out without
+    // waiting for the next turn of the event loop (flush()): the other end
+    // answers every block, so a delayed write costs a round trip each time.
+    // False when the port refused them.
     virtual bool write(const QByteArray &bytes) = 0;
     // Bytes accepted by write() that have not yet gone out.
     virtual qint64 bytesToWrite() const = 0;

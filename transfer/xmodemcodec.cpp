@@ -293,11 +293,9 @@ void XmodemCodec::process(qint64 nowMs)
             if (!countCan(byte))
                 processSend(byte);
         } else {
-            if (used >= m_input.size())
+            if (m_input.isEmpty())
                 break;
             bool needMore = false;
-            m_input.remove(0, used);
-            used = 0;
             processReceive(nowMs, &needMore);
             if (needMore)
                 break;
@@ -516,6 +514,13 @@ qint64 XmodemCodec::startRepeatMs() const
 void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
 {
     Q_UNUSED(nowMs);
+    if (m_eotPending) {
+        // Bytes right after an EOT: it was the number of a block that lost
+        // its SOH.
+        m_eotPending = false;
+        startPurge();
+        return;
+    }
     if (m_purging) {
         // Wait for the line to fall quiet, then ask for the block again.
         m_input.clear();
@@ -535,18 +540,19 @@ void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
         return;
     }
     if (first != SOH && first != STX) {
-        m_input.remove(0, 1);
-        if (m_state == State::RecvBlocks) {
-            // A block whose first byte was damaged: its data must not be
-            // read as control bytes (a data byte 0x04 would pass for EOT).
-            if (m_streaming) {
-                badBlock();
-            } else {
-                m_purging = true;
-                m_input.clear();
-                m_out.timeoutMs = kPurgeQuietMs;
-            }
+        // Drop the whole run of bytes that cannot start anything at once.
+        qsizetype junk = 1;
+        while (junk < m_input.size()) {
+            const char c = m_input.at(junk);
+            if (c == SOH || c == STX || c == EOT || c == CAN)
+                break;
+            ++junk;
         }
+        m_input.remove(0, junk);
+        // A block whose first byte was damaged: its data must not be read
+        // as control bytes (a data byte 0x04 would pass for EOT).
+        if (m_state == State::RecvBlocks)
+            startPurge();
         return;
     }
     const qsizetype dataLength = first == SOH ? 128 : 1024;
@@ -602,24 +608,54 @@ void XmodemCodec::badBlock()
 
 void XmodemCodec::handleEot()
 {
-    const bool ymodem = isYmodemVariant(m_variant);
     if (m_state == State::RecvWaitBatchEnd) {
         // Our answer to the first EOT was lost: answer again, the file is
         // already in place.
         emitBytes(QByteArray(1, ACK) + QByteArray(1, startChar()), kWaitMs);
         return;
     }
+    // A block whose SOH was lost starts with its number, and block 4 reads
+    // as EOT. With a known length the written size tells them apart;
+    // without one, a real EOT is followed by silence, a damaged block by
+    // the rest of its bytes.
+    if (isYmodemVariant(m_variant) && m_fileSize >= 0) {
+        if (m_written < m_fileSize)
+            startPurge();
+        else
+            acceptEot();
+        return;
+    }
+    m_eotPending = true;
+    m_out.timeoutMs = kEotQuietMs;
+}
+
+void XmodemCodec::acceptEot()
+{
     if (!m_sink->finish(m_written)) {
         fail(XmodemError::SaveFailed, tr("The data was received but could not be saved."), false);
         return;
     }
-    if (!ymodem) {
+    if (!isYmodemVariant(m_variant)) {
         m_out.write += QByteArray(1, ACK);
         succeed();
         return;
     }
     m_state = State::RecvWaitBatchEnd;
     emitBytes(QByteArray(1, ACK) + QByteArray(1, startChar()), kWaitMs);
+}
+
+void XmodemCodec::startPurge()
+{
+    // The sender has started, whatever the line did to its block.
+    if (m_state == State::RecvStarting)
+        m_state = State::RecvBlocks;
+    if (m_streaming) {
+        badBlock();
+        return;
+    }
+    m_purging = true;
+    m_input.clear();
+    m_out.timeoutMs = kPurgeQuietMs;
 }
 
 void XmodemCodec::handleBlock(int number, const QByteArray &data)
@@ -728,6 +764,11 @@ void XmodemCodec::handleHeader(const QByteArray &data)
 
 void XmodemCodec::receiveTimeout(qint64 nowMs)
 {
+    if (m_eotPending) {
+        m_eotPending = false;
+        acceptEot();
+        return;
+    }
     switch (m_state) {
     case State::RecvStarting:
         if (nowMs - m_startMs < kStartLimitMs) {

@@ -105,6 +105,9 @@ public:
     // After bytes that cannot start a block, the receiver drops everything
     // until the line has been quiet this long, then asks again (NAK).
     static constexpr qint64 kPurgeQuietMs = 1000;
+    // Without a known length, an EOT counts once the line has stayed quiet
+    // this long after it (the rest of a damaged block would follow at once).
+    static constexpr qint64 kEotQuietMs = 250;
     // From this start attempt on an XMODEM CRC receiver asks for checksums.
     static constexpr int kChecksumFallbackAttempt = 7;
     // Received bytes waiting to be parsed. A peer that keeps sending while
@@ -191,6 +194,8 @@ private:
     void handleBlock(int number, const QByteArray &data);
     void handleHeader(const QByteArray &data);
     void handleEot();
+    void acceptEot();
+    void startPurge();
     void badBlock();
     void receiveTimeout(qint64 nowMs);
 
@@ -222,6 +227,7 @@ private:
     qint64 m_startMs = 0;
     bool m_headerReceived = false;
     bool m_purging = false;
+    bool m_eotPending = false;
 
     int m_retries = 0;
     int m_totalRetries = 0;

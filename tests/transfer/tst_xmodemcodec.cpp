@@ -82,6 +82,8 @@ private slots:
     void receiverFallsBackToChecksumAfterSixRequests();
     void ymodemReceiverNeverFallsBack();
     void duplicateBlockIsAcknowledgedButNotWrittenAgain();
+    void blockThatLostItsSohIsNotTakenForEot_data();
+    void blockThatLostItsSohIsNotTakenForEot();
     void cancelNeedsTwoCansInARow_data();
     void cancelNeedsTwoCansInARow();
     void receiverFailures_data();
@@ -95,6 +97,8 @@ private slots:
     void damagedLinkRecoversWithoutCorruptData_data();
     void damagedLinkRecoversWithoutCorruptData();
     void ymodemGAbandonsOnTheFirstBadBlock();
+    void noiseNeverBreaksEitherSide_data();
+    void noiseNeverBreaksEitherSide();
 };
 
 void TestXmodemCodec::crcMatchesTheXmodemCheckValue()
@@ -385,7 +389,11 @@ void TestXmodemCodec::receiverFallsBackToChecksumAfterSixRequests()
     g.feed(block(1, data, false), 19000);
     QCOMPARE(g.drain(), QByteArray(1, ACK));
     g.feed(QByteArray(1, EOT), 19000);
+    QVERIFY(!late.isEnded());  // an EOT counts once the line stays quiet
+    QCOMPARE(g.last.wakeAtMs, 19000 + XmodemCodec::kEotQuietMs);
+    g.take(late.tick(19000 + XmodemCodec::kEotQuietMs), 19000 + XmodemCodec::kEotQuietMs);
     QVERIFY(g.last.finished());
+    QCOMPARE(g.drain(), QByteArray(1, ACK));
     QCOMPARE(sink2.data, data);
 }
 
@@ -420,6 +428,50 @@ void TestXmodemCodec::duplicateBlockIsAcknowledgedButNotWrittenAgain()
     QCOMPARE(f.last.message(), QStringLiteral("Block 4 arrived when block 3 was expected; the transfer is out of step."));
     QCOMPARE(f.drain(), XmodemCodec::cancelSequence());
     QCOMPARE(sink.data, one + two);
+}
+
+void TestXmodemCodec::blockThatLostItsSohIsNotTakenForEot_data()
+{
+    QTest::addColumn<int>("variant");
+    QTest::addColumn<bool>("restFollows");  // the block's other bytes arrive after its number
+    QTest::newRow("xmodem, rest follows") << toInt(XmodemVariant::XmodemCrc) << true;
+    QTest::newRow("ymodem, short of the length") << toInt(XmodemVariant::Ymodem) << false;
+}
+
+// Block 4 whose SOH was lost begins with 0x04, the EOT byte. Taking it for
+// the end would save a truncated file as a success.
+void TestXmodemCodec::blockThatLostItsSohIsNotTakenForEot()
+{
+    QFETCH(int, variant);
+    QFETCH(bool, restFollows);
+    const XmodemVariant v = XmodemVariant(variant);
+    MemorySink sink;
+    XmodemCodec codec(v, &sink);
+    Feeder f{codec, {}, {}, {}};
+    f.take(codec.startReceive(QStringLiteral("t.bin"), 0), 0);
+    const QByteArray data = pattern(4 * 128);
+    if (isYmodemVariant(v))
+        f.feed(block(0, XmodemCodec::makeHeaderData(QStringLiteral("t.bin"), data.size(), 0), true), 0);
+    for (int i = 1; i <= 3; ++i)
+        f.feed(block(i, data.mid((i - 1) * 128, 128), true), 0);
+    f.drain();
+    const QByteArray fourth = block(4, data.mid(384, 128), true);
+    f.feed(fourth.mid(1, 1), 10);  // the number, 0x04
+    if (restFollows)
+        f.feed(fourth.mid(2), 11);
+    QVERIFY(!codec.isEnded());
+    QCOMPARE(sink.finishes, 0);
+    // Once the line is quiet the receiver asks for the block again.
+    const qint64 askAt = f.last.wakeAtMs;
+    QVERIFY(askAt > 0 && askAt <= 11 + XmodemCodec::kPurgeQuietMs);
+    f.take(codec.tick(askAt), askAt);
+    QCOMPARE(f.drain(), QByteArray(1, NAK));
+    f.feed(fourth, askAt + 5);
+    f.feed(QByteArray(1, EOT), askAt + 10);
+    if (!codec.isEnded())
+        f.take(codec.tick(askAt + 10 + XmodemCodec::kEotQuietMs), askAt + 10 + XmodemCodec::kEotQuietMs);
+    QCOMPARE(sink.finishes, 1);
+    QCOMPARE(sink.data, data);
 }
 
 void TestXmodemCodec::cancelNeedsTwoCansInARow_data()
@@ -761,6 +813,66 @@ void TestXmodemCodec::ymodemGAbandonsOnTheFirstBadBlock()
     QVERIFY(s.last.failed());
     QCOMPARE(s.last.message(),
              QStringLiteral("The device reported an error. YMODEM-G cannot resend a block, so the transfer has been abandoned."));
+}
+
+void TestXmodemCodec::noiseNeverBreaksEitherSide_data()
+{
+    QTest::addColumn<int>("variant");
+    QTest::addColumn<bool>("sending");
+    QTest::addColumn<quint32>("seed");
+    const quint32 seed = QRandomGenerator::global()->generate();
+    for (int v = 0; v <= 4; ++v) {
+        QTest::addRow("receive %d seed %u", v, seed + v) << v << false << seed + v;
+        QTest::addRow("send %d seed %u", v, seed + v) << v << true << seed + v;
+    }
+}
+
+// Random bytes, sometimes shaped like blocks, in random chunks with random
+// pauses: the codec never crashes, never writes more than it received in
+// blocks, and always either ends or wants to be called again.
+void TestXmodemCodec::noiseNeverBreaksEitherSide()
+{
+    QFETCH(int, variant);
+    QFETCH(bool, sending);
+    QFETCH(quint32, seed);
+    QRandomGenerator rng(seed);
+    MemorySource source(pattern(5000));
+    MemorySink sink;
+    XmodemCodec codec = sending ? XmodemCodec(XmodemVariant(variant), &source)
+                                : XmodemCodec(XmodemVariant(variant), &sink);
+    qint64 now = 0;
+    // Reports every write as done, as a port does sooner or later.
+    const auto settle = [&codec, &now](XmodemAction a) {
+        while (!a.write.isEmpty() && !a.ended())
+            a = codec.onBytesWritten(now);
+        return a;
+    };
+    XmodemAction a = settle(sending ? codec.startSend(now) : codec.startReceive(QStringLiteral("n.bin"), now));
+    qint64 fedBytes = 0;
+    for (int round = 0; round < 3000 && !codec.isEnded(); ++round) {
+        QByteArray chunk;
+        if (rng.bounded(4) == 0) {
+            QByteArray data(rng.bounded(2) ? 128 : 1024, Qt::Uninitialized);
+            for (char &c : data)
+                c = char(rng.bounded(256));
+            chunk = XmodemCodec::makeBlock(rng.bounded(4), data, rng.bounded(4) != 0);
+        } else {
+            chunk.resize(1 + rng.bounded(700));
+            for (char &c : chunk)
+                c = char(rng.bounded(256));
+            chunk.replace(QByteArray(2, CAN), QByteArray("\x18x"));  // a cancel would end it too early
+        }
+        fedBytes += chunk.size();
+        a = settle(codec.onBytes(chunk, now));
+        // The guarantee that matters: a running codec always has a deadline,
+        // so no input can leave a transfer hanging.
+        QVERIFY2(codec.isEnded() || a.wantsWake(), qPrintable(QStringLiteral("no deadline, seed %1").arg(seed)));
+        now += rng.bounded(3000);
+        a = settle(codec.tick(now));
+        QVERIFY2(codec.isEnded() || a.wantsWake(), qPrintable(QStringLiteral("no deadline, seed %1").arg(seed)));
+    }
+    QVERIFY(sink.data.size() <= fedBytes);
+    QVERIFY(codec.progress().totalRetries >= 0);
 }
 
 QTEST_GUILESS_MAIN(TestXmodemCodec)
