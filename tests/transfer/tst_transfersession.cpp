@@ -81,8 +81,6 @@ private slots:
     void receivedNamesAreMadeSafe_data();
     void receivedNamesAreMadeSafe();
     void takenNamesGetNumbers();
-    void senderTimesAreKeptOnlyWhenPlausible_data();
-    void senderTimesAreKeptOnlyWhenPlausible();
     void ymodemReceptionNamesTheFileItSaved();
     void failedReceptionKeepsWhatArrivedAside();
     void successSummaryGivesBytesTimeRateAndRetries();
@@ -130,25 +128,6 @@ void TestTransferSession::takenNamesGetNumbers()
     QCOMPARE(XferFileSink::freeName(dir.path(), "README"), QStringLiteral("README (1)"));
     QCOMPARE(XferFileSink::freeName(dir.path(), ".profile"), QStringLiteral(".profile (1)"));
     QCOMPARE(XferFileSink::freeName(dir.path(), "new.bin"), QStringLiteral("new.bin"));
-}
-
-void TestTransferSession::senderTimesAreKeptOnlyWhenPlausible_data()
-{
-    QTest::addColumn<qint64>("time");
-    QTest::addColumn<bool>("kept");
-    const QDateTime now(QDate(2026, 1, 1), QTime(0, 0));
-    QTest::newRow("1990") << QDateTime(QDate(1990, 6, 1), QTime(0, 0)).toSecsSinceEpoch() << false;
-    QTest::newRow("first second of 2000") << qint64(946684800) << true;
-    QTest::newRow("2021") << qint64(1620000000) << true;
-    QTest::newRow("nine years ahead") << now.addYears(9).toSecsSinceEpoch() << true;
-    QTest::newRow("eleven years ahead") << now.addYears(11).toSecsSinceEpoch() << false;
-}
-
-void TestTransferSession::senderTimesAreKeptOnlyWhenPlausible()
-{
-    QFETCH(qint64, time);
-    QFETCH(bool, kept);
-    QCOMPARE(XferFileSink::plausibleModificationTime(time, QDateTime(QDate(2026, 1, 1), QTime(0, 0))), kept);
 }
 
 void TestTransferSession::ymodemReceptionNamesTheFileItSaved()
