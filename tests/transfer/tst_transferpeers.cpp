@@ -16,13 +16,39 @@ namespace {
 constexpr int kTransferTimeoutMs = 60000;
 const QDateTime kSourceTime = QDateTime::fromSecsSinceEpoch(1620000000);  // May 2021
 
+// Line noise on one direction of the link: flips one bit in every n-th
+// block-sized chunk (past its first three bytes, so the block is still
+// recognised as one and answered at once), a bounded number of times.
+struct LineNoise
+{
+    explicit LineNoise(quint32 seed = 0, int faults = 0) : rng(seed), faultsLeft(faults) {}
+
+    QByteArray apply(QByteArray chunk)
+    {
+        if (faultsLeft <= 0 || chunk.size() < 133 || ++chunks % 7 != 0)
+            return chunk;
+        --faultsLeft;
+        const qsizetype at = 3 + rng.bounded(chunk.size() - 3);
+        chunk[at] = char(chunk.at(at) ^ (1 << rng.bounded(8)));
+        return chunk;
+    }
+
+    QRandomGenerator rng;
+    int faultsLeft;
+    int chunks = 0;
+};
+
 // The test's side of the link: any open QIODevice as the session's port.
 class DevicePort : public XferPort
 {
 public:
     explicit DevicePort(QIODevice *device) : m_device(device) {}
 
-    bool write(const QByteArray &bytes) override { return m_device->write(bytes) == bytes.size(); }
+    bool write(const QByteArray &bytes) override
+    {
+        const QByteArray out = outgoingNoise ? outgoingNoise->apply(bytes) : bytes;
+        return m_device->write(out) == out.size();
+    }
     qint64 bytesToWrite() const override { return m_device->bytesToWrite(); }
     bool isOpen() const override { return m_device->isOpen(); }
     void lock(bool on) override { locks << on; }
@@ -30,15 +56,17 @@ public:
 
     QList<bool> locks;
     QStringList notes;
+    LineNoise *outgoingNoise = nullptr;
 
 private:
     QIODevice *m_device;
 };
 
-void attach(QIODevice *device, FileTransferSession *session)
+void attach(QIODevice *device, FileTransferSession *session, LineNoise *incomingNoise)
 {
-    QObject::connect(device, &QIODevice::readyRead, session, [device, session] {
-        session->feedReceived(device->readAll());
+    QObject::connect(device, &QIODevice::readyRead, session, [device, session, incomingNoise] {
+        const QByteArray bytes = device->readAll();
+        session->feedReceived(incomingNoise ? incomingNoise->apply(bytes) : bytes);
     });
     QObject::connect(device, &QIODevice::bytesWritten, session, &FileTransferSession::onPortBytesWritten);
 }
@@ -83,6 +111,8 @@ private slots:
     void sendToLrzsz();
     void receiveFromLrzsz_data();
     void receiveFromLrzsz();
+    void noisyLineRecoversWithRetries_data();
+    void noisyLineRecoversWithRetries();
 
 private:
     void addRows(bool sending);
@@ -91,7 +121,8 @@ private:
     bool startPeer(QProcess &socat, const QString &address, const QString &folder, const QString &command);
     // Runs one transfer; the session is created once the link is up.
     void runTransfer(const QString &transport, const QString &peerCommand, const QString &peerFolder,
-                     const FileTransferSession::Request &request, bool *success, QString *summary);
+                     const FileTransferSession::Request &request, bool *success, QString *summary,
+                     LineNoise *noise = nullptr, int *retries = nullptr);
 
     QTemporaryDir m_scripts;
     QString m_statusFile;
@@ -178,7 +209,8 @@ bool TestTransferPeers::startPeer(QProcess &socat, const QString &address, const
 }
 
 void TestTransferPeers::runTransfer(const QString &transport, const QString &peerCommand, const QString &peerFolder,
-                                    const FileTransferSession::Request &request, bool *success, QString *summary)
+                                    const FileTransferSession::Request &request, bool *success, QString *summary,
+                                    LineNoise *noise, int *retries)
 {
     QProcess socat;
     std::unique_ptr<QIODevice> device;
@@ -202,8 +234,10 @@ void TestTransferPeers::runTransfer(const QString &transport, const QString &pee
     }
 
     DevicePort port(device.get());
+    const bool sending = request.direction == FileTransferSession::Direction::Send;
+    port.outgoingNoise = sending ? noise : nullptr;
     FileTransferSession session(&port, request);
-    attach(device.get(), &session);
+    attach(device.get(), &session, sending ? nullptr : noise);
     QSignalSpy finished(&session, &FileTransferSession::finished);
     session.start();
     QElapsedTimer clock;
@@ -214,6 +248,8 @@ void TestTransferPeers::runTransfer(const QString &transport, const QString &pee
     qInfo("%s: %lld ms", QTest::currentDataTag(), clock.elapsed());
     *success = finished.at(0).at(0).toBool();
     *summary = finished.at(0).at(1).toString();
+    if (retries)
+        *retries = session.progressSnapshot().totalRetries;
     QCOMPARE(port.locks, (QList<bool>{true, false}));
     QCOMPARE(port.notes.last(), *summary);
     // lrzsz leaves by itself once it has our last answer, and says whether
@@ -330,6 +366,68 @@ void TestTransferPeers::receiveFromLrzsz()
     } else {
         QCOMPARE(got, xmodemPadded(data, peerOptions.contains(QLatin1String("-k"))));
     }
+}
+
+void TestTransferPeers::noisyLineRecoversWithRetries_data()
+{
+    QTest::addColumn<bool>("sending");
+    QTest::addColumn<int>("protocol");
+    QTest::addColumn<QString>("peerOptions");
+    QTest::addColumn<quint32>("seed");
+    const quint32 seed = QRandomGenerator::global()->generate();
+    QTest::addRow("to rx, XMODEM-CRC, seed %u", seed) << true << 1 << "-c" << seed;
+    QTest::addRow("to rb, YMODEM, seed %u", seed + 1) << true << 3 << "" << seed + 1;
+    QTest::addRow("from sx, XMODEM-1K, seed %u", seed + 2) << false << 2 << "-k" << seed + 2;
+    QTest::addRow("from sb, YMODEM, seed %u", seed + 3) << false << 3 << "-k" << seed + 3;
+}
+
+// Flipped bits on the way to lrzsz (it asks again) or on the way to us (we
+// ask again): the file still arrives whole, and the retries show.
+void TestTransferPeers::noisyLineRecoversWithRetries()
+{
+    QFETCH(bool, sending);
+    QFETCH(int, protocol);
+    QFETCH(QString, peerOptions);
+    QFETCH(quint32, seed);
+    const XmodemVariant v = XmodemVariant(protocol);
+    const bool ymodem = isYmodemVariant(v);
+    QTemporaryDir src, dst;
+    const QByteArray data = pattern(64 * 1024 + 77);
+    {
+        QFile f(src.filePath(QStringLiteral("noisy.bin")));
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        QCOMPARE(f.write(data), qint64(data.size()));
+    }
+    FileTransferSession::Request request;
+    request.protocol = v;
+    QString command;
+    QString folder;
+    if (sending) {
+        request.filePath = src.filePath(QStringLiteral("noisy.bin"));
+        command = ymodem ? QStringLiteral("rb -q") : QStringLiteral("rx -q %1 noisy.bin").arg(peerOptions);
+        folder = dst.path();
+    } else {
+        request.direction = FileTransferSession::Direction::Receive;
+        request.folder = dst.path();
+        request.fileName = QStringLiteral("noisy.bin");
+        command = QStringLiteral("%1 -q %2 noisy.bin").arg(ymodem ? QStringLiteral("sb") : QStringLiteral("sx"), peerOptions);
+        folder = src.path();
+    }
+    LineNoise noise(seed, 5);
+    bool ok = false;
+    QString summary;
+    int retries = 0;
+    runTransfer(QStringLiteral("tcp"), command, folder, request, &ok, &summary, &noise, &retries);
+    if (QTest::currentTestFailed())
+        return;
+    QVERIFY2(ok, qPrintable(summary));
+    QCOMPARE(noise.faultsLeft, 0);
+    QVERIFY2(retries >= 5 || sending, qPrintable(summary));  // each damaged block cost us a request
+    QFile in(dst.filePath(QStringLiteral("noisy.bin")));
+    QVERIFY(in.open(QIODevice::ReadOnly));
+    const QByteArray got = in.readAll();
+    QCOMPARE(got.left(data.size()), data);
+    QCOMPARE(got.size(), ymodem ? data.size() : xmodemPadded(data, v == XmodemVariant::Xmodem1K || !sending).size());
 }
 
 QTEST_GUILESS_MAIN(TestTransferPeers)
