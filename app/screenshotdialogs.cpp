@@ -4,6 +4,7 @@
 #include "tools/asciicode.h"
 #include "tools/modbusbuilderdialog.h"
 #include "tools/toolbox.h"
+#include "transfer/filetransferdialog.h"
 
 #include <QSettings>
 
@@ -25,6 +26,11 @@ ScreenshotDialogs ScreenshotDialogs::standard()
     });
     table.add(QStringLiteral("ascii"), [](QWidget *parent) -> QWidget * { return new AsciiCode(parent); });
     table.add(QStringLiteral("modbus"), [](QWidget *parent) -> QWidget * { return new ModbusBuilderDialog(parent); });
+    table.add(QStringLiteral("file-transfer"), [](QWidget *parent) -> QWidget * {
+        ConnectionConfig config;
+        config.portName = QStringLiteral("ttyUSB0");
+        return new FileTransferDialog(FileTransferSession::Direction::Receive, config, nullptr, parent);
+    });
     return table;
 }
 
