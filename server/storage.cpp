@@ -26,6 +26,12 @@ qint64 nullableId(const QVariant &value)
     return value.isNull() ? 0 : value.toLongLong();
 }
 
+// A null QString binds as SQL NULL; texts of ours are never NULL.
+QString text(const QString &value)
+{
+    return value.isNull() ? QStringLiteral("") : value;
+}
+
 QVariant idOrNull(qint64 id)
 {
     return id > 0 ? QVariant(id) : QVariant(QMetaType(QMetaType::LongLong));
@@ -382,7 +388,7 @@ bool Storage::insertDevice(qint64 userId, DeviceRow &device)
     q.addBindValue(userId);
     q.addBindValue(device.cid);
     q.addBindValue(device.name);
-    q.addBindValue(device.clientVersion);
+    q.addBindValue(text(device.clientVersion));
     q.addBindValue(device.boundAt);
     q.addBindValue(device.lastSeenAt);
     if (!run(q, "insert device") || !q.next())
@@ -394,7 +400,7 @@ bool Storage::insertDevice(qint64 userId, DeviceRow &device)
 bool Storage::touchDevice(qint64 deviceId, const QString &clientVersion, qint64 now)
 {
     QSqlQuery q = prepare(QStringLiteral("UPDATE devices SET client_version = ?, last_seen_at = ? WHERE id = ?"));
-    q.addBindValue(clientVersion);
+    q.addBindValue(text(clientVersion));
     q.addBindValue(now);
     q.addBindValue(deviceId);
     return run(q, "touch device");
