@@ -8,7 +8,7 @@
 class PasswordHasher
 {
 public:
-    // 60000 iterations cost about 60 ms of one core here: affordable on a
+    // 60000 iterations cost about 65 ms of one core here: affordable on a
     // 2-core machine under sign-in bursts (sign-in attempts are limited),
     // costly for an offline guesser.
     static constexpr int kDefaultIterations = 60000;

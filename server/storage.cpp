@@ -107,6 +107,21 @@ bool Storage::open(const QString &database, QString *error)
 bool Storage::migrate(QString *error)
 {
     QSqlQuery query(m_db);
+    // Instances starting together on one PostgreSQL migrate one at a time;
+    // the lock ends with the session at the latest.
+    if (m_dialect == SqlDialect::Postgres && !query.exec(QStringLiteral("SELECT pg_advisory_lock(7473251)"))) {
+        *error = query.lastError().text();
+        return false;
+    }
+    const bool ok = migrateLocked(error);
+    if (m_dialect == SqlDialect::Postgres)
+        query.exec(QStringLiteral("SELECT pg_advisory_unlock(7473251)"));
+    return ok;
+}
+
+bool Storage::migrateLocked(QString *error)
+{
+    QSqlQuery query(m_db);
     if (!query.exec(QStringLiteral("CREATE TABLE IF NOT EXISTS schema_migrations ("
                                    " version INTEGER PRIMARY KEY, applied_at BIGINT NOT NULL)"))) {
         *error = query.lastError().text();

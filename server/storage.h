@@ -151,6 +151,7 @@ public:
 
 private:
     bool migrate(QString *error);
+    bool migrateLocked(QString *error);
     bool run(QSqlQuery &query, const char *what);
     QSqlQuery prepare(const QString &sql);
 
