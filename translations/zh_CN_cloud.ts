@@ -2,6 +2,89 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="zh_CN" sourcelanguage="en">
 <context>
+    <name>AccountDialog</name>
+    <message>
+        <source>Account</source>
+        <translation>账户</translation>
+    </message>
+    <message>
+        <source>Server</source>
+        <translation>服务器</translation>
+    </message>
+    <message>
+        <source>Keep me signed in</source>
+        <translation>保持登录</translation>
+    </message>
+    <message>
+        <source>Sign In</source>
+        <translation>登录</translation>
+    </message>
+    <message>
+        <source>Email</source>
+        <translation>电子邮箱</translation>
+    </message>
+    <message>
+        <source>Password</source>
+        <translation>密码</translation>
+    </message>
+    <message>
+        <source>Send Code</source>
+        <translation>发送验证码</translation>
+    </message>
+    <message>
+        <source>Register</source>
+        <translation>注册</translation>
+    </message>
+    <message>
+        <source>Username</source>
+        <translation>用户名</translation>
+    </message>
+    <message>
+        <source>Confirm</source>
+        <translation>确认密码</translation>
+    </message>
+    <message>
+        <source>Code</source>
+        <translation>验证码</translation>
+    </message>
+    <message>
+        <source>Please enter an email address.</source>
+        <translation>请输入电子邮箱地址。</translation>
+    </message>
+    <message>
+        <source>Sending the code…</source>
+        <translation>正在发送验证码…</translation>
+    </message>
+    <message>
+        <source>Please enter your email and password.</source>
+        <translation>请输入电子邮箱和密码。</translation>
+    </message>
+    <message>
+        <source>Signing in…</source>
+        <translation>正在登录…</translation>
+    </message>
+    <message>
+        <source>Passwords do not match.</source>
+        <translation>两次输入的密码不一致。</translation>
+    </message>
+    <message>
+        <source>Creating the account…</source>
+        <translation>正在创建账户…</translation>
+    </message>
+    <message>
+        <source>Request completed.</source>
+        <translation>请求已完成。</translation>
+    </message>
+    <message>
+        <source>Request failed.</source>
+        <translation>请求失败。</translation>
+    </message>
+    <message>
+        <source>No reply from the server. Please try again.</source>
+        <translation>服务器没有回复。请重试。</translation>
+    </message>
+</context>
+<context>
     <name>AccountReplyHandler</name>
     <message>
         <source>My Account</source>
