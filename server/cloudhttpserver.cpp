@@ -147,16 +147,20 @@ quint16 CloudHttpServer::start(const QHostAddress &address, quint16 port, QStrin
                 continue;
             socket->setProperty("tsl.guarded", true);
             new ConnectionGuard(socket, m_limits);
-            ++m_openConnections;
-            connect(socket, &QObject::destroyed, tcp, [this, tcp] {
-                if (--m_openConnections < m_limits.maxConnections)
-                    tcp->resumeAccepting();
-            });
         }
-        // At the limit new connections wait in the kernel's backlog.
-        if (m_openConnections >= m_limits.maxConnections) {
+        // At the limit new connections wait in the kernel's backlog; the
+        // count is of live sockets, so nothing has to report its end.
+        if (sockets.size() >= m_limits.maxConnections && tcp->isListening()) {
             qCWarning(lcHttp) << "connection limit reached; accepting paused";
             tcp->pauseAccepting();
+            auto *check = new QTimer(tcp);
+            connect(check, &QTimer::timeout, tcp, [this, tcp, check] {
+                if (tcp->findChildren<QTcpSocket *>(Qt::FindDirectChildrenOnly).size() < m_limits.maxConnections) {
+                    tcp->resumeAccepting();
+                    check->deleteLater();
+                }
+            });
+            check->start(1000);
         }
     });
     bind(tcp);

@@ -47,5 +47,4 @@ private:
     ApiRouter &m_router;
     HttpLimits m_limits;
     QHash<QString, SocketEndpoint> m_socketEndpoints;
-    int m_openConnections = 0;
 };
