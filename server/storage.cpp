@@ -46,6 +46,7 @@ Storage::Storage()
 
 Storage::~Storage()
 {
+    m_statements.clear();
     if (m_db.isValid()) {
         m_db.close();
         m_db = QSqlDatabase();
@@ -174,11 +175,30 @@ int Storage::schemaVersion()
     return query.value(0).toInt();
 }
 
-QSqlQuery Storage::prepare(const QString &sql)
+QSqlQuery &Storage::prepare(const QString &sql)
 {
-    QSqlQuery query(m_db);
-    query.prepare(sql);
-    return query;
+    // Statements are prepared once per connection: on PostgreSQL each
+    // fresh prepare costs a round trip of its own, and another to drop it.
+    // Whatever an earlier statement still holds open is released first, so
+    // no read snapshot lingers.
+    releaseStatements();
+    auto found = m_statements.find(sql);
+    if (found != m_statements.end())
+        return *found->second;
+    auto query = std::make_unique<QSqlQuery>(m_db);
+    query->setForwardOnly(true);
+    query->prepare(sql);
+    QSqlQuery &stored = *query;
+    m_statements.emplace(sql, std::move(query));
+    return stored;
+}
+
+void Storage::releaseStatements()
+{
+    for (auto &entry : m_statements) {
+        if (entry.second->isActive())
+            entry.second->finish();
+    }
 }
 
 bool Storage::run(QSqlQuery &query, const char *what)
@@ -191,6 +211,7 @@ bool Storage::run(QSqlQuery &query, const char *what)
 
 bool Storage::begin()
 {
+    releaseStatements();
     if (m_db.transaction())
         return true;
     qCWarning(lcStore) << "begin failed:" << m_db.lastError().text();
@@ -199,6 +220,7 @@ bool Storage::begin()
 
 bool Storage::commit()
 {
+    releaseStatements();
     if (m_db.commit())
         return true;
     qCWarning(lcStore) << "commit failed:" << m_db.lastError().text();
@@ -208,6 +230,7 @@ bool Storage::commit()
 
 void Storage::rollback()
 {
+    releaseStatements();
     m_db.rollback();
 }
 
@@ -223,7 +246,7 @@ UserRow userFrom(const QSqlQuery &q)
 
 Storage::Found Storage::userByEmail(const QString &email, UserRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "SELECT id, email, username, password_hash, state, created_at FROM users WHERE email = ?"));
     q.addBindValue(email);
     if (!run(q, "user by email"))
@@ -236,7 +259,7 @@ Storage::Found Storage::userByEmail(const QString &email, UserRow &out)
 
 Storage::Found Storage::userById(qint64 id, UserRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "SELECT id, email, username, password_hash, state, created_at FROM users WHERE id = ?"));
     q.addBindValue(id);
     if (!run(q, "user by id"))
@@ -249,7 +272,7 @@ Storage::Found Storage::userById(qint64 id, UserRow &out)
 
 bool Storage::insertUser(UserRow &user)
 {
-    QSqlQuery q = prepare(QStringLiteral("INSERT INTO users (email, username, password_hash, state, created_at)"
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO users (email, username, password_hash, state, created_at)"
                                          " VALUES (?, ?, ?, ?, ?) RETURNING id"));
     q.addBindValue(user.email);
     q.addBindValue(user.username);
@@ -264,7 +287,7 @@ bool Storage::insertUser(UserRow &user)
 
 bool Storage::setUserState(const QString &email, const QString &state)
 {
-    QSqlQuery q = prepare(QStringLiteral("UPDATE users SET state = ? WHERE email = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE users SET state = ? WHERE email = ?"));
     q.addBindValue(state);
     q.addBindValue(email);
     return run(q, "set user state") && q.numRowsAffected() == 1;
@@ -272,7 +295,7 @@ bool Storage::setUserState(const QString &email, const QString &state)
 
 bool Storage::pendingUsers(QList<UserRow> &out)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT id, email, username, password_hash, state, created_at"
+    QSqlQuery &q = prepare(QStringLiteral("SELECT id, email, username, password_hash, state, created_at"
                                          " FROM users WHERE state = 'pending' ORDER BY id"));
     if (!run(q, "pending users"))
         return false;
@@ -285,7 +308,7 @@ bool Storage::pendingUsers(QList<UserRow> &out)
 
 Storage::Found Storage::codeFor(const QString &email, CodeRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "SELECT code_hash, expires_at, tries_left, sent_at FROM registration_codes WHERE email = ?"));
     q.addBindValue(email);
     if (!run(q, "code for"))
@@ -298,7 +321,7 @@ Storage::Found Storage::codeFor(const QString &email, CodeRow &out)
 
 bool Storage::putCode(const QString &email, const CodeRow &code)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "INSERT INTO registration_codes (email, code_hash, expires_at, tries_left, sent_at)"
         " VALUES (?, ?, ?, ?, ?) ON CONFLICT (email) DO UPDATE SET code_hash = excluded.code_hash,"
         " expires_at = excluded.expires_at, tries_left = excluded.tries_left, sent_at = excluded.sent_at"));
@@ -312,7 +335,7 @@ bool Storage::putCode(const QString &email, const CodeRow &code)
 
 bool Storage::setCodeTries(const QString &email, int triesLeft)
 {
-    QSqlQuery q = prepare(QStringLiteral("UPDATE registration_codes SET tries_left = ? WHERE email = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE registration_codes SET tries_left = ? WHERE email = ?"));
     q.addBindValue(triesLeft);
     q.addBindValue(email);
     return run(q, "set code tries");
@@ -320,14 +343,14 @@ bool Storage::setCodeTries(const QString &email, int triesLeft)
 
 bool Storage::deleteCode(const QString &email)
 {
-    QSqlQuery q = prepare(QStringLiteral("DELETE FROM registration_codes WHERE email = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM registration_codes WHERE email = ?"));
     q.addBindValue(email);
     return run(q, "delete code");
 }
 
 bool Storage::countCodes(qint64 now, int &count)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT COUNT(*) FROM registration_codes WHERE expires_at >= ?"));
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM registration_codes WHERE expires_at >= ?"));
     q.addBindValue(now);
     if (!run(q, "count codes") || !q.next())
         return false;
@@ -341,7 +364,7 @@ bool Storage::recordFailure(const QString &bucket, qint64 now, qint64 windowMs)
 {
     // A bucket counts failures from its window's start; once the window
     // has passed, the next failure opens a new one.
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "INSERT INTO attempts (bucket, window_start, failures) VALUES (?, ?, 1)"
         " ON CONFLICT (bucket) DO UPDATE SET"
         " failures = CASE WHEN attempts.window_start < ? THEN 1 ELSE attempts.failures + 1 END,"
@@ -356,7 +379,7 @@ bool Storage::recordFailure(const QString &bucket, qint64 now, qint64 windowMs)
 
 bool Storage::failuresSince(const QString &bucket, qint64 windowStart, int &failures)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT failures FROM attempts WHERE bucket = ? AND window_start >= ?"));
+    QSqlQuery &q = prepare(QStringLiteral("SELECT failures FROM attempts WHERE bucket = ? AND window_start >= ?"));
     q.addBindValue(bucket);
     q.addBindValue(windowStart);
     if (!run(q, "failures since"))
@@ -367,7 +390,7 @@ bool Storage::failuresSince(const QString &bucket, qint64 windowStart, int &fail
 
 bool Storage::clearFailures(const QString &bucket)
 {
-    QSqlQuery q = prepare(QStringLiteral("DELETE FROM attempts WHERE bucket = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM attempts WHERE bucket = ?"));
     q.addBindValue(bucket);
     return run(q, "clear failures");
 }
@@ -384,7 +407,7 @@ DeviceRow deviceFrom(const QSqlQuery &q)
 
 Storage::Found Storage::deviceByName(qint64 userId, const QString &name, DeviceRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT id, cid, name, client_version, bound_at, last_seen_at"
+    QSqlQuery &q = prepare(QStringLiteral("SELECT id, cid, name, client_version, bound_at, last_seen_at"
                                          " FROM devices WHERE user_id = ? AND name = ?"));
     q.addBindValue(userId);
     q.addBindValue(name);
@@ -398,7 +421,7 @@ Storage::Found Storage::deviceByName(qint64 userId, const QString &name, DeviceR
 
 bool Storage::insertDevice(qint64 userId, DeviceRow &device)
 {
-    QSqlQuery q = prepare(QStringLiteral("INSERT INTO devices (user_id, cid, name, client_version, bound_at,"
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO devices (user_id, cid, name, client_version, bound_at,"
                                          " last_seen_at) VALUES (?, ?, ?, ?, ?, ?) RETURNING id"));
     q.addBindValue(userId);
     q.addBindValue(device.cid);
@@ -414,7 +437,7 @@ bool Storage::insertDevice(qint64 userId, DeviceRow &device)
 
 bool Storage::touchDevice(qint64 deviceId, const QString &clientVersion, qint64 now)
 {
-    QSqlQuery q = prepare(QStringLiteral("UPDATE devices SET client_version = ?, last_seen_at = ? WHERE id = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE devices SET client_version = ?, last_seen_at = ? WHERE id = ?"));
     q.addBindValue(text(clientVersion));
     q.addBindValue(now);
     q.addBindValue(deviceId);
@@ -423,7 +446,7 @@ bool Storage::touchDevice(qint64 deviceId, const QString &clientVersion, qint64 
 
 bool Storage::devices(qint64 userId, QList<DeviceRow> &out)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT id, cid, name, client_version, bound_at, last_seen_at"
+    QSqlQuery &q = prepare(QStringLiteral("SELECT id, cid, name, client_version, bound_at, last_seen_at"
                                          " FROM devices WHERE user_id = ? ORDER BY id"));
     q.addBindValue(userId);
     if (!run(q, "devices"))
@@ -435,7 +458,7 @@ bool Storage::devices(qint64 userId, QList<DeviceRow> &out)
 
 bool Storage::countDevices(qint64 userId, int &count)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT COUNT(*) FROM devices WHERE user_id = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM devices WHERE user_id = ?"));
     q.addBindValue(userId);
     if (!run(q, "count devices") || !q.next())
         return false;
@@ -445,7 +468,7 @@ bool Storage::countDevices(qint64 userId, int &count)
 
 bool Storage::deleteDevice(qint64 userId, qint64 deviceId, bool &deleted)
 {
-    QSqlQuery q = prepare(QStringLiteral("DELETE FROM devices WHERE user_id = ? AND id = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM devices WHERE user_id = ? AND id = ?"));
     q.addBindValue(userId);
     q.addBindValue(deviceId);
     if (!run(q, "delete device"))
@@ -458,7 +481,7 @@ bool Storage::deleteDevice(qint64 userId, qint64 deviceId, bool &deleted)
 
 bool Storage::insertSession(qint64 userId, qint64 deviceId, qint64 now, qint64 &sessionId)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "INSERT INTO sessions (user_id, device_id, created_at) VALUES (?, ?, ?) RETURNING id"));
     q.addBindValue(userId);
     q.addBindValue(idOrNull(deviceId));
@@ -471,7 +494,7 @@ bool Storage::insertSession(qint64 userId, qint64 deviceId, qint64 now, qint64 &
 
 bool Storage::setSessionDevice(qint64 sessionId, qint64 deviceId)
 {
-    QSqlQuery q = prepare(QStringLiteral("UPDATE sessions SET device_id = ? WHERE id = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE sessions SET device_id = ? WHERE id = ?"));
     q.addBindValue(idOrNull(deviceId));
     q.addBindValue(sessionId);
     return run(q, "set session device");
@@ -479,14 +502,14 @@ bool Storage::setSessionDevice(qint64 sessionId, qint64 deviceId)
 
 bool Storage::deleteSession(qint64 sessionId)
 {
-    QSqlQuery q = prepare(QStringLiteral("DELETE FROM sessions WHERE id = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM sessions WHERE id = ?"));
     q.addBindValue(sessionId);
     return run(q, "delete session");
 }
 
 bool Storage::trimSessions(qint64 userId, int keep)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "DELETE FROM sessions WHERE user_id = ? AND id NOT IN"
         " (SELECT id FROM sessions WHERE user_id = ? ORDER BY id DESC LIMIT ?)"));
     q.addBindValue(userId);
@@ -497,7 +520,7 @@ bool Storage::trimSessions(qint64 userId, int keep)
 
 bool Storage::insertRefreshToken(qint64 sessionId, const QString &hash, qint64 now, qint64 expiresAt)
 {
-    QSqlQuery q = prepare(QStringLiteral("INSERT INTO refresh_tokens (session_id, token_hash, created_at,"
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO refresh_tokens (session_id, token_hash, created_at,"
                                          " expires_at) VALUES (?, ?, ?, ?)"));
     q.addBindValue(sessionId);
     q.addBindValue(hash);
@@ -508,7 +531,7 @@ bool Storage::insertRefreshToken(qint64 sessionId, const QString &hash, qint64 n
 
 Storage::Found Storage::refreshToken(const QString &hash, RefreshRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "SELECT r.id, r.session_id, s.user_id, s.device_id, r.expires_at, r.rotated_at"
         " FROM refresh_tokens r JOIN sessions s ON s.id = r.session_id WHERE r.token_hash = ?"));
     q.addBindValue(hash);
@@ -524,7 +547,7 @@ Storage::Found Storage::refreshToken(const QString &hash, RefreshRow &out)
 bool Storage::rotateRefreshToken(qint64 tokenId, qint64 now, bool &won)
 {
     // Conditional, so two instances racing on one token cannot both win.
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "UPDATE refresh_tokens SET rotated_at = ? WHERE id = ? AND rotated_at IS NULL"));
     q.addBindValue(now);
     q.addBindValue(tokenId);
@@ -536,7 +559,7 @@ bool Storage::rotateRefreshToken(qint64 tokenId, qint64 now, bool &won)
 
 bool Storage::trimRotated(qint64 sessionId, int keep)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "DELETE FROM refresh_tokens WHERE session_id = ? AND rotated_at IS NOT NULL AND id NOT IN"
         " (SELECT id FROM refresh_tokens WHERE session_id = ? AND rotated_at IS NOT NULL"
         " ORDER BY id DESC LIMIT ?)"));
@@ -548,7 +571,7 @@ bool Storage::trimRotated(qint64 sessionId, int keep)
 
 bool Storage::insertAccessToken(qint64 sessionId, const QString &hash, qint64 expiresAt)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "INSERT INTO access_tokens (token_hash, session_id, expires_at) VALUES (?, ?, ?)"));
     q.addBindValue(hash);
     q.addBindValue(sessionId);
@@ -558,7 +581,7 @@ bool Storage::insertAccessToken(qint64 sessionId, const QString &hash, qint64 ex
 
 Storage::Found Storage::accessToken(const QString &hash, AccessRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "SELECT a.session_id, s.user_id, s.device_id, a.expires_at"
         " FROM access_tokens a JOIN sessions s ON s.id = a.session_id WHERE a.token_hash = ?"));
     q.addBindValue(hash);
@@ -583,7 +606,7 @@ SyncItemRow itemFrom(const QSqlQuery &q)
 
 bool Storage::syncItems(qint64 userId, const QString &ns, QList<SyncItemRow> &out)
 {
-    QSqlQuery q = prepare(ns.isEmpty()
+    QSqlQuery &q = prepare(ns.isEmpty()
                               ? QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
                                                " FROM sync_items WHERE user_id = ? ORDER BY namespace, item_key")
                               : QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
@@ -601,7 +624,7 @@ bool Storage::syncItems(qint64 userId, const QString &ns, QList<SyncItemRow> &ou
 
 Storage::Found Storage::syncItem(qint64 userId, const QString &ns, const QString &key, SyncItemRow &out)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
+    QSqlQuery &q = prepare(QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
                                          " FROM sync_items WHERE user_id = ? AND namespace = ? AND item_key = ?"));
     q.addBindValue(userId);
     q.addBindValue(ns);
@@ -620,7 +643,7 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
 {
     // The update is conditional on the base revision, so of two writers
     // with the same base exactly one wins, whichever instance serves them.
-    QSqlQuery update = prepare(QStringLiteral(
+    QSqlQuery &update = prepare(QStringLiteral(
         "UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
         " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ?"));
     update.addBindValue(payload);
@@ -644,13 +667,13 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
         break;
     }
     // A new item: whatever base the writer had, there is nothing to lose.
-    QSqlQuery count = prepare(QStringLiteral("SELECT COUNT(*) FROM sync_items WHERE user_id = ?"));
+    QSqlQuery &count = prepare(QStringLiteral("SELECT COUNT(*) FROM sync_items WHERE user_id = ?"));
     count.addBindValue(userId);
     if (!run(count, "count sync items") || !count.next())
         return SyncWrite::Error;
     if (count.value(0).toInt() >= maxItems)
         return SyncWrite::LimitReached;
-    QSqlQuery insert = prepare(QStringLiteral(
+    QSqlQuery &insert = prepare(QStringLiteral(
         "INSERT INTO sync_items (user_id, namespace, item_key, revision, payload, updated_at)"
         " VALUES (?, ?, ?, 1, ?, ?) ON CONFLICT (user_id, namespace, item_key) DO NOTHING"));
     insert.addBindValue(userId);
@@ -672,7 +695,7 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
 
 bool Storage::addTraffic(qint64 userId, const QString &month, qint64 bytes)
 {
-    QSqlQuery q = prepare(QStringLiteral(
+    QSqlQuery &q = prepare(QStringLiteral(
         "INSERT INTO traffic (user_id, month, bytes) VALUES (?, ?, ?)"
         " ON CONFLICT (user_id, month) DO UPDATE SET bytes = traffic.bytes + excluded.bytes"));
     q.addBindValue(userId);
@@ -683,7 +706,7 @@ bool Storage::addTraffic(qint64 userId, const QString &month, qint64 bytes)
 
 bool Storage::trafficOf(qint64 userId, const QString &month, qint64 &bytes)
 {
-    QSqlQuery q = prepare(QStringLiteral("SELECT bytes FROM traffic WHERE user_id = ? AND month = ?"));
+    QSqlQuery &q = prepare(QStringLiteral("SELECT bytes FROM traffic WHERE user_id = ? AND month = ?"));
     q.addBindValue(userId);
     q.addBindValue(month);
     if (!run(q, "traffic of"))
@@ -715,7 +738,7 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs)
     };
     bool ok = true;
     for (const Step &step : steps) {
-        QSqlQuery q = prepare(step.sql);
+        QSqlQuery &q = prepare(step.sql);
         q.addBindValue(step.bound);
         ok = run(q, step.what) && ok;
     }

@@ -4,9 +4,11 @@
 
 #include <QList>
 #include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QString>
 
-class QSqlQuery;
+#include <memory>
+#include <unordered_map>
 
 struct UserRow
 {
@@ -153,8 +155,10 @@ private:
     bool migrate(QString *error);
     bool migrateLocked(QString *error);
     bool run(QSqlQuery &query, const char *what);
-    QSqlQuery prepare(const QString &sql);
+    QSqlQuery &prepare(const QString &sql);
+    void releaseStatements();
 
+    std::unordered_map<QString, std::unique_ptr<QSqlQuery>> m_statements;
     QString m_connectionName;
     QSqlDatabase m_db;
     SqlDialect m_dialect = SqlDialect::Sqlite;
