@@ -1,0 +1,91 @@
+#pragma once
+
+#include "apireply.h"
+#include "servicetime.h"
+
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+
+#include <variant>
+
+class CodeMailer;
+class PasswordHasher;
+class Storage;
+struct UserRow;
+struct DeviceRow;
+
+// Limits and lifetimes of the account side; every bound on what peers can
+// make the service store is here.
+struct AccountPolicy
+{
+    qint64 accessTtlMs = 15 * 60 * 1000;
+    qint64 refreshTtlMs = 30LL * 24 * 3600 * 1000;
+    qint64 codeTtlMs = 10 * 60 * 1000;
+    int codeTries = 5;
+    qint64 codeResendMs = 60 * 1000;
+    int maxPendingCodes = 10000;           // beyond: "try_later"
+    int maxCodeRequestsPerAddress = 20;    // per attempt window
+    int maxFailuresPerAccount = 10;        // failed sign-ins per window
+    int maxFailuresPerAddress = 50;
+    qint64 attemptWindowMs = 15 * 60 * 1000;
+    int maxDevices = 20;                   // beyond: "device_limit_reached"
+    int maxSessions = 20;                  // beyond: the oldest sign-in ends
+    int keepRotatedTokens = 100;           // per session, for reuse detection
+    bool approvalMode = false;
+};
+
+// The signed-in caller of a request, as its access token says.
+struct Caller
+{
+    qint64 userId = 0;
+    qint64 sessionId = 0;
+    qint64 deviceId = 0;
+};
+
+// Registration, sign-in, tokens and devices. Knows nothing of HTTP: it takes
+// decoded bodies and answers envelopes of the "account" family.
+class AccountService
+{
+public:
+    AccountService(Storage &storage, const PasswordHasher &hasher, CodeMailer &mailer, AccountPolicy policy,
+                   ServiceClock clock);
+
+    ApiReply requestCode(const QJsonObject &body, const QString &remoteAddress);
+    ApiReply registerAccount(const QJsonObject &body, const QString &remoteAddress);
+    ApiReply login(const QJsonObject &body, const QString &remoteAddress);
+    ApiReply refresh(const QJsonObject &body);
+    ApiReply logout(const QJsonObject &body);
+
+    // The caller behind an "Authorization" header value, or the envelope
+    // (of family `type`) that refuses the request.
+    std::variant<Caller, ApiReply> authenticate(const QByteArray &authorization, const QString &type);
+
+    ApiReply me(const Caller &caller);
+    ApiReply devices(const Caller &caller);
+    ApiReply bindDevice(const Caller &caller, const QJsonObject &body);
+    ApiReply removeDevice(const Caller &caller, const QString &device);
+
+    // Administration from the command line.
+    bool approve(const QString &email);
+    bool pendingAccounts(QList<UserRow> &out);
+
+    static QString normaliseEmail(const QString &email);
+    static bool isValidEmail(const QString &email);
+
+private:
+    ApiReply issueSession(const UserRow &user, const QString &deviceName, const QString &clientVersion);
+    ApiReply tokenReply(const UserRow &user, qint64 sessionId, qint64 deviceId, qint64 now);
+    bool limitReached(const QString &bucket, int limit, qint64 now, bool &ok);
+    bool findOrBindDevice(qint64 userId, const QString &name, const QString &clientVersion, qint64 now,
+                          DeviceRow &device, bool &limitHit);
+    ApiReply signInEnded(const QString &code);
+
+    Storage &m_storage;
+    const PasswordHasher &m_hasher;
+    CodeMailer &m_mailer;
+    AccountPolicy m_policy;
+    ServiceClock m_clock;
+};
+
+QJsonObject deviceJson(const DeviceRow &device);

@@ -1,0 +1,102 @@
+// tessaline-cloud: the self-hostable cloud service of Tessaline.
+#include "accountservice.h"
+#include "cloudservice.h"
+#include "serviceconfig.h"
+#include "servicelog.h"
+#include "storage.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QProcessEnvironment>
+#include <QSocketNotifier>
+
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+void onSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const auto written = ::write(signalPipe[1], &byte, 1);
+}
+
+// SIGTERM and SIGINT end the event loop so the database is closed cleanly.
+void quitOnSignals(QCoreApplication &app)
+{
+    if (::pipe(signalPipe) != 0)
+        return;
+    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [&app] {
+        char byte;
+        [[maybe_unused]] const auto got = ::read(signalPipe[0], &byte, 1);
+        qCInfo(lcService) << "stopping";
+        app.quit();
+    });
+    std::signal(SIGTERM, onSignal);
+    std::signal(SIGINT, onSignal);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("tessaline-cloud"));
+    QCoreApplication::setApplicationVersion(QStringLiteral("6.6.7"));
+
+    QCommandLineParser parser;
+    ServiceOptions::declare(parser);
+    parser.process(app);
+
+    ServiceConfig config;
+    QString error;
+    if (!ServiceOptions::read(parser, QProcessEnvironment::systemEnvironment(), config, &error)) {
+        std::fprintf(stderr, "tessaline-cloud: %s\n", qPrintable(error));
+        return 2;
+    }
+    ServiceLog::install(config.logLevel);
+
+    if (!config.approveEmail.isEmpty() || config.listPending) {
+        // Administration runs against the database without listening.
+        Storage storage;
+        if (!storage.open(config.database, &error)) {
+            qCCritical(lcService).noquote() << "cannot open the database:" << error;
+            return 1;
+        }
+        if (config.listPending) {
+            QList<UserRow> users;
+            if (!storage.pendingUsers(users))
+                return 1;
+            for (const UserRow &user : std::as_const(users))
+                std::printf("%s\t%s\n", qPrintable(user.email), qPrintable(user.username));
+            return 0;
+        }
+        if (!storage.setUserState(config.approveEmail, QStringLiteral("active"))) {
+            qCCritical(lcService).noquote() << "no account" << config.approveEmail;
+            return 1;
+        }
+        qCInfo(lcService).noquote() << "approved" << config.approveEmail;
+        return 0;
+    }
+
+    CloudService service;
+    if (!service.start(config, &error)) {
+        qCCritical(lcService).noquote() << "cannot start:" << error;
+        return 1;
+    }
+    qCInfo(lcService).noquote() << QStringLiteral("listening on %1:%2, database %3%4%5")
+                                       .arg(config.listenAddress.toString())
+                                       .arg(service.port())
+                                       .arg(config.database.startsWith(QLatin1String("postgres"))
+                                                ? QStringLiteral("PostgreSQL")
+                                                : config.database,
+                                            config.smtp.isConfigured() ? QStringLiteral(", codes by SMTP")
+                                                                       : QStringLiteral(", codes in this log"),
+                                            config.approvalMode ? QStringLiteral(", approval mode") : QString());
+    quitOnSignals(app);
+    return app.exec();
+}

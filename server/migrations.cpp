@@ -1,0 +1,88 @@
+#include "migrations.h"
+
+namespace {
+
+// The few words the two databases spell differently.
+QString dialectText(QString sql, SqlDialect dialect)
+{
+    const bool pg = dialect == SqlDialect::Postgres;
+    sql.replace(QLatin1String("%ID%"), pg ? QLatin1String("BIGSERIAL PRIMARY KEY")
+                                          : QLatin1String("INTEGER PRIMARY KEY AUTOINCREMENT"));
+    return sql;
+}
+
+} // namespace
+
+QList<Migration> migrations(SqlDialect dialect)
+{
+    QList<Migration> steps = {
+        {1,
+         {
+             QStringLiteral("CREATE TABLE users ("
+                            " id %ID%,"
+                            " email TEXT NOT NULL UNIQUE,"
+                            " username TEXT NOT NULL,"
+                            " password_hash TEXT NOT NULL,"
+                            " state TEXT NOT NULL,"
+                            " created_at BIGINT NOT NULL)"),
+             QStringLiteral("CREATE TABLE registration_codes ("
+                            " email TEXT PRIMARY KEY,"
+                            " code_hash TEXT NOT NULL,"
+                            " expires_at BIGINT NOT NULL,"
+                            " tries_left INTEGER NOT NULL,"
+                            " sent_at BIGINT NOT NULL)"),
+             QStringLiteral("CREATE TABLE devices ("
+                            " id %ID%,"
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " cid TEXT NOT NULL UNIQUE,"
+                            " name TEXT NOT NULL,"
+                            " client_version TEXT NOT NULL,"
+                            " bound_at BIGINT NOT NULL,"
+                            " last_seen_at BIGINT NOT NULL,"
+                            " UNIQUE (user_id, name))"),
+             // A session is one chain of refresh tokens, from a sign-in to
+             // its sign-out; deleting it ends every token of the chain.
+             QStringLiteral("CREATE TABLE sessions ("
+                            " id %ID%,"
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " device_id BIGINT REFERENCES devices(id) ON DELETE CASCADE,"
+                            " created_at BIGINT NOT NULL)"),
+             QStringLiteral("CREATE TABLE refresh_tokens ("
+                            " id %ID%,"
+                            " session_id BIGINT NOT NULL REFERENCES sessions(id) ON DELETE CASCADE,"
+                            " token_hash TEXT NOT NULL UNIQUE,"
+                            " created_at BIGINT NOT NULL,"
+                            " expires_at BIGINT NOT NULL,"
+                            " rotated_at BIGINT)"),
+             QStringLiteral("CREATE INDEX refresh_tokens_session ON refresh_tokens (session_id)"),
+             QStringLiteral("CREATE TABLE access_tokens ("
+                            " token_hash TEXT PRIMARY KEY,"
+                            " session_id BIGINT NOT NULL REFERENCES sessions(id) ON DELETE CASCADE,"
+                            " expires_at BIGINT NOT NULL)"),
+             QStringLiteral("CREATE INDEX access_tokens_session ON access_tokens (session_id)"),
+             QStringLiteral("CREATE INDEX access_tokens_expiry ON access_tokens (expires_at)"),
+             QStringLiteral("CREATE TABLE attempts ("
+                            " bucket TEXT PRIMARY KEY,"
+                            " window_start BIGINT NOT NULL,"
+                            " failures INTEGER NOT NULL)"),
+             QStringLiteral("CREATE TABLE sync_items ("
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " namespace TEXT NOT NULL,"
+                            " item_key TEXT NOT NULL,"
+                            " revision BIGINT NOT NULL,"
+                            " payload TEXT NOT NULL,"
+                            " updated_at BIGINT NOT NULL,"
+                            " PRIMARY KEY (user_id, namespace, item_key))"),
+             QStringLiteral("CREATE TABLE traffic ("
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " month TEXT NOT NULL,"
+                            " bytes BIGINT NOT NULL,"
+                            " PRIMARY KEY (user_id, month))"),
+         }},
+    };
+    for (Migration &step : steps) {
+        for (QString &sql : step.statements)
+            sql = dialectText(sql, dialect);
+    }
+    return steps;
+}

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "passwordhasher.h"
+
+#include <QHostAddress>
+#include <QString>
+
+class QCommandLineParser;
+class QProcessEnvironment;
+
+struct SmtpSettings
+{
+    enum class Security { None, StartTls, Tls };
+
+    QString host;  // empty: codes go to the service log
+    quint16 port = 587;
+    Security security = Security::StartTls;
+    QString user;
+    QString password;
+    QString from;
+
+    bool isConfigured() const { return !host.isEmpty(); }
+};
+
+// Everything the service is told at start, from the command line, else the
+// environment, else the defaults below.
+struct ServiceConfig
+{
+    static constexpr quint16 kDefaultPort = 8437;
+
+    QHostAddress listenAddress = QHostAddress(QHostAddress::LocalHost);
+    quint16 port = kDefaultPort;
+    QString database;  // SQLite file or PostgreSQL URL
+    SmtpSettings smtp;
+    qint64 monthlyQuotaBytes = 0;  // 0: unlimited
+    bool approvalMode = false;
+    QString logLevel = QStringLiteral("info");
+    int pbkdf2Iterations = PasswordHasher::kDefaultIterations;
+    int accessTtlSeconds = 900;
+    qint64 maxBodyBytes = 1024 * 1024;
+
+    // Administration: done instead of serving.
+    QString approveEmail;
+    bool listPending = false;
+
+    static QString defaultDatabasePath();
+};
+
+namespace ServiceOptions {
+
+// Declares every option (and --help, --version) on the parser.
+void declare(QCommandLineParser &parser);
+// Reads the parsed options and the environment; false with `error` set on
+// a value that does not make sense.
+bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, ServiceConfig &config, QString *error);
+
+} // namespace ServiceOptions

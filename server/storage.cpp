@@ -1,0 +1,746 @@
+#include "storage.h"
+
+#include "servicelog.h"
+
+#include <QAtomicInt>
+#include <QDir>
+#include <QFileInfo>
+#include <QSqlDriver>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QUrl>
+#include <QUrlQuery>
+#include <QVariant>
+
+namespace {
+
+QAtomicInt connectionCounter;
+
+bool isPostgresUrl(const QString &database)
+{
+    return database.startsWith(QLatin1String("postgres://")) || database.startsWith(QLatin1String("postgresql://"));
+}
+
+qint64 nullableId(const QVariant &value)
+{
+    return value.isNull() ? 0 : value.toLongLong();
+}
+
+// A null QString binds as SQL NULL; texts of ours are never NULL.
+QString text(const QString &value)
+{
+    return value.isNull() ? QStringLiteral("") : value;
+}
+
+QVariant idOrNull(qint64 id)
+{
+    return id > 0 ? QVariant(id) : QVariant(QMetaType(QMetaType::LongLong));
+}
+
+} // namespace
+
+Storage::Storage()
+    : m_connectionName(QStringLiteral("tsl-cloud-%1").arg(connectionCounter.fetchAndAddRelaxed(1)))
+{
+}
+
+Storage::~Storage()
+{
+    m_statements.clear();
+    if (m_db.isValid()) {
+        m_db.close();
+        m_db = QSqlDatabase();
+        QSqlDatabase::removeDatabase(m_connectionName);
+    }
+}
+
+bool Storage::open(const QString &database, QString *error)
+{
+    if (isPostgresUrl(database)) {
+        m_dialect = SqlDialect::Postgres;
+        const QUrl url(database);
+        const QUrlQuery query(url);
+        m_db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), m_connectionName);
+        m_db.setHostName(query.hasQueryItem(QStringLiteral("host")) ? query.queryItemValue(QStringLiteral("host"))
+                                                                      : url.host());
+        const int port = query.hasQueryItem(QStringLiteral("port"))
+                             ? query.queryItemValue(QStringLiteral("port")).toInt()
+                             : url.port(5432);
+        m_db.setPort(port);
+        m_db.setDatabaseName(url.path().mid(1));
+        m_db.setUserName(url.userName());
+        m_db.setPassword(url.password());
+        if (query.hasQueryItem(QStringLiteral("sslmode")))
+            m_db.setConnectOptions(QStringLiteral("sslmode=%1").arg(query.queryItemValue(QStringLiteral("sslmode"))));
+    } else {
+        m_dialect = SqlDialect::Sqlite;
+        const QFileInfo file(database);
+        if (!QDir().mkpath(file.absolutePath())) {
+            *error = QStringLiteral("cannot create the folder %1").arg(file.absolutePath());
+            return false;
+        }
+        m_db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_connectionName);
+        m_db.setDatabaseName(database);
+        m_db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
+    }
+    if (!m_db.isValid()) {
+        *error = QStringLiteral("the Qt SQL driver for this database is not installed");
+        return false;
+    }
+    if (!m_db.open()) {
+        *error = m_db.lastError().text();
+        return false;
+    }
+    if (m_dialect == SqlDialect::Sqlite) {
+        QSqlQuery pragma(m_db);
+        // Write-ahead logging lets readers go on during a write; foreign
+        // keys are off by default in SQLite and our cascades need them.
+        for (const char *sql : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", "PRAGMA foreign_keys=ON"}) {
+            if (!pragma.exec(QString::fromLatin1(sql))) {
+                *error = pragma.lastError().text();
+                return false;
+            }
+        }
+    }
+    return migrate(error);
+}
+
+bool Storage::migrate(QString *error)
+{
+    QSqlQuery query(m_db);
+    // Instances starting together on one PostgreSQL migrate one at a time;
+    // the lock ends with the session at the latest.
+    if (m_dialect == SqlDialect::Postgres && !query.exec(QStringLiteral("SELECT pg_advisory_lock(7473251)"))) {
+        *error = query.lastError().text();
+        return false;
+    }
+    const bool ok = migrateLocked(error);
+    if (m_dialect == SqlDialect::Postgres)
+        query.exec(QStringLiteral("SELECT pg_advisory_unlock(7473251)"));
+    return ok;
+}
+
+bool Storage::migrateLocked(QString *error)
+{
+    QSqlQuery query(m_db);
+    if (!query.exec(QStringLiteral("CREATE TABLE IF NOT EXISTS schema_migrations ("
+                                   " version INTEGER PRIMARY KEY, applied_at BIGINT NOT NULL)"))) {
+        *error = query.lastError().text();
+        return false;
+    }
+    const int current = schemaVersion();
+    if (current < 0) {
+        *error = QStringLiteral("cannot read the schema version");
+        return false;
+    }
+    const QList<Migration> steps = migrations(m_dialect);
+    if (!steps.isEmpty() && current > steps.last().version) {
+        *error = QStringLiteral("the database has schema version %1, newer than this service knows (%2)")
+                     .arg(current)
+                     .arg(steps.last().version);
+        return false;
+    }
+    for (const Migration &step : steps) {
+        if (step.version <= current)
+            continue;
+        if (!m_db.transaction()) {
+            *error = m_db.lastError().text();
+            return false;
+        }
+        for (const QString &sql : step.statements) {
+            if (!query.exec(sql)) {
+                *error = QStringLiteral("migration %1 failed: %2").arg(step.version).arg(query.lastError().text());
+                m_db.rollback();
+                return false;
+            }
+        }
+        query.prepare(QStringLiteral("INSERT INTO schema_migrations (version, applied_at) VALUES (?, ?)"));
+        query.addBindValue(step.version);
+        query.addBindValue(QDateTime::currentMSecsSinceEpoch());
+        if (!query.exec() || !m_db.commit()) {
+            *error = query.lastError().text();
+            m_db.rollback();
+            return false;
+        }
+        qCInfo(lcStore) << "applied schema migration" << step.version;
+    }
+    return true;
+}
+
+int Storage::schemaVersion()
+{
+    QSqlQuery query(m_db);
+    if (!query.exec(QStringLiteral("SELECT COALESCE(MAX(version), 0) FROM schema_migrations")) || !query.next())
+        return -1;
+    return query.value(0).toInt();
+}
+
+QSqlQuery &Storage::prepare(const QString &sql)
+{
+    // Statements are prepared once per connection: on PostgreSQL each
+    // fresh prepare costs a round trip of its own, and another to drop it.
+    // Whatever an earlier statement still holds open is released first, so
+    // no read snapshot lingers.
+    releaseStatements();
+    auto found = m_statements.find(sql);
+    if (found != m_statements.end())
+        return *found->second;
+    auto query = std::make_unique<QSqlQuery>(m_db);
+    query->setForwardOnly(true);
+    query->prepare(sql);
+    QSqlQuery &stored = *query;
+    m_statements.emplace(sql, std::move(query));
+    return stored;
+}
+
+void Storage::releaseStatements()
+{
+    for (auto &entry : m_statements) {
+        if (entry.second->isActive())
+            entry.second->finish();
+    }
+}
+
+bool Storage::run(QSqlQuery &query, const char *what)
+{
+    if (query.exec())
+        return true;
+    qCWarning(lcStore) << what << "failed:" << query.lastError().text();
+    return false;
+}
+
+bool Storage::begin()
+{
+    releaseStatements();
+    if (m_db.transaction())
+        return true;
+    qCWarning(lcStore) << "begin failed:" << m_db.lastError().text();
+    return false;
+}
+
+bool Storage::commit()
+{
+    releaseStatements();
+    if (m_db.commit())
+        return true;
+    qCWarning(lcStore) << "commit failed:" << m_db.lastError().text();
+    m_db.rollback();
+    return false;
+}
+
+void Storage::rollback()
+{
+    releaseStatements();
+    m_db.rollback();
+}
+
+// --- accounts -------------------------------------------------------------
+
+namespace {
+UserRow userFrom(const QSqlQuery &q)
+{
+    return UserRow{q.value(0).toLongLong(), q.value(1).toString(), q.value(2).toString(),
+                   q.value(3).toString(),   q.value(4).toString(), q.value(5).toLongLong()};
+}
+} // namespace
+
+Storage::Found Storage::userByEmail(const QString &email, UserRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "SELECT id, email, username, password_hash, state, created_at FROM users WHERE email = ?"));
+    q.addBindValue(email);
+    if (!run(q, "user by email"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = userFrom(q);
+    return Found::Yes;
+}
+
+Storage::Found Storage::userById(qint64 id, UserRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "SELECT id, email, username, password_hash, state, created_at FROM users WHERE id = ?"));
+    q.addBindValue(id);
+    if (!run(q, "user by id"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = userFrom(q);
+    return Found::Yes;
+}
+
+bool Storage::insertUser(UserRow &user)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO users (email, username, password_hash, state, created_at)"
+                                         " VALUES (?, ?, ?, ?, ?) RETURNING id"));
+    q.addBindValue(user.email);
+    q.addBindValue(user.username);
+    q.addBindValue(user.passwordHash);
+    q.addBindValue(user.state);
+    q.addBindValue(user.createdAt);
+    if (!run(q, "insert user") || !q.next())
+        return false;
+    user.id = q.value(0).toLongLong();
+    return true;
+}
+
+bool Storage::setUserState(const QString &email, const QString &state)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE users SET state = ? WHERE email = ?"));
+    q.addBindValue(state);
+    q.addBindValue(email);
+    return run(q, "set user state") && q.numRowsAffected() == 1;
+}
+
+bool Storage::pendingUsers(QList<UserRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT id, email, username, password_hash, state, created_at"
+                                         " FROM users WHERE state = 'pending' ORDER BY id"));
+    if (!run(q, "pending users"))
+        return false;
+    while (q.next())
+        out.append(userFrom(q));
+    return true;
+}
+
+// --- registration codes ---------------------------------------------------
+
+Storage::Found Storage::codeFor(const QString &email, CodeRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "SELECT code_hash, expires_at, tries_left, sent_at FROM registration_codes WHERE email = ?"));
+    q.addBindValue(email);
+    if (!run(q, "code for"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = CodeRow{q.value(0).toString(), q.value(1).toLongLong(), q.value(2).toInt(), q.value(3).toLongLong()};
+    return Found::Yes;
+}
+
+bool Storage::putCode(const QString &email, const CodeRow &code)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO registration_codes (email, code_hash, expires_at, tries_left, sent_at)"
+        " VALUES (?, ?, ?, ?, ?) ON CONFLICT (email) DO UPDATE SET code_hash = excluded.code_hash,"
+        " expires_at = excluded.expires_at, tries_left = excluded.tries_left, sent_at = excluded.sent_at"));
+    q.addBindValue(email);
+    q.addBindValue(code.codeHash);
+    q.addBindValue(code.expiresAt);
+    q.addBindValue(code.triesLeft);
+    q.addBindValue(code.sentAt);
+    return run(q, "put code");
+}
+
+bool Storage::setCodeTries(const QString &email, int triesLeft)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE registration_codes SET tries_left = ? WHERE email = ?"));
+    q.addBindValue(triesLeft);
+    q.addBindValue(email);
+    return run(q, "set code tries");
+}
+
+bool Storage::deleteCode(const QString &email)
+{
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM registration_codes WHERE email = ?"));
+    q.addBindValue(email);
+    return run(q, "delete code");
+}
+
+bool Storage::countCodes(qint64 now, int &count)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM registration_codes WHERE expires_at >= ?"));
+    q.addBindValue(now);
+    if (!run(q, "count codes") || !q.next())
+        return false;
+    count = q.value(0).toInt();
+    return true;
+}
+
+// --- attempts ---------------------------------------------------------------
+
+bool Storage::recordFailure(const QString &bucket, qint64 now, qint64 windowMs)
+{
+    // A bucket counts failures from its window's start; once the window
+    // has passed, the next failure opens a new one.
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO attempts (bucket, window_start, failures) VALUES (?, ?, 1)"
+        " ON CONFLICT (bucket) DO UPDATE SET"
+        " failures = CASE WHEN attempts.window_start < ? THEN 1 ELSE attempts.failures + 1 END,"
+        " window_start = CASE WHEN attempts.window_start < ? THEN ? ELSE attempts.window_start END"));
+    q.addBindValue(bucket);
+    q.addBindValue(now);
+    q.addBindValue(now - windowMs);
+    q.addBindValue(now - windowMs);
+    q.addBindValue(now);
+    return run(q, "record failure");
+}
+
+bool Storage::failuresSince(const QString &bucket, qint64 windowStart, int &failures)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT failures FROM attempts WHERE bucket = ? AND window_start >= ?"));
+    q.addBindValue(bucket);
+    q.addBindValue(windowStart);
+    if (!run(q, "failures since"))
+        return false;
+    failures = q.next() ? q.value(0).toInt() : 0;
+    return true;
+}
+
+bool Storage::clearFailures(const QString &bucket)
+{
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM attempts WHERE bucket = ?"));
+    q.addBindValue(bucket);
+    return run(q, "clear failures");
+}
+
+// --- devices ----------------------------------------------------------------
+
+namespace {
+DeviceRow deviceFrom(const QSqlQuery &q)
+{
+    return DeviceRow{q.value(0).toLongLong(), q.value(1).toString(),   q.value(2).toString(),
+                     q.value(3).toString(),   q.value(4).toLongLong(), q.value(5).toLongLong()};
+}
+} // namespace
+
+Storage::Found Storage::deviceByName(qint64 userId, const QString &name, DeviceRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT id, cid, name, client_version, bound_at, last_seen_at"
+                                         " FROM devices WHERE user_id = ? AND name = ?"));
+    q.addBindValue(userId);
+    q.addBindValue(name);
+    if (!run(q, "device by name"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = deviceFrom(q);
+    return Found::Yes;
+}
+
+bool Storage::insertDevice(qint64 userId, DeviceRow &device)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO devices (user_id, cid, name, client_version, bound_at,"
+                                         " last_seen_at) VALUES (?, ?, ?, ?, ?, ?) RETURNING id"));
+    q.addBindValue(userId);
+    q.addBindValue(device.cid);
+    q.addBindValue(device.name);
+    q.addBindValue(text(device.clientVersion));
+    q.addBindValue(device.boundAt);
+    q.addBindValue(device.lastSeenAt);
+    if (!run(q, "insert device") || !q.next())
+        return false;
+    device.id = q.value(0).toLongLong();
+    return true;
+}
+
+bool Storage::touchDevice(qint64 deviceId, const QString &clientVersion, qint64 now)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE devices SET client_version = ?, last_seen_at = ? WHERE id = ?"));
+    q.addBindValue(text(clientVersion));
+    q.addBindValue(now);
+    q.addBindValue(deviceId);
+    return run(q, "touch device");
+}
+
+bool Storage::devices(qint64 userId, QList<DeviceRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT id, cid, name, client_version, bound_at, last_seen_at"
+                                         " FROM devices WHERE user_id = ? ORDER BY id"));
+    q.addBindValue(userId);
+    if (!run(q, "devices"))
+        return false;
+    while (q.next())
+        out.append(deviceFrom(q));
+    return true;
+}
+
+bool Storage::countDevices(qint64 userId, int &count)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM devices WHERE user_id = ?"));
+    q.addBindValue(userId);
+    if (!run(q, "count devices") || !q.next())
+        return false;
+    count = q.value(0).toInt();
+    return true;
+}
+
+bool Storage::deleteDevice(qint64 userId, qint64 deviceId, bool &deleted)
+{
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM devices WHERE user_id = ? AND id = ?"));
+    q.addBindValue(userId);
+    q.addBindValue(deviceId);
+    if (!run(q, "delete device"))
+        return false;
+    deleted = q.numRowsAffected() > 0;
+    return true;
+}
+
+// --- sessions and tokens ------------------------------------------------------
+
+bool Storage::insertSession(qint64 userId, qint64 deviceId, qint64 now, qint64 &sessionId)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO sessions (user_id, device_id, created_at) VALUES (?, ?, ?) RETURNING id"));
+    q.addBindValue(userId);
+    q.addBindValue(idOrNull(deviceId));
+    q.addBindValue(now);
+    if (!run(q, "insert session") || !q.next())
+        return false;
+    sessionId = q.value(0).toLongLong();
+    return true;
+}
+
+bool Storage::setSessionDevice(qint64 sessionId, qint64 deviceId)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE sessions SET device_id = ? WHERE id = ?"));
+    q.addBindValue(idOrNull(deviceId));
+    q.addBindValue(sessionId);
+    return run(q, "set session device");
+}
+
+bool Storage::deleteSession(qint64 sessionId)
+{
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM sessions WHERE id = ?"));
+    q.addBindValue(sessionId);
+    return run(q, "delete session");
+}
+
+bool Storage::trimSessions(qint64 userId, int keep)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "DELETE FROM sessions WHERE user_id = ? AND id NOT IN"
+        " (SELECT id FROM sessions WHERE user_id = ? ORDER BY id DESC LIMIT ?)"));
+    q.addBindValue(userId);
+    q.addBindValue(userId);
+    q.addBindValue(keep);
+    return run(q, "trim sessions");
+}
+
+bool Storage::insertRefreshToken(qint64 sessionId, const QString &hash, qint64 now, qint64 expiresAt)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO refresh_tokens (session_id, token_hash, created_at,"
+                                         " expires_at) VALUES (?, ?, ?, ?)"));
+    q.addBindValue(sessionId);
+    q.addBindValue(hash);
+    q.addBindValue(now);
+    q.addBindValue(expiresAt);
+    return run(q, "insert refresh token");
+}
+
+Storage::Found Storage::refreshToken(const QString &hash, RefreshRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "SELECT r.id, r.session_id, s.user_id, s.device_id, r.expires_at, r.rotated_at"
+        " FROM refresh_tokens r JOIN sessions s ON s.id = r.session_id WHERE r.token_hash = ?"));
+    q.addBindValue(hash);
+    if (!run(q, "refresh token"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = RefreshRow{q.value(0).toLongLong(), q.value(1).toLongLong(), q.value(2).toLongLong(),
+                     nullableId(q.value(3)),  q.value(4).toLongLong(), !q.value(5).isNull()};
+    return Found::Yes;
+}
+
+bool Storage::rotateRefreshToken(qint64 tokenId, qint64 now, bool &won)
+{
+    // Conditional, so two instances racing on one token cannot both win.
+    QSqlQuery &q = prepare(QStringLiteral(
+        "UPDATE refresh_tokens SET rotated_at = ? WHERE id = ? AND rotated_at IS NULL"));
+    q.addBindValue(now);
+    q.addBindValue(tokenId);
+    if (!run(q, "rotate refresh token"))
+        return false;
+    won = q.numRowsAffected() == 1;
+    return true;
+}
+
+bool Storage::trimRotated(qint64 sessionId, int keep)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "DELETE FROM refresh_tokens WHERE session_id = ? AND rotated_at IS NOT NULL AND id NOT IN"
+        " (SELECT id FROM refresh_tokens WHERE session_id = ? AND rotated_at IS NOT NULL"
+        " ORDER BY id DESC LIMIT ?)"));
+    q.addBindValue(sessionId);
+    q.addBindValue(sessionId);
+    q.addBindValue(keep);
+    return run(q, "trim rotated");
+}
+
+bool Storage::insertAccessToken(qint64 sessionId, const QString &hash, qint64 expiresAt)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO access_tokens (token_hash, session_id, expires_at) VALUES (?, ?, ?)"));
+    q.addBindValue(hash);
+    q.addBindValue(sessionId);
+    q.addBindValue(expiresAt);
+    return run(q, "insert access token");
+}
+
+Storage::Found Storage::accessToken(const QString &hash, AccessRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at"
+        " FROM access_tokens a JOIN sessions s ON s.id = a.session_id WHERE a.token_hash = ?"));
+    q.addBindValue(hash);
+    if (!run(q, "access token"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = AccessRow{q.value(0).toLongLong(), q.value(1).toLongLong(), nullableId(q.value(2)),
+                    q.value(3).toLongLong()};
+    return Found::Yes;
+}
+
+// --- sync items ---------------------------------------------------------------
+
+namespace {
+SyncItemRow itemFrom(const QSqlQuery &q)
+{
+    return SyncItemRow{q.value(0).toString(), q.value(1).toString(), q.value(2).toLongLong(),
+                       q.value(3).toString(), q.value(4).toLongLong()};
+}
+} // namespace
+
+bool Storage::syncItems(qint64 userId, const QString &ns, QList<SyncItemRow> &out)
+{
+    QSqlQuery &q = prepare(ns.isEmpty()
+                              ? QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
+                                               " FROM sync_items WHERE user_id = ? ORDER BY namespace, item_key")
+                              : QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
+                                               " FROM sync_items WHERE user_id = ? AND namespace = ?"
+                                               " ORDER BY item_key"));
+    q.addBindValue(userId);
+    if (!ns.isEmpty())
+        q.addBindValue(ns);
+    if (!run(q, "sync items"))
+        return false;
+    while (q.next())
+        out.append(itemFrom(q));
+    return true;
+}
+
+Storage::Found Storage::syncItem(qint64 userId, const QString &ns, const QString &key, SyncItemRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT namespace, item_key, revision, payload, updated_at"
+                                         " FROM sync_items WHERE user_id = ? AND namespace = ? AND item_key = ?"));
+    q.addBindValue(userId);
+    q.addBindValue(ns);
+    q.addBindValue(key);
+    if (!run(q, "sync item"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = itemFrom(q);
+    return Found::Yes;
+}
+
+Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, const QString &key,
+                                          qint64 baseRevision, const QString &payload, qint64 now, int maxItems,
+                                          SyncItemRow &result)
+{
+    // The update is conditional on the base revision, so of two writers
+    // with the same base exactly one wins, whichever instance serves them.
+    QSqlQuery &update = prepare(QStringLiteral(
+        "UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
+        " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ?"));
+    update.addBindValue(payload);
+    update.addBindValue(now);
+    update.addBindValue(userId);
+    update.addBindValue(ns);
+    update.addBindValue(key);
+    update.addBindValue(baseRevision);
+    if (!run(update, "update sync item"))
+        return SyncWrite::Error;
+    if (update.numRowsAffected() == 1) {
+        result = SyncItemRow{ns, key, baseRevision + 1, payload, now};
+        return SyncWrite::Written;
+    }
+    switch (syncItem(userId, ns, key, result)) {
+    case Found::Error:
+        return SyncWrite::Error;
+    case Found::Yes:
+        return SyncWrite::Conflict;
+    case Found::No:
+        break;
+    }
+    // A new item: whatever base the writer had, there is nothing to lose.
+    QSqlQuery &count = prepare(QStringLiteral("SELECT COUNT(*) FROM sync_items WHERE user_id = ?"));
+    count.addBindValue(userId);
+    if (!run(count, "count sync items") || !count.next())
+        return SyncWrite::Error;
+    if (count.value(0).toInt() >= maxItems)
+        return SyncWrite::LimitReached;
+    QSqlQuery &insert = prepare(QStringLiteral(
+        "INSERT INTO sync_items (user_id, namespace, item_key, revision, payload, updated_at)"
+        " VALUES (?, ?, ?, 1, ?, ?) ON CONFLICT (user_id, namespace, item_key) DO NOTHING"));
+    insert.addBindValue(userId);
+    insert.addBindValue(ns);
+    insert.addBindValue(key);
+    insert.addBindValue(payload);
+    insert.addBindValue(now);
+    if (!run(insert, "insert sync item"))
+        return SyncWrite::Error;
+    if (insert.numRowsAffected() == 1) {
+        result = SyncItemRow{ns, key, 1, payload, now};
+        return SyncWrite::Written;
+    }
+    // Another writer created it a moment ago.
+    return syncItem(userId, ns, key, result) == Found::Yes ? SyncWrite::Conflict : SyncWrite::Error;
+}
+
+// --- traffic ------------------------------------------------------------------
+
+bool Storage::addTraffic(qint64 userId, const QString &month, qint64 bytes)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO traffic (user_id, month, bytes) VALUES (?, ?, ?)"
+        " ON CONFLICT (user_id, month) DO UPDATE SET bytes = traffic.bytes + excluded.bytes"));
+    q.addBindValue(userId);
+    q.addBindValue(month);
+    q.addBindValue(bytes);
+    return run(q, "add traffic");
+}
+
+bool Storage::trafficOf(qint64 userId, const QString &month, qint64 &bytes)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT bytes FROM traffic WHERE user_id = ? AND month = ?"));
+    q.addBindValue(userId);
+    q.addBindValue(month);
+    if (!run(q, "traffic of"))
+        return false;
+    bytes = q.next() ? q.value(0).toLongLong() : 0;
+    return true;
+}
+
+// --- housekeeping ---------------------------------------------------------------
+
+bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs)
+{
+    struct Step
+    {
+        const char *what;
+        QString sql;
+        qint64 bound;
+    };
+    const Step steps[] = {
+        {"prune access tokens", QStringLiteral("DELETE FROM access_tokens WHERE expires_at < ?"), now},
+        {"prune refresh tokens", QStringLiteral("DELETE FROM refresh_tokens WHERE expires_at < ?"), now},
+        // A session whose every live token has expired has ended.
+        {"prune sessions",
+         QStringLiteral("DELETE FROM sessions WHERE created_at < ? AND NOT EXISTS (SELECT 1 FROM refresh_tokens r"
+                        " WHERE r.session_id = sessions.id AND r.rotated_at IS NULL)"),
+         now},
+        {"prune codes", QStringLiteral("DELETE FROM registration_codes WHERE expires_at < ?"), now},
+        {"prune attempts", QStringLiteral("DELETE FROM attempts WHERE window_start < ?"), now - attemptWindowMs},
+    };
+    bool ok = true;
+    for (const Step &step : steps) {
+        QSqlQuery &q = prepare(step.sql);
+        q.addBindValue(step.bound);
+        ok = run(q, step.what) && ok;
+    }
+    return ok;
+}

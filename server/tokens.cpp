@@ -1,0 +1,41 @@
+#include "tokens.h"
+
+#include <QCryptographicHash>
+#include <QRandomGenerator>
+
+namespace Tokens {
+
+QString random(int bytes)
+{
+    QByteArray raw(bytes, Qt::Uninitialized);
+    for (int i = 0; i < bytes; ++i)
+        raw[i] = static_cast<char>(QRandomGenerator::system()->bounded(256));
+    return QString::fromLatin1(raw.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
+}
+
+QString numericCode(int digits)
+{
+    QString code;
+    code.reserve(digits);
+    for (int i = 0; i < digits; ++i)
+        code.append(QChar(u'0' + QRandomGenerator::system()->bounded(10)));
+    return code;
+}
+
+QString hash(const QString &token)
+{
+    return QString::fromLatin1(
+        QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256).toHex());
+}
+
+bool equalConstantTime(const QByteArray &a, const QByteArray &b)
+{
+    if (a.size() != b.size())
+        return false;
+    unsigned char diff = 0;
+    for (qsizetype i = 0; i < a.size(); ++i)
+        diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return diff == 0;
+}
+
+} // namespace Tokens
