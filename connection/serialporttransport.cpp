@@ -66,6 +66,8 @@ SerialPortTransport::SerialPortTransport(QObject *parent)
         announceData();
     });
     connect(m_serial, &QSerialPort::errorOccurred, this, &SerialPortTransport::onError);
+    // A file transfer paces itself on completed writes, on every kind.
+    connect(m_serial, &QSerialPort::bytesWritten, this, &PortTransport::bytesWritten);
 }
 
 SerialPortTransport::~SerialPortTransport()

@@ -148,6 +148,9 @@ public:
     void restartLog();
     void setLogEnabled(bool on);
 
+    // Marks something in the view (a transfer's start and end, say).
+    void writeNote(const QString &text) { emit note(text); }
+
     // The text the data log makes of a chunk (its own formatter).
     QString formatForLog(const DisplayChunk &chunk) { return m_logFormatter.format(chunk); }
 
@@ -188,6 +191,8 @@ Q_SIGNALS:
     // Taps: raw received bytes, and decoded text for the Live Console.
     void rxTapped(const QByteArray &data);
     void consoleTraffic(const QString &portKey, bool isTx, const QString &text);
+    // A note for the view.
+    void note(const QString &text);
 
 private:
     void connectController();

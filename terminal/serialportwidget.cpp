@@ -219,6 +219,12 @@ void SerialPortWidget::connectSession()
     connect(s, &PortSession::sent, ui.indicatorLights->txLight(), &LedIndicator::blink);
     connect(s, &PortSession::rxTapped, this, &SerialPortWidget::rxTapped);
     connect(s, &PortSession::consoleTraffic, this, &SerialPortWidget::consoleTraffic);
+    connect(s, &PortSession::note, this, [this](const QString &text) {
+        // What arrived before the note shows before it.
+        if (viewState() == ViewState::Normal)
+            drain(-1);
+        writeNote(text);
+    });
 }
 
 // ------------------------------------------------------------ receive path

@@ -1,0 +1,87 @@
+#include "transfer/portsessionxferport.h"
+
+#include "connection/connectioncontroller.h"
+#include "terminal/portsession.h"
+#include "transfer/filetransfersession.h"
+
+PortSessionXferPort::PortSessionXferPort(PortSession *session, QObject *parent)
+    : QObject(parent)
+    , m_session(session)
+{
+    connect(session->controller(), &ConnectionController::bytesWritten, this, [this] {
+        if (m_transfer && m_locked)
+            m_transfer->onPortBytesWritten();
+    });
+    connect(session, &PortSession::stateChanged, this, &PortSessionXferPort::onConnectionChanged);
+}
+
+PortSessionXferPort::~PortSessionXferPort()
+{
+    if (m_locked)
+        lock(false);
+}
+
+void PortSessionXferPort::attach(FileTransferSession *transfer)
+{
+    m_transfer = transfer;
+}
+
+bool PortSessionXferPort::write(const QByteArray &bytes)
+{
+    return m_session->sendBytes(bytes, false);
+}
+
+qint64 PortSessionXferPort::bytesToWrite() const
+{
+    return m_session->controller()->bytesToWrite();
+}
+
+bool PortSessionXferPort::isOpen() const
+{
+    return m_session->isConnectionOpen();
+}
+
+void PortSessionXferPort::lock(bool on)
+{
+    m_locked = on;
+    if (on) {
+        m_session->setTransferActive(true);
+        // Set after the lock: taking the lock clears any earlier taker.
+        m_session->setReceiveTaker([this](const QByteArray &bytes) {
+            if (!m_transfer)
+                return false;
+            m_transfer->feedReceived(bytes);
+            return true;
+        });
+    } else {
+        m_session->setTransferActive(false);
+    }
+}
+
+void PortSessionXferPort::writeNote(const QString &text)
+{
+    m_session->writeNote(text);
+}
+
+QStringList PortSessionXferPort::clientLabels() const
+{
+    return m_session->controller()->serverClientLabels();
+}
+
+bool PortSessionXferPort::selectClient(const QString &label)
+{
+    if (!clientLabels().contains(label))
+        return false;
+    SendTarget target;
+    target.clientLabel = label;
+    m_session->setSendTarget(target);
+    return true;
+}
+
+void PortSessionXferPort::onConnectionChanged()
+{
+    if (!m_transfer || !m_locked || m_session->isConnectionOpen())
+        return;
+    m_transfer->stop(m_session->isReconnecting() ? FileTransferSession::StopReason::ConnectionLost
+                                                 : FileTransferSession::StopReason::ConnectionClosed);
+}
