@@ -189,7 +189,7 @@ Q_SIGNALS:
     // the server and UDP modes, empty otherwise.
     void received(const QByteArray &data, const QString &peer);
     // Remote serial port: a text for the user (negotiation outcome, a
-    // parameter the remote reports, a line fault, an ignored reply).
+    // parameter the remote reports, a line fault).
     void remoteNotice(const QString &text);
     // The remote port reports one of its settings.
     void remoteSetting(Rfc2217ClientSession::Event::Kind kind, qint64 value);

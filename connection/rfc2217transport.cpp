@@ -130,6 +130,10 @@ QByteArray Rfc2217Transport::apply(Rfc2217ClientSession::Step &&step)
         write(step.write);
     QByteArray payload;
     for (const Rfc2217ClientSession::Event &event : std::as_const(step.events)) {
+        if (event.kind != Kind::Payload && !payload.isEmpty()) {
+            // Payload that came before a notice reaches the pane before it.
+            emit received(std::exchange(payload, QByteArray()), QString());
+        }
         switch (event.kind) {
         case Kind::Payload:
             payload += event.bytes;
@@ -150,8 +154,9 @@ QByteArray Rfc2217Transport::apply(Rfc2217ClientSession::Step &&step)
             emit modemStateChanged(quint8(event.value));
             break;
         case Kind::InvalidReply:
-            qCWarning(lcTerminal) << "remote serial port:" << event.text;
-            emit notice(event.text);
+            // Common and harmless (ser2net on a pty answers the DTR and RTS
+            // questions with the questions): logged, not put in the view.
+            qCInfo(lcTerminal) << "remote serial port:" << event.text;
             break;
         default:
             if (!event.text.isEmpty())

@@ -58,7 +58,7 @@ public:
 
 Q_SIGNALS:
     // A text for the user: the outcome of the negotiation, a parameter the
-    // remote reports, a line fault, a reply that was ignored.
+    // remote reports, a line fault.
     void notice(const QString &text);
     // What the remote port reports for one of its settings (value as in
     // Rfc2217ClientSession::Event).
@@ -72,7 +72,8 @@ private:
     void forget();
     qint64 now() const { return m_clock(); }
     // Writes the step's bytes, acts on its events and re-arms the timer;
-    // returns the payload it carried.
+    // returns the payload that came after the last event (payload before an
+    // event is pushed through received() first, to keep the order).
     QByteArray apply(Rfc2217ClientSession::Step &&step);
 
     MonotonicClock m_clock = systemMonotonicClock();
