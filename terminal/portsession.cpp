@@ -150,12 +150,11 @@ void PortSession::setControlLine(bool dtr, bool on)
     if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the control lines would interrupt it.")))
         return;
     (dtr ? m_config.dtrOn : m_config.rtsOn) = on;
+    const auto line = dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts;
     if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
-        m_controller->setRemoteControlLine(dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts,
-                                           on);
+        m_controller->setRemoteControlLine(line, on);  // no answer is awaited
     else
-        m_controller->setControlLine(dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts,
-                                 on);
+        m_controller->setControlLine(line, on);
     emit settingsChanged();
 }
 
