@@ -2,6 +2,7 @@
 
 #include "common/logging.h"
 #include "connection/relayporttransport.h"
+#include "connection/rfc2217transport.h"
 #include "connection/streamclienttransport.h"
 #include "connection/tcpservertransport.h"
 
@@ -35,12 +36,30 @@ StreamClientTransport *ConnectionController::ensureStream()
     if (m_stream)
         return m_stream;
     m_stream = new StreamClientTransport(this);
-    forwardCommon(m_stream);
-    m_stream->setLowDelay(m_lowDelay);
-    connect(m_stream, &PortTransport::readable, this, &ConnectionController::readyRead);
-    connect(m_stream, &StreamClientTransport::connected, this, [this] { emit peerArrived(QString()); });
-    connect(m_stream, &StreamClientTransport::disconnected, this, &ConnectionController::tcpClientDisconnected);
+    forwardStream(m_stream);
     return m_stream;
+}
+
+Rfc2217Transport *ConnectionController::ensureRfc2217()
+{
+    if (m_rfc2217)
+        return m_rfc2217;
+    m_rfc2217 = new Rfc2217Transport(this);
+    forwardStream(m_rfc2217);
+    connect(m_rfc2217, &Rfc2217Transport::notice, this, &ConnectionController::remoteNotice);
+    connect(m_rfc2217, &Rfc2217Transport::remoteSetting, this, &ConnectionController::remoteSetting);
+    connect(m_rfc2217, &Rfc2217Transport::lineStateChanged, this, &ConnectionController::remoteLineState);
+    connect(m_rfc2217, &Rfc2217Transport::modemStateChanged, this, &ConnectionController::remoteModemState);
+    return m_rfc2217;
+}
+
+void ConnectionController::forwardStream(StreamClientTransport *stream)
+{
+    forwardCommon(stream);
+    stream->setLowDelay(m_lowDelay);
+    connect(stream, &PortTransport::readable, this, &ConnectionController::readyRead);
+    connect(stream, &StreamClientTransport::connected, this, [this] { emit peerArrived(QString()); });
+    connect(stream, &StreamClientTransport::disconnected, this, &ConnectionController::tcpClientDisconnected);
 }
 
 TcpServerTransport *ConnectionController::ensureServer()
@@ -86,8 +105,8 @@ PortTransport *ConnectionController::transportFor(ConnectionMode mode) const
     switch (mode) {
     case ConnectionMode::Serial: return m_serial;
     case ConnectionMode::TcpServer: return m_server;
-    case ConnectionMode::TcpClient:
-    case ConnectionMode::RemoteSerialRfc2217: return m_stream;
+    case ConnectionMode::TcpClient: return m_stream;
+    case ConnectionMode::RemoteSerialRfc2217: return m_rfc2217;
     case ConnectionMode::UdpServer:
     case ConnectionMode::UdpClient:
     case ConnectionMode::UdpGeneric: return m_udp;
@@ -121,6 +140,13 @@ bool ConnectionController::open(const ConnectionConfig &config, const QString &p
     case ConnectionMode::RemoteSerialRfc2217:
         if (!portInRange)
             return refuse(tr("TCP connect FAILED: %1").arg(badPort));
+        if (config.mode == ConnectionMode::RemoteSerialRfc2217) {
+            Rfc2217Transport *remote = ensureRfc2217();
+            remote->setConfiguration(Rfc2217ClientSession::SerialParameters::fromConfig(config),
+                                     config.useRemoteSerialConfig);
+            remote->connectTo(config.targetHost, quint16(config.targetPort));
+            return true;
+        }
         startTcpClient(config.targetHost, quint16(config.targetPort));
         return true;
     case ConnectionMode::UdpServer:
@@ -166,6 +192,7 @@ bool ConnectionController::send(const ConnectionConfig &config, const QByteArray
 bool ConnectionController::isReadPaused() const
 {
     for (const PortTransport *transport : {static_cast<PortTransport *>(m_serial), static_cast<PortTransport *>(m_stream),
+                                           static_cast<PortTransport *>(m_rfc2217),
                                            static_cast<PortTransport *>(m_server), static_cast<PortTransport *>(m_udp),
                                            static_cast<PortTransport *>(m_relay)}) {
         if (transport && transport->isReadPaused())
@@ -335,8 +362,8 @@ void ConnectionController::setReadPaused(ConnectionMode mode, bool paused)
     switch (mode) {
     case ConnectionMode::Serial: transport = m_serial; break;
     case ConnectionMode::TcpServer: transport = ensureServer(); break;
-    case ConnectionMode::TcpClient:
-    case ConnectionMode::RemoteSerialRfc2217: transport = ensureStream(); break;
+    case ConnectionMode::TcpClient: transport = ensureStream(); break;
+    case ConnectionMode::RemoteSerialRfc2217: transport = ensureRfc2217(); break;
     case ConnectionMode::UdpServer:
     case ConnectionMode::UdpClient:
     case ConnectionMode::UdpGeneric: transport = ensureUdp(); break;
@@ -351,6 +378,8 @@ void ConnectionController::setLowDelay(bool on)
     m_lowDelay = on;
     if (m_stream)
         m_stream->setLowDelay(on);
+    if (m_rfc2217)
+        m_rfc2217->setLowDelay(on);
     if (m_server)
         m_server->setLowDelay(on);
 }
@@ -394,6 +423,28 @@ const QList<ConnectionController::UdpPeer> &ConnectionController::udpPeers() con
 int ConnectionController::currentUdpPeer() const
 {
     return m_udp ? m_udp->currentPeer() : -1;
+}
+
+void ConnectionController::setRemoteSerialParameters(const ConnectionConfig &config)
+{
+    ensureRfc2217()->setConfiguration(Rfc2217ClientSession::SerialParameters::fromConfig(config),
+                                      config.useRemoteSerialConfig);
+    m_rfc2217->setSerialParameters(Rfc2217ClientSession::SerialParameters::fromConfig(config));
+}
+
+bool ConnectionController::setRemoteControlLine(ControlLine line, bool on)
+{
+    return m_rfc2217 && m_rfc2217->setControlLine(line, on);
+}
+
+bool ConnectionController::remoteBreakLevel() const
+{
+    return m_rfc2217 && m_rfc2217->breakLevel();
+}
+
+ConnectionController::RemoteNegotiation ConnectionController::remoteNegotiation() const
+{
+    return m_rfc2217 ? m_rfc2217->negotiation() : RemoteNegotiation::Undecided;
 }
 
 bool ConnectionController::hasRelay() const

@@ -4,6 +4,7 @@
 #include "connection/connectionconfig.h"
 #include "connection/porttransport.h"
 #include "connection/relaytransport.h"
+#include "connection/rfc2217clientsession.h"
 #include "connection/serialporttransport.h"
 #include "connection/udptransport.h"
 
@@ -17,6 +18,7 @@
 #include <functional>
 
 class RelayPortTransport;
+class Rfc2217Transport;
 class StreamClientTransport;
 class TcpServerTransport;
 
@@ -157,6 +159,18 @@ public:
     const QList<UdpPeer> &udpPeers() const;
     int currentUdpPeer() const;
 
+    // ---- Remote serial port (RFC 2217) ----
+    using RemoteNegotiation = Rfc2217ClientSession::Negotiation;
+    // Sends the changed parameters to the remote port (once it accepted
+    // control and unless the record keeps the remote's own configuration);
+    // also what the next connection asks for.
+    void setRemoteSerialParameters(const ConnectionConfig &config);
+    // Returns whether the request went out (the remote accepted control).
+    bool setRemoteControlLine(ControlLine line, bool on);
+    bool remoteBreakLevel() const;
+    // Undecided while not connected.
+    RemoteNegotiation remoteNegotiation() const;
+
     void setRelayFactory(RelayFactory factory) { m_relayFactory = std::move(factory); }
     bool hasRelay() const;
 
@@ -177,12 +191,22 @@ Q_SIGNALS:
     // Every received byte of every kind, once: the sender's "%1:%2" label in
     // the server and UDP modes, empty otherwise.
     void received(const QByteArray &data, const QString &peer);
+    // Remote serial port: a text for the user (negotiation outcome, a
+    // parameter the remote reports, a line fault).
+    void remoteNotice(const QString &text);
+    // The remote port reports one of its settings.
+    void remoteSetting(Rfc2217ClientSession::Event::Kind kind, qint64 value);
+    void remoteLineState(quint8 lineState);
+    void remoteModemState(quint8 modemState);
 
 private:
     // The transport that serves a mode, or nullptr before it was needed.
     PortTransport *transportFor(ConnectionMode mode) const;
     void forwardCommon(PortTransport *transport);
     StreamClientTransport *ensureStream();
+    Rfc2217Transport *ensureRfc2217();
+    // Common wiring of both stream transports.
+    void forwardStream(StreamClientTransport *stream);
     TcpServerTransport *ensureServer();
     UdpTransport *ensureUdp();
     RelayPortTransport *ensureRelay();
@@ -190,6 +214,7 @@ private:
     ConnectionMode m_mode = ConnectionMode::Serial;
     SerialPortTransport *m_serial;
     StreamClientTransport *m_stream = nullptr;
+    Rfc2217Transport *m_rfc2217 = nullptr;
     TcpServerTransport *m_server = nullptr;
     UdpTransport *m_udp = nullptr;
     RelayPortTransport *m_relay = nullptr;

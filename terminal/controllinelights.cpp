@@ -46,18 +46,48 @@ ControlLineLights::ControlLineLights(QWidget *parent)
     layout->addWidget(m_txLight);
     layout->addWidget(new QLabel(QStringLiteral("RX"), this));
     layout->addWidget(m_rxLight);
+
+    // The remote port's inputs, as it reports them.
+    m_inputRow = new QWidget(this);
+    auto *inputs = new QHBoxLayout(m_inputRow);
+    inputs->setContentsMargins(8, 0, 0, 0);
+    inputs->setSpacing(6);
+    const struct {
+        const char *name;
+        const char *label;
+        QString tip;
+    } inputLines[] = {
+        {"ctsLight", "CTS", tr("Clear To Send at the remote port")},
+        {"dsrLight", "DSR", tr("Data Set Ready at the remote port")},
+        {"ringLight", "RI", tr("Ring Indicator at the remote port")},
+        {"carrierLight", "CD", tr("Carrier Detect at the remote port")},
+    };
+    for (int i = 0; i < 4; ++i) {
+        auto *light = new LedIndicator(QColor(0x2e, 0x86, 0xc1), m_inputRow);
+        light->setObjectName(QLatin1String(inputLines[i].name));
+        light->setToolTip(inputLines[i].tip);
+        auto *label = new QLabel(QLatin1String(inputLines[i].label), m_inputRow);
+        label->setToolTip(inputLines[i].tip);
+        inputs->addWidget(label);
+        inputs->addWidget(light);
+        m_inputLights[i] = light;
+    }
+    layout->addWidget(m_inputRow);
     layout->addStretch(1);
 
     connect(m_dtrButton, &QToolButton::toggled, this, &ControlLineLights::dtrToggled);
     connect(m_rtsButton, &QToolButton::toggled, this, &ControlLineLights::rtsToggled);
     connect(m_breakButton, &QToolButton::pressed, this, &ControlLineLights::breakPressed);
     connect(m_breakButton, &QToolButton::released, this, &ControlLineLights::breakReleased);
+    m_inputRow->setVisible(false);
     refreshTips();
 }
 
 void ControlLineLights::setAvailability(Availability availability)
 {
     m_availability = availability;
+    m_inputRow->setVisible(availability == Availability::RemoteSerialPort
+                           || availability == Availability::RemoteOwnConfig);
     refreshTips();
 }
 
@@ -67,6 +97,13 @@ void ControlLineLights::setLevels(bool dtr, bool rts)
     const QSignalBlocker b2(m_rtsButton);
     m_dtrButton->setChecked(dtr);
     m_rtsButton->setChecked(rts);
+}
+
+void ControlLineLights::setInputLevels(bool cts, bool dsr, bool ring, bool carrier)
+{
+    const bool levels[] = {cts, dsr, ring, carrier};
+    for (int i = 0; i < 4; ++i)
+        m_inputLights[i]->setLit(levels[i]);
 }
 
 void ControlLineLights::setLocked(bool locked)

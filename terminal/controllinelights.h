@@ -30,9 +30,16 @@ public:
     // Shows the levels without announcing a toggle.
     void setLevels(bool dtr, bool rts);
     void setLocked(bool locked);
+    // The remote port's input lines (CTS, DSR, RI, CD), shown only for a
+    // remote serial port.
+    void setInputLevels(bool cts, bool dsr, bool ring, bool carrier);
 
     LedIndicator *txLight() const { return m_txLight; }
     LedIndicator *rxLight() const { return m_rxLight; }
+    LedIndicator *ctsLight() const { return m_inputLights[0]; }
+    LedIndicator *dsrLight() const { return m_inputLights[1]; }
+    LedIndicator *ringLight() const { return m_inputLights[2]; }
+    LedIndicator *carrierLight() const { return m_inputLights[3]; }
 
 Q_SIGNALS:
     void dtrToggled(bool on);
@@ -48,6 +55,8 @@ private:
     QToolButton *m_breakButton;
     LedIndicator *m_txLight;
     LedIndicator *m_rxLight;
+    LedIndicator *m_inputLights[4];
+    QWidget *m_inputRow;
     Availability m_availability = Availability::SerialPort;
     bool m_locked = false;
 };

@@ -128,7 +128,10 @@ Result PortSession::setSerialParameters(const ConnectionConfig &edited)
     const QString busy = tr("A file transfer is using this port. Changing the port settings would interrupt it.");
     if (refuseDuringTransfer(busy))
         return Result::failure(busy);
-    if (m_config.mode == ConnectionMode::Serial && isConnectionOpen()) {
+    if (m_config.mode == ConnectionMode::RemoteSerialRfc2217) {
+        // The remote's replies come later, as notes; nothing waits for them.
+        m_controller->setRemoteSerialParameters(edited);
+    } else if (m_config.mode == ConnectionMode::Serial && isConnectionOpen()) {
         const Result applied = m_controller->applySerialParameters(edited);
         if (!applied) {
             const QString text = tr("The port keeps its previous settings: %1").arg(applied.errorText());
@@ -147,13 +150,18 @@ void PortSession::setControlLine(bool dtr, bool on)
     if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the control lines would interrupt it.")))
         return;
     (dtr ? m_config.dtrOn : m_config.rtsOn) = on;
-    m_controller->setControlLine(dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts,
-                                 on);
+    const auto line = dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts;
+    if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
+        m_controller->setRemoteControlLine(line, on);  // no answer is awaited
+    else
+        m_controller->setControlLine(line, on);
     emit settingsChanged();
 }
 
 bool PortSession::sendBreak(bool on)
 {
+    if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
+        return sendRemoteBreak(on);
     if (!on) {
         return !m_controller->breakLevel()
             || m_controller->setControlLine(ConnectionController::ControlLine::Break, false);
@@ -163,6 +171,66 @@ bool PortSession::sendBreak(bool on)
         return false;
     }
     return m_controller->setControlLine(ConnectionController::ControlLine::Break, true);
+}
+
+bool PortSession::sendRemoteBreak(bool on)
+{
+    using Line = ConnectionController::ControlLine;
+    if (!on)
+        return !m_controller->remoteBreakLevel() || m_controller->setRemoteControlLine(Line::Break, false);
+    if (!isConnectionOpen()) {
+        emit statusMessage(tr("Could not send Break: the connection is not open."), 3000);
+        return false;
+    }
+    if (m_controller->remoteNegotiation() != ConnectionController::RemoteNegotiation::Rfc2217
+        || !m_controller->setRemoteControlLine(Line::Break, true)) {
+        emit statusMessage(tr("The remote peer did not accept RFC 2217 com-port control, so Break cannot be sent."), 5000);
+        return false;
+    }
+    emit statusMessage(tr("Sent Break to the remote port; it is released when you let go."), 3000);
+    return true;
+}
+
+void PortSession::onRemoteNotice(const QString &text)
+{
+    emit note(text);
+    emit statusMessage(text, 5000);
+}
+
+void PortSession::onRemoteSetting(Rfc2217ClientSession::Event::Kind kind, qint64 value)
+{
+    if (!m_config.useRemoteSerialConfig)
+        return;  // a confirmation of what we asked for
+    using Kind = Rfc2217ClientSession::Event::Kind;
+    ConnectionConfig adopted = m_config;
+    switch (kind) {
+    case Kind::RemoteBaudRate: adopted.baudRate = qint32(value); break;
+    case Kind::RemoteDataBits: adopted.dataBits = QSerialPort::DataBits(value); break;
+    case Kind::RemoteParity: adopted.parity = QSerialPort::Parity(value); break;
+    case Kind::RemoteStopBits: adopted.stopBits = QSerialPort::StopBits(value); break;
+    case Kind::RemoteFlowControl: adopted.flowControl = QSerialPort::FlowControl(value); break;
+    case Kind::RemoteDtr: adopted.dtrOn = value != 0; break;
+    case Kind::RemoteRts: adopted.rtsOn = value != 0; break;
+    default: return;
+    }
+    if (adopted == m_config)
+        return;
+    m_config = adopted;
+    emit configChanged();
+    emit stateChanged();
+    emit settingsChanged();
+}
+
+void PortSession::onRemoteLineState(quint8 lineState)
+{
+    m_remoteLineState = lineState;
+    emit remoteLinesChanged();
+}
+
+void PortSession::onRemoteModemState(quint8 modemState)
+{
+    m_remoteModemState = modemState;
+    emit remoteLinesChanged();
 }
 
 void PortSession::clearSendHistory()
@@ -202,6 +270,10 @@ void PortSession::connectController()
     });
     connect(c, &ConnectionController::serverConnectionsChanged, this, &PortSession::targetsChanged);
     connect(c, &ConnectionController::udpPeersChanged, this, &PortSession::targetsChanged);
+    connect(c, &ConnectionController::remoteNotice, this, &PortSession::onRemoteNotice);
+    connect(c, &ConnectionController::remoteSetting, this, &PortSession::onRemoteSetting);
+    connect(c, &ConnectionController::remoteLineState, this, &PortSession::onRemoteLineState);
+    connect(c, &ConnectionController::remoteModemState, this, &PortSession::onRemoteModemState);
 }
 
 void PortSession::onControllerError(const QString &message)
@@ -210,7 +282,7 @@ void PortSession::onControllerError(const QString &message)
     // A stream connection that failed before or after connecting has no
     // socket any more: the session ends unless a reconnect is waiting.
     if (isStreamMode(m_config.mode) && m_open && !isReconnecting() && !isConnectionOpen()) {
-        if (m_autoReconnect && m_config.mode == ConnectionMode::TcpClient && m_wasConnected) {
+        if (m_autoReconnect && m_wasConnected) {
             startReconnecting();
             return;
         }
@@ -338,9 +410,14 @@ void PortSession::onSerialPortLost()
 
 void PortSession::onStreamDisconnected()
 {
+    if (m_remoteLineState || m_remoteModemState) {
+        // The next connection reports its own.
+        m_remoteLineState = m_remoteModemState = 0;
+        emit remoteLinesChanged();
+    }
     if (m_userClosing || !m_open || !isStreamMode(m_config.mode))
         return;
-    if (m_autoReconnect && m_config.mode == ConnectionMode::TcpClient) {
+    if (m_autoReconnect) {
         startReconnecting();
         emit statusMessage(tr("Reconnecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 2000);
         return;
@@ -365,9 +442,9 @@ void PortSession::onReconnectTick()
         }
         return;
     }
-    if (m_config.mode == ConnectionMode::TcpClient) {
+    if (isStreamMode(m_config.mode)) {
         emit statusMessage(tr("Reconnecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 2000);
-        m_controller->startTcpClient(m_config.targetHost, quint16(m_config.targetPort));
+        m_controller->open(m_config, {}, true);
         return;
     }
     // Other modes have nothing to come back to on their own.

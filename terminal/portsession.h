@@ -4,6 +4,7 @@
 #include "common/result.h"
 #include "connection/connectionconfig.h"
 #include "connection/porttransport.h"
+#include "connection/rfc2217clientsession.h"
 #include "terminal/displaychunk.h"
 #include "terminal/displayformatter.h"
 #include "terminal/linestepper.h"
@@ -90,6 +91,10 @@ public:
     // The rich status line: opened, connecting, waiting or closed.
     QString statusLine() const;
     bool sendBreak(bool on);
+    // Remote serial port: the last line-state and modem-state bytes the
+    // remote reported (Rfc2217ClientSession's bits); 0 before any.
+    quint8 remoteLineState() const { return m_remoteLineState; }
+    quint8 remoteModemState() const { return m_remoteModemState; }
 
     // ---- Receive ----
     // Every received chunk comes through here (the controller pushes).
@@ -191,8 +196,10 @@ Q_SIGNALS:
     // Taps: raw received bytes, and decoded text for the Live Console.
     void rxTapped(const QByteArray &data);
     void consoleTraffic(const QString &portKey, bool isTx, const QString &text);
-    // A note for the view.
+    // A note for the view (a remote port's negotiation, settings, faults).
     void note(const QString &text);
+    // The remote port's line or modem state changed.
+    void remoteLinesChanged();
 
 private:
     void connectController();
@@ -214,6 +221,11 @@ private:
     int autoSendIntervalMs() const;
     bool refuseDuringTransfer(const QString &what);
     void reportFailure(const QString &text);
+    bool sendRemoteBreak(bool on);
+    void onRemoteNotice(const QString &text);
+    void onRemoteSetting(Rfc2217ClientSession::Event::Kind kind, qint64 value);
+    void onRemoteLineState(quint8 lineState);
+    void onRemoteModemState(quint8 modemState);
 
     int m_paneId;
     ConnectionController *m_controller;
@@ -242,6 +254,8 @@ private:
     bool m_autoSendBeforeTransfer = false;
     bool m_wasConnected = false;  // the stream socket connected at least once
     ReconnectPolicy m_reconnect;
+    quint8 m_remoteLineState = 0;
+    quint8 m_remoteModemState = 0;
 
     // The log formats every chunk itself, with its own decoders, so what it
     // records does not depend on whether or when a view drains.

@@ -220,10 +220,16 @@ void SerialPortWidget::connectSession()
     connect(s, &PortSession::rxTapped, this, &SerialPortWidget::rxTapped);
     connect(s, &PortSession::consoleTraffic, this, &SerialPortWidget::consoleTraffic);
     connect(s, &PortSession::note, this, [this](const QString &text) {
-        // What arrived before the note shows before it.
+        // After what arrived before it, not in the middle of the queue.
         if (viewState() == ViewState::Normal)
             drain(-1);
         writeNote(text);
+    });
+    connect(s, &PortSession::remoteLinesChanged, this, [this] {
+        using Bit = Rfc2217ClientSession::ModemStateBit;
+        const quint8 state = m_session->remoteModemState();
+        ui.indicatorLights->setInputLevels(state & Bit::Cts, state & Bit::Dsr, state & Bit::RingIndicator,
+                                           state & Bit::CarrierDetect);
     });
 }
 

@@ -39,6 +39,22 @@
         <source>A file transfer is using this port. Changing the control lines would interrupt it.</source>
         <translation>文件传输正在使用此端口，更改控制线会中断传输。</translation>
     </message>
+    <message>
+        <source>Clear To Send at the remote port</source>
+        <translation>远程端口的清除发送（CTS）</translation>
+    </message>
+    <message>
+        <source>Data Set Ready at the remote port</source>
+        <translation>远程端口的数据设备就绪（DSR）</translation>
+    </message>
+    <message>
+        <source>Ring Indicator at the remote port</source>
+        <translation>远程端口的振铃指示（RI）</translation>
+    </message>
+    <message>
+        <source>Carrier Detect at the remote port</source>
+        <translation>远程端口的载波检测（CD）</translation>
+    </message>
 </context>
 <context>
     <name>LogWriter</name>
@@ -156,6 +172,14 @@
     <message>
         <source>Several clients are connected. Select the one to transfer with.</source>
         <translation>已连接多个客户端。请选择要进行传输的客户端。</translation>
+    </message>
+    <message>
+        <source>The remote peer did not accept RFC 2217 com-port control, so Break cannot be sent.</source>
+        <translation>远程对端未接受 RFC 2217 串口控制，因此无法发送 Break。</translation>
+    </message>
+    <message>
+        <source>Sent Break to the remote port; it is released when you let go.</source>
+        <translation>已向远程端口发送 Break；松开按钮时解除。</translation>
     </message>
     <message>
         <source>The peer is not reading: %L1 bytes are still waiting to be sent.</source>

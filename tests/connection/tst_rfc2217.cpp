@@ -3,6 +3,7 @@
 // two roles of the codec talk to each other.
 #include "connection/rfc2217clientsession.h"
 #include "connection/telnetcodec.h"
+#include "telnetfuzztarget.h"
 
 #include <QtTest>
 
@@ -694,6 +695,22 @@ private Q_SLOTS:
         const Session::Step step = session.feed(hex("fffd2c"), 1001);
         // Nothing is confirmed on the new connection: all five go again.
         QCOMPARE(step.write.count(hex("fffa2c")), 2 + 5);
+    }
+
+    // The fuzzer's seed inputs (tests/fuzz/corpus/telnet) through the same
+    // target body, so the ordinary build keeps them passing.
+    void fuzzSeeds()
+    {
+        const QFileInfoList seeds = QDir(QStringLiteral(TSL_FUZZ_CORPUS "/telnet")).entryInfoList(QDir::Files);
+        QVERIFY(!seeds.isEmpty());
+        for (const QFileInfo &seed : seeds) {
+            QFile file(seed.filePath());
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            const QByteArray input = file.readAll();
+            const QString failure =
+                fuzzTelnetReceiver(reinterpret_cast<const uint8_t *>(input.constData()), size_t(input.size()));
+            QVERIFY2(failure.isEmpty(), qPrintable(seed.fileName() + ": " + failure));
+        }
     }
 };
 

@@ -5,6 +5,7 @@
 // socket and the session and keeps the session's one timer.
 #include "connection/rfc2217clientsession.h"
 #include "support/ptypair.h"
+#include "support/ser2netserver.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
@@ -50,94 +51,6 @@ QStringList sttyWords(const QString &path)
     return QString::fromLocal8Bit(stty.readAllStandardOutput()).split(QRegularExpression(QStringLiteral("[\\s;]+")),
                                                                        Qt::SkipEmptyParts);
 }
-
-quint16 freeLoopbackPort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
-}
-
-// ser2net serving a device on a free loopback port.
-class Ser2net
-{
-public:
-    ~Ser2net() { stop(); }
-
-    bool start(const QString &device, bool serialControl)
-    {
-        const QString program = QStandardPaths::findExecutable(QStringLiteral("ser2net"));
-        if (program.isEmpty()) {
-            m_error = QStringLiteral("ser2net is not installed (scripts/setup.sh installs it)");
-            return false;
-        }
-        // Another process may take the port between our probe and ser2net's
-        // bind: try a few.
-        for (int attempt = 0; attempt < 5; ++attempt) {
-            m_port = freeLoopbackPort();
-            const QString config = m_dir.filePath(QStringLiteral("ser2net.yaml"));
-            QFile file(config);
-            if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-                m_error = file.errorString();
-                return false;
-            }
-            file.write(QStringLiteral("connection: &port\n"
-                                      "    accepter: %1,tcp,127.0.0.1,%2\n"
-                                      "    connector: serialdev,%3,115200n81,local\n")
-                           .arg(serialControl ? QStringLiteral("telnet(rfc2217)") : QStringLiteral("telnet"))
-                           .arg(m_port)
-                           .arg(device)
-                           .toUtf8());
-            file.close();
-            m_process.setProcessChannelMode(QProcess::MergedChannels);
-            m_process.start(program, {QStringLiteral("-d"), QStringLiteral("-l"), QStringLiteral("-c"), config});
-            if (!m_process.waitForStarted(3000)) {
-                m_error = m_process.errorString();
-                return false;
-            }
-            if (waitUntilListening())
-                return true;
-            stop();
-        }
-        m_error = QStringLiteral("ser2net did not listen: %1").arg(QString::fromLocal8Bit(m_process.readAll()));
-        return false;
-    }
-
-    void stop()
-    {
-        if (m_process.state() == QProcess::NotRunning)
-            return;
-        m_process.terminate();
-        if (!m_process.waitForFinished(3000)) {
-            m_process.kill();
-            m_process.waitForFinished(3000);
-        }
-    }
-
-    quint16 port() const { return m_port; }
-    QString errorText() const { return m_error; }
-
-private:
-    bool waitUntilListening()
-    {
-        QDeadlineTimer deadline(3000);
-        while (!deadline.hasExpired() && m_process.state() == QProcess::Running) {
-            QTcpSocket probe;
-            probe.connectToHost(QHostAddress::LocalHost, m_port);
-            if (probe.waitForConnected(200)) {
-                probe.abort();
-                return true;
-            }
-            QTest::qWait(50);
-        }
-        return false;
-    }
-
-    QTemporaryDir m_dir;
-    QProcess m_process;
-    quint16 m_port = 0;
-    QString m_error;
-};
 
 // A TCP server of our own that records what it receives and, if asked,
 // sends it straight back.
@@ -264,7 +177,7 @@ private Q_SLOTS:
         m_far = std::make_unique<QSerialPort>();
         m_far->setPortName(m_pty->pathA());
         QVERIFY2(m_far->open(QIODevice::ReadWrite), qPrintable(m_far->errorString()));
-        m_ser2net = std::make_unique<Ser2net>();
+        m_ser2net = std::make_unique<Ser2netServer>();
     }
 
     void cleanup()
@@ -276,7 +189,7 @@ private Q_SLOTS:
 
     void everyByteBothWaysAndAgainAfterReconnecting()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), true), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
         SessionDriver driver({}, false);
         const QByteArray data = everyByte(64);
         for (int connection = 1; connection <= 2; ++connection) {
@@ -301,7 +214,7 @@ private Q_SLOTS:
 
     void parametersReachTheFarPort()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), true), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
         const Session::SerialParameters first{19200, QSerialPort::Data7, QSerialPort::OddParity, QSerialPort::TwoStop,
                                               QSerialPort::NoFlowControl};
         SessionDriver driver(first, false);
@@ -339,7 +252,7 @@ private Q_SLOTS:
 
     void remoteConfigurationIsReported()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), true), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
         SessionDriver driver(Session::SerialParameters{300, QSerialPort::Data5, QSerialPort::EvenParity,
                                                        QSerialPort::TwoStop, QSerialPort::HardwareControl},
                              true);
@@ -356,7 +269,7 @@ private Q_SLOTS:
 
     void breakAndControlLinesDoNotWait()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), true), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
         SessionDriver driver({}, false);
         driver.connectTo(m_ser2net->port());
         QTRY_COMPARE_WITH_TIMEOUT(driver.negotiation(), Negotiation::Rfc2217, kWaitMs);
@@ -380,7 +293,7 @@ private Q_SLOTS:
 
     void plainTelnetServer()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), false), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Telnet), qPrintable(m_ser2net->errorText()));
         SessionDriver driver({}, false);
         driver.connectTo(m_ser2net->port());
         QTRY_COMPARE_WITH_TIMEOUT(driver.ofKind(SKind::ModeDecided).size(), 1, kWaitMs);
@@ -433,7 +346,7 @@ private Q_SLOTS:
 private:
     std::unique_ptr<PtyPair> m_pty;
     std::unique_ptr<QSerialPort> m_far;
-    std::unique_ptr<Ser2net> m_ser2net;
+    std::unique_ptr<Ser2netServer> m_ser2net;
 };
 
 QTEST_GUILESS_MAIN(Rfc2217PeerTest)

@@ -1,5 +1,7 @@
 #include "connection/connectioncontroller.h"
 #include "support/settingssandbox.h"
+#include "terminal/controllinelights.h"
+#include "terminal/ledindicator.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
 
@@ -14,6 +16,7 @@
 #include <QSpinBox>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QToolButton>
 #include <QtTest>
 
 #include <memory>
@@ -70,6 +73,7 @@ private Q_SLOTS:
     void pausedViewKeepsNewestAndCountsAll();
     void floodIsThrottledWithoutLoss();
     void logRecordsAndReportsUnwritableFolder();
+    void remotePortShowsNotesAndInputLights();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -403,6 +407,56 @@ void PortPaneTest::logRecordsAndReportsUnwritableFolder()
     QVERIFY(!pane->isLogging());
     QVERIFY(device.waitForClient());
     QTRY_VERIFY_WITH_TIMEOUT(device.server.hasPendingConnections() || device.client, 5000);
+}
+
+// A remote serial port pane: the remote's answers become notes in the view,
+// in order with its data, and its input lines light the lights row.
+void PortPaneTest::remotePortShowsNotesAndInputLights()
+{
+    TcpDevice device;
+    QVERIFY(device.listen());
+    SerialPortWidget pane(7);
+    ConnectionConfig config;
+    config.mode = ConnectionMode::RemoteSerialRfc2217;
+    config.targetHost = "127.0.0.1";
+    config.targetPort = device.server.serverPort();
+    PaneOptions options;
+    options.logSaveFlag = false;
+    pane.applySettings(config, options, {});
+    pane.show();
+    auto *lights = pane.findChild<ControlLineLights *>("indicatorLights");
+    QVERIFY(lights);
+    QVERIFY(lights->ctsLight()->isVisibleTo(&pane));
+    QVERIFY(pane.openConnection());
+    QVERIFY(device.waitForClient());
+
+    device.write("before");
+    // Agreement, then modem state CTS and CD, a parity fault, more data.
+    device.write(QByteArray::fromHex("fffd2c fffa2c6b90fff0 fffa2c6a04fff0") + "after");
+    const QString accepted = "-- The remote port accepted serial parameter control. --";
+    const QString fault = "-- The remote port reports: parity error. --";
+    QTRY_VERIFY_WITH_TIMEOUT(viewText(pane).contains("after"), 5000);
+    const QString text = viewText(pane);
+    QVERIFY2(text.indexOf("before") < text.indexOf(accepted) && text.indexOf(accepted) < text.indexOf(fault)
+                 && text.indexOf(fault) < text.indexOf("after"),
+             qPrintable(text));
+    QVERIFY(lights->ctsLight()->isLit() && lights->carrierLight()->isLit());
+    QVERIFY(!lights->dsrLight()->isLit() && !lights->ringLight()->isLit());
+
+    // Break goes to the remote port while the button is held.
+    QSignalSpy status(&pane, &SerialPortWidget::statusMessage);
+    auto *breakButton = pane.findChild<QToolButton *>("breakButton");
+    QVERIFY(breakButton && breakButton->isEnabled());
+    QTest::mousePress(breakButton, Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(device.received.contains(QByteArray::fromHex("fffa2c0505fff0")), 5000);
+    QVERIFY(!status.isEmpty());
+    QCOMPARE(status.last().at(0).toString(), "Sent Break to the remote port; it is released when you let go.");
+    QTest::mouseRelease(breakButton, Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(device.received.contains(QByteArray::fromHex("fffa2c0506fff0")), 5000);
+
+    // Gone with the connection: the next one reports its own.
+    device.client->close();
+    QTRY_VERIFY_WITH_TIMEOUT(!lights->ctsLight()->isLit(), 5000);
 }
 
 QTEST_MAIN(PortPaneTest)

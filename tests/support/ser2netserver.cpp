@@ -1,0 +1,94 @@
+#include "support/ser2netserver.h"
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QStandardPaths>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+
+Ser2netServer::~Ser2netServer()
+{
+    stop();
+}
+
+quint16 Ser2netServer::freeLoopbackPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
+
+bool Ser2netServer::start(const QString &device, Protocol protocol, quint16 port)
+{
+    const QString program = QStandardPaths::findExecutable(QStringLiteral("ser2net"));
+    if (program.isEmpty()) {
+        m_error = QStringLiteral("ser2net is not installed (scripts/setup.sh installs it)");
+        return false;
+    }
+    QString accepter;
+    switch (protocol) {
+    case Protocol::Rfc2217: accepter = QStringLiteral("telnet(rfc2217),tcp"); break;
+    case Protocol::Telnet: accepter = QStringLiteral("telnet,tcp"); break;
+    case Protocol::RawTcp: accepter = QStringLiteral("tcp"); break;
+    }
+    // Another process may take a probed port before ser2net binds it: a
+    // free port is tried a few times; a given one is retried while the old
+    // listener lets go of it.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        m_port = port ? port : freeLoopbackPort();
+        const QString config = m_dir.filePath(QStringLiteral("ser2net.yaml"));
+        QFile file(config);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+            m_error = file.errorString();
+            return false;
+        }
+        file.write(QStringLiteral("connection: &port\n"
+                                  "    accepter: %1,127.0.0.1,%2\n"
+                                  "    connector: serialdev,%3,115200n81,local\n")
+                       .arg(accepter)
+                       .arg(m_port)
+                       .arg(device)
+                       .toUtf8());
+        file.close();
+        m_process.setProcessChannelMode(QProcess::MergedChannels);
+        m_process.start(program, {QStringLiteral("-d"), QStringLiteral("-l"), QStringLiteral("-c"), config});
+        if (!m_process.waitForStarted(3000)) {
+            m_error = m_process.errorString();
+            return false;
+        }
+        if (waitUntilListening())
+            return true;
+        m_error = QStringLiteral("ser2net did not listen: %1").arg(QString::fromLocal8Bit(m_process.readAll()));
+        stop();
+        if (port)
+            QTest::qWait(200);
+    }
+    return false;
+}
+
+void Ser2netServer::stop()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.terminate();
+    if (!m_process.waitForFinished(3000)) {
+        m_process.kill();
+        m_process.waitForFinished(3000);
+    }
+}
+
+bool Ser2netServer::waitUntilListening()
+{
+    QDeadlineTimer deadline(3000);
+    while (!deadline.hasExpired() && m_process.state() == QProcess::Running) {
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, m_port);
+        if (probe.waitForConnected(200)) {
+            probe.abort();
+            return true;
+        }
+        QTest::qWait(50);
+    }
+    return false;
+}
