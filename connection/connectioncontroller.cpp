@@ -142,7 +142,7 @@ bool ConnectionController::open(const ConnectionConfig &config, const QString &p
             return refuse(tr("TCP connect FAILED: %1").arg(badPort));
         if (config.mode == ConnectionMode::RemoteSerialRfc2217) {
             Rfc2217Transport *remote = ensureRfc2217();
-            remote->setConfiguration(Rfc2217ClientSession::SerialParameters::fromConfig(config),
+            remote->setConfiguration(SerialParameters::from(config),
                                      config.useRemoteSerialConfig);
             remote->connectTo(config.targetHost, quint16(config.targetPort));
             return true;
@@ -427,9 +427,9 @@ int ConnectionController::currentUdpPeer() const
 
 void ConnectionController::setRemoteSerialParameters(const ConnectionConfig &config)
 {
-    ensureRfc2217()->setConfiguration(Rfc2217ClientSession::SerialParameters::fromConfig(config),
+    ensureRfc2217()->setConfiguration(SerialParameters::from(config),
                                       config.useRemoteSerialConfig);
-    m_rfc2217->setSerialParameters(Rfc2217ClientSession::SerialParameters::fromConfig(config));
+    m_rfc2217->setSerialParameters(SerialParameters::from(config));
 }
 
 bool ConnectionController::setRemoteControlLine(ControlLine line, bool on)

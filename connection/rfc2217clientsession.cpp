@@ -9,11 +9,6 @@
 using Command = TelnetCodec::Command;
 using Control = TelnetCodec::Control;
 
-Rfc2217ClientSession::SerialParameters Rfc2217ClientSession::SerialParameters::fromConfig(const ConnectionConfig &config)
-{
-    return SerialParameters{config.baudRate, config.dataBits, config.parity, config.stopBits, config.flowControl};
-}
-
 Rfc2217ClientSession::Rfc2217ClientSession(const SerialParameters &parameters, bool useRemoteSerialConfig)
     : m_wanted(parameters)
     , m_useRemoteSerialConfig(useRemoteSerialConfig)

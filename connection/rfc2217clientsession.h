@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/codecstep.h"
+#include "connection/serialparameters.h"
 #include "connection/telnetcodec.h"
 
 #include <QByteArray>
@@ -10,7 +11,6 @@
 
 #include <optional>
 
-struct ConnectionConfig;
 
 // The client end of a serial port reached over Telnet with serial port
 // control, between a pane and its TCP socket, in the codec shape: the owner
@@ -29,17 +29,7 @@ class Rfc2217ClientSession
 public:
     enum class Negotiation : int { Undecided = 0, Rfc2217 = 1, PlainTelnet = 2, TransparentTcp = 3 };
 
-    struct SerialParameters
-    {
-        qint32 baudRate = 9600;
-        QSerialPort::DataBits dataBits = QSerialPort::Data8;
-        QSerialPort::Parity parity = QSerialPort::NoParity;
-        QSerialPort::StopBits stopBits = QSerialPort::OneStop;
-        QSerialPort::FlowControl flowControl = QSerialPort::NoFlowControl;
-
-        bool operator==(const SerialParameters &other) const = default;
-        static SerialParameters fromConfig(const ConnectionConfig &config);
-    };
+    using SerialParameters = ::SerialParameters;
 
     struct Event
     {

@@ -52,11 +52,6 @@ bool setItem(QSerialPort &port, SerialItem item, const Parameters &value)
 
 } // namespace
 
-SerialPortTransport::Parameters SerialPortTransport::Parameters::from(const ConnectionConfig &config)
-{
-    return {config.baudRate, config.dataBits, config.parity, config.stopBits, config.flowControl};
-}
-
 SerialPortTransport::SerialPortTransport(QObject *parent)
     : PortTransport(parent)
     , m_serial(new QSerialPort(this))

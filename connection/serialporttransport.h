@@ -3,6 +3,7 @@
 #include "common/result.h"
 #include "connection/connectionconfig.h"
 #include "connection/porttransport.h"
+#include "connection/serialparameters.h"
 
 #include <QSerialPort>
 
@@ -17,18 +18,7 @@ public:
     enum class ControlLine { Dtr = 0, Rts = 1, Break = 2 };
     Q_ENUM(ControlLine)
 
-    // The five settings of a serial line.
-    struct Parameters
-    {
-        qint32 baudRate = 9600;
-        QSerialPort::DataBits dataBits = QSerialPort::Data8;
-        QSerialPort::Parity parity = QSerialPort::NoParity;
-        QSerialPort::StopBits stopBits = QSerialPort::OneStop;
-        QSerialPort::FlowControl flowControl = QSerialPort::NoFlowControl;
-
-        static Parameters from(const ConnectionConfig &config);
-        bool operator==(const Parameters &other) const = default;
-    };
+    using Parameters = SerialParameters;
 
     explicit SerialPortTransport(QObject *parent = nullptr);
     ~SerialPortTransport() override;

@@ -2,6 +2,7 @@
 // arriving at once (against a bare QTcpServer in the same run) and how much
 // it can write to all of them, with the event loop's worst stall alongside.
 // Prints one figure per line: name, value, unit.
+#include "support/benchsupport.h"
 #include "connection/connectioncontroller.h"
 
 #include <QCoreApplication>
@@ -24,23 +25,16 @@ constexpr qint64 kFanOutBytesPerClient = 8 * 1024 * 1024;
 constexpr int kChunk = 64 * 1024;
 constexpr int kTimeoutMs = 60000;
 
+bool spinUntil(const std::function<bool()> &done, qint64 timeoutMs = kTimeoutMs)
+{
+    return BenchSupport::runUntil(done, timeoutMs);
+}
+
+
 void print(const char *name, double value, const char *unit)
 {
     std::printf("%s %.1f %s\n", name, value, unit);
     std::fflush(stdout);
-}
-
-// Runs the event loop until done() holds or the time is up.
-bool spinUntil(const std::function<bool()> &done, int timeoutMs = kTimeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
 }
 
 bool raiseDescriptorLimit(rlim_t needed)

@@ -5,6 +5,7 @@
 // accepter of the same ser2net on the same pty (a plain TCP client pane),
 // in the same run. Also the receiver's unescaping on its own. Prints one
 // figure per line: name, value, unit.
+#include "support/benchsupport.h"
 #include "connection/connectioncontroller.h"
 #include "connection/telnetcodec.h"
 #include "support/ptypair.h"
@@ -26,22 +27,16 @@ constexpr qint64 kTotalBytes = 64 * 1024 * 1024;
 constexpr int kChunk = 256 * 1024;
 constexpr int kTimeoutMs = 120000;
 
+bool spinUntil(const std::function<bool()> &done, qint64 timeoutMs = kTimeoutMs)
+{
+    return BenchSupport::runUntil(done, timeoutMs);
+}
+
+
 void print(const char *name, double value, const char *unit, int decimals = 1)
 {
     std::printf("%s %.*f %s\n", name, decimals, value, unit);
     std::fflush(stdout);
-}
-
-bool spinUntil(const std::function<bool()> &done, int timeoutMs = kTimeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
 }
 
 // Every byte value, so the RFC 2217 path escapes and unescapes 0xFF.

@@ -12,6 +12,7 @@
 //     encodings  random bytes without line ends in every receive encoding
 //
 // The same executable plays the far side when started with --peer.
+#include "support/benchsupport.h"
 #include "common/appidentity.h"
 #include "connection/connectioncontroller.h"
 #include "terminal/portsession.h"
@@ -44,6 +45,9 @@
 #include <cstring>
 
 namespace {
+
+using BenchSupport::runUntil;
+
 
 QTextStream &out()
 {
@@ -107,19 +111,6 @@ private:
     qint64 m_last = 0;
     qint64 m_longest = 0;
 };
-
-// Runs the event loop until done() or the time is up.
-bool runUntil(const std::function<bool()> &done, qint64 timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    }
-    return true;
-}
 
 void runFor(qint64 ms)
 {

@@ -4,6 +4,7 @@
 // run from the start until both ends are done, so lrzsz's fixed pauses
 // weigh on every pairing alike. The event loop's worst stall while our side
 // runs is printed too. One figure per line: name, value, unit.
+#include "support/benchsupport.h"
 #include "transfer/filetransfersession.h"
 #include "transfer/xferport.h"
 
@@ -30,6 +31,12 @@ namespace {
 constexpr qint64 kFileBytes = 4 * 1024 * 1024;
 constexpr int kTimeoutMs = 180000;
 
+bool spinUntil(const std::function<bool()> &done, qint64 timeoutMs = kTimeoutMs)
+{
+    return BenchSupport::runUntil(done, timeoutMs);
+}
+
+
 struct Variant
 {
     const char *tag;
@@ -50,18 +57,6 @@ void print(const QString &name, double value, const char *unit)
 {
     std::printf("%s %.1f %s\n", qPrintable(name), value, unit);
     std::fflush(stdout);
-}
-
-bool spinUntil(const std::function<bool()> &done, int timeoutMs = kTimeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    }
-    return true;
 }
 
 // The largest gap between ticks of a 5 ms timer while it runs.
