@@ -251,7 +251,7 @@ void SerialPortWidget::onRefreshDisplay()
     if (time != o.displayTime || interval != o.autoFeedInterval || ending != o.rxLineEnding)
         takeOptionsFromWidgets();
     if (viewState() == ViewState::Normal)
-        displayPortBuffer(m_drainBudget);
+        displayPortBuffer(ReceiveIngest::kRefreshByteBudget);
     updateCounters();
 }
 
@@ -264,28 +264,63 @@ void SerialPortWidget::drain(qint64 byteBudget)
 {
     QElapsedTimer clock;
     clock.start();
-    const QList<DisplayChunk> chunks = m_session->takeForView(byteBudget, byteBudget >= 0 ? kDrainTimeLimitMs : -1);
-    if (chunks.isEmpty())
+    const bool everything = byteBudget < 0;
+    // New chunks are formatted only once what was formatted before is in,
+    // so the view shows everything in order.
+    if (m_viewBacklog.isEmpty() || everything) {
+        const QList<DisplayChunk> chunks = m_session->takeForView(byteBudget, everything ? -1 : kDrainTimeLimitMs);
+        m_drainSegments = &m_viewBacklog;
+        for (const DisplayChunk &chunk : chunks)
+            decodeBufferForUi(chunk);
+        m_drainSegments = nullptr;
+        m_backlogChars = 0;
+        for (const ReceiveView::Segment &segment : std::as_const(m_viewBacklog))
+            m_backlogChars += segment.text.size();
+    }
+    if (m_viewBacklog.isEmpty())
         return;
-    // The chunks' text goes into the view in one insert at the end.
-    QList<ReceiveView::Segment> segments;
-    m_drainSegments = &segments;
-    for (const DisplayChunk &chunk : chunks)
-        decodeBufferForUi(chunk);
-    m_drainSegments = nullptr;
+    const QList<ReceiveView::Segment> segments = takeBacklog(everything ? m_backlogChars : m_charBudget);
     ui.receiveView->appendSegments(segments);
     ui.receiveView->trimIfOver(m_session->options().displayBufferSize);
     if (ui.findBar->isActive())
         ui.findBar->refreshMatches();
-    if (byteBudget >= 0) {
+    if (!everything) {
         // Formatting is bounded by the time limit, laying out is not: adapt
-        // the next budget to how long this one took in all.
+        // the next insert to how long this one took in all.
         const qint64 took = clock.elapsed();
         if (took > kDrainTimeLimitMs)
-            m_drainBudget = qMax<qint64>(m_drainBudget / 2, ReceiveIngest::kMaxChunkBytes);
+            m_charBudget = qMax(m_charBudget / 2, kMinCharBudget);
         else if (took < kDrainTimeLimitMs / 2)
-            m_drainBudget = qMin<qint64>(m_drainBudget * 2, ReceiveIngest::kRefreshByteBudget);
+            m_charBudget = qMin(m_charBudget * 2, kMaxCharBudget);
     }
+}
+
+QList<ReceiveView::Segment> SerialPortWidget::takeBacklog(qsizetype maxChars)
+{
+    QList<ReceiveView::Segment> taken;
+    qsizetype room = maxChars;
+    while (!m_viewBacklog.isEmpty() && room > 0) {
+        ReceiveView::Segment &first = m_viewBacklog.first();
+        if (first.text.size() <= room) {
+            room -= first.text.size();
+            taken.append(m_viewBacklog.takeFirst());
+            continue;
+        }
+        qsizetype cut = room;
+        if (first.text.at(cut - 1).isHighSurrogate())
+            --cut;  // a character is never split
+        if (cut == 0)
+            break;
+        taken.append(ReceiveView::Segment{first.text.left(cut), first.color});
+        first.text.remove(0, cut);
+        room -= cut;
+        break;
+    }
+    if (taken.isEmpty() && !m_viewBacklog.isEmpty())
+        taken.append(m_viewBacklog.takeFirst());
+    for (const ReceiveView::Segment &segment : std::as_const(taken))
+        m_backlogChars -= segment.text.size();
+    return taken;
 }
 
 QString SerialPortWidget::decodeBufferForUi(const DisplayChunk &rxData)

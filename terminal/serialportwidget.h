@@ -69,7 +69,9 @@ public:
     quint64 txCount() const { return m_session->txCount(); }
     quint64 rxCount() const { return m_session->rxCount(); }
     void resetCounters();
-    qint64 pendingDisplayBytes() const { return m_session->ingest().pendingBytes(); }
+    // What waits for the view: received bytes still queued, plus characters
+    // already formatted; zero once everything is shown.
+    qint64 pendingDisplayBytes() const { return m_session->ingest().pendingBytes() + m_backlogChars; }
     void openFindBar();
 
     void setTransferActive(bool active) { m_session->setTransferActive(active); }
@@ -138,6 +140,7 @@ private:
     void takeOptionsFromWidgets();
     void announceSettingsChange();
     void drain(qint64 byteBudget);
+    QList<ReceiveView::Segment> takeBacklog(qsizetype maxChars);
     void showFailure(const QString &text);
     void updateCounters();
     void updateOpenState();
@@ -157,9 +160,14 @@ private:
     QTimer *m_targetTimer;
     bool m_targetsStale = false;
     DisplayLineBreaker m_lineBreaker;
-    // Bytes one refresh may take: starts small, grows to the full budget
-    // while the view lays text out fast and shrinks while it is slow (text
-    // in scripts that need font fallback, say).
-    static constexpr qint64 kFirstDrainBudget = 16 * 1024;
-    qint64 m_drainBudget = kFirstDrainBudget;
+    // Text formatted for the view but not inserted yet, and how many
+    // characters one refresh inserts: it starts small, grows while the view
+    // lays text out fast and shrinks while it is slow (text in scripts that
+    // need font fallback costs far more per character than ASCII).
+    QList<ReceiveView::Segment> m_viewBacklog;
+    qsizetype m_backlogChars = 0;
+    static constexpr qsizetype kFirstCharBudget = 16 * 1024;
+    static constexpr qsizetype kMinCharBudget = 256;
+    static constexpr qsizetype kMaxCharBudget = 1024 * 1024;
+    qsizetype m_charBudget = kFirstCharBudget;
 };

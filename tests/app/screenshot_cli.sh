@@ -3,6 +3,11 @@
 # store and checks both screenshot switches and their exit codes.
 set -u
 exe=$1
+# Xvfb may outlive a failed run: it must not keep open whatever this script
+# inherited (a build lock, a pipe a caller waits on).
+for fd in $(ls /proc/$$/fd); do
+    [ "$fd" -gt 2 ] 2>/dev/null && eval "exec $fd>&-" 2>/dev/null
+done
 command -v xvfb-run >/dev/null || { echo "FAIL: xvfb-run is missing (scripts/setup.sh installs it)"; exit 1; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
