@@ -25,9 +25,11 @@
 #include <QGuiApplication>
 #include <QMessageBox>
 #include <QScreen>
+#include <QScrollArea>
 #include <QSettings>
 #include <QSplitter>
 #include <QStatusBar>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -45,8 +47,19 @@ MainWindow::MainWindow(QWidget *parent)
     , ui(new Ui::MainWindow)
 {
     ui->setupUi(this);
-    auto *layout = new QVBoxLayout(ui->portArea);
+    // Panes keep their minimum size: many of them on a small screen scroll
+    // instead of pushing the window past the screen.
+    auto *areaLayout = new QVBoxLayout(ui->portArea);
+    areaLayout->setContentsMargins(0, 0, 0, 0);
+    auto *scroll = new QScrollArea(ui->portArea);
+    scroll->setObjectName(QStringLiteral("portScrollArea"));
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setWidgetResizable(true);
+    m_paneHolder = new QWidget(scroll);
+    auto *layout = new QVBoxLayout(m_paneHolder);
     layout->setContentsMargins(0, 0, 0, 0);
+    scroll->setWidget(m_paneHolder);
+    areaLayout->addWidget(scroll);
 
     auto *layouts = new QActionGroup(this);
     const std::pair<QAction *, PortArrangement::Layout> layoutActions[] = {
@@ -115,7 +128,7 @@ SerialPortWidget *MainWindow::addPane()
 
 SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
 {
-    auto *pane = new SerialPortWidget(m_nextPaneId++, ui->portArea);
+    auto *pane = new SerialPortWidget(m_nextPaneId++, m_paneHolder);
     pane->applySettings(settings.settings.connection, settings.settings.options, settings.sendList);
     pane->setAutoReconnect(ui->acAutoReconnect->isChecked());
     m_panes.append(pane);
@@ -152,14 +165,14 @@ void MainWindow::rebuildLayout()
     rememberSplitterSizes();
     // The panes leave the old splitters before those go.
     for (SerialPortWidget *pane : std::as_const(m_panes))
-        pane->setParent(ui->portArea);
+        pane->setParent(m_paneHolder);
     delete m_portSplitter;
 
-    m_portSplitter = new QSplitter(Qt::Vertical, ui->portArea);
+    m_portSplitter = new QSplitter(Qt::Vertical, m_paneHolder);
     m_portSplitter->setObjectName(QStringLiteral("portSplitter"));
     m_portSplitter->setHandleWidth(8);
     m_portSplitter->setChildrenCollapsible(false);
-    ui->portArea->layout()->addWidget(m_portSplitter);
+    m_paneHolder->layout()->addWidget(m_portSplitter);
 
     const QList<int> rows = PortArrangement::rowSizes(m_layout, int(m_panes.size()), m_columnNumber);
     int next = 0;
@@ -176,6 +189,12 @@ void MainWindow::rebuildLayout()
         m_portSplitter->addWidget(row);
     }
     updateSplitterSizes();
+    // New splitters share out their space when first laid out; the stored
+    // sizes go in again once that has happened.
+    QTimer::singleShot(0, this, [this, splitter = QPointer<QSplitter>(m_portSplitter)] {
+        if (splitter == m_portSplitter)
+            updateSplitterSizes();
+    });
 }
 
 void MainWindow::rememberSplitterSizes()

@@ -119,6 +119,7 @@ private:
     static void raiseDialog(QWidget *dialog);
 
     Ui::MainWindow *ui;
+    QWidget *m_paneHolder = nullptr;
     QSplitter *m_portSplitter = nullptr;
     PortArrangement::Layout m_layout = PortArrangement::Layout::Custom;
     int m_columnNumber = 2;

@@ -1,5 +1,6 @@
 #include "app/screenshotdialogs.h"
 
+#include "app/newconnectiondialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "tools/asciicode.h"
 #include "tools/modbusbuilderdialog.h"
@@ -25,6 +26,14 @@ ScreenshotDialogs ScreenshotDialogs::standard()
     });
     table.add(QStringLiteral("ascii"), [](QWidget *parent) -> QWidget * { return new AsciiCode(parent); });
     table.add(QStringLiteral("modbus"), [](QWidget *parent) -> QWidget * { return new ModbusBuilderDialog(parent); });
+    table.add(QStringLiteral("new-connection"), [](QWidget *parent) -> QWidget * {
+        return new NewConnectionDialog(ConnectionConfig{}, ConnectionConfig{}, parent);
+    });
+    table.add(QStringLiteral("new-connection-network"), [](QWidget *parent) -> QWidget * {
+        auto *dialog = new NewConnectionDialog(ConnectionConfig{}, ConnectionConfig{}, parent);
+        dialog->showNetworkPage();
+        return dialog;
+    });
     return table;
 }
 

@@ -280,15 +280,17 @@ void MainWindowTest::otherArrangementsFillRows()
 void MainWindowTest::splitterSizesSurviveRebuild()
 {
     MainWindow w;
-    w.resize(1280, 800);
+    // Wide enough that both panes can take the chosen shares.
+    w.resize(2400, 1000);
     w.setColumnNumber(2);
     w.addPane();
     w.show();
     QVERIFY(QTest::qWaitForWindowExposed(&w));
     auto *row = w.findChild<QSplitter *>("portRowSplitter0");
     const int total = row->sizes().at(0) + row->sizes().at(1);
-    row->setSizes({total / 4, total - total / 4});
-    const QList<int> chosen = row->sizes();
+    const QList<int> chosen{total * 2 / 3, total - total * 2 / 3};
+    row->setSizes(chosen);
+    QCOMPARE(row->sizes(), chosen);
     w.setArrangement(PortArrangement::Layout::Custom);
     QTRY_COMPARE_WITH_TIMEOUT(w.findChild<QSplitter *>("portRowSplitter0")->sizes(), chosen, 2000);
 }
