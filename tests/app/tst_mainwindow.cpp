@@ -3,6 +3,9 @@
 #include "app/projectfile.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
+#include "terminal/controllinelights.h"
+#include "terminal/monospacefont.h"
+#include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
 #include "support/settingssandbox.h"
 
@@ -49,6 +52,7 @@ private Q_SLOTS:
     void projectSavedAndReopenedThroughWindow();
     void failedSaveIsReportedAndKeepsMark();
     void removePortKeepsTheLastOne();
+    void paneTakesFontAndLightsFromItsOptions();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -401,6 +405,28 @@ void MainWindowTest::removePortKeepsTheLastOne()
     remove->trigger();
     QCOMPARE(w.panes().size(), 1);
     QVERIFY(w.findChild<QSplitter *>("portRowSplitter0"));
+}
+
+void MainWindowTest::paneTakesFontAndLightsFromItsOptions()
+{
+    MainWindow w;
+    w.show();
+    SerialPortWidget *pane = w.panes().constFirst();
+    auto *view = pane->findChild<ReceiveView *>();
+    auto *lights = pane->findChild<ControlLineLights *>();
+    QVERIFY(view && lights);
+    // An empty family means the first installed of the preference list.
+    QCOMPARE(view->font().family(), MonospaceFont::preferredFamily());
+    QVERIFY(lights->isVisibleTo(pane));
+
+    PaneOptions o = pane->paneOptions();
+    o.fontSize = 17;
+    o.fontWeight = 700;
+    o.showControlLineLeds = false;
+    pane->applySettings(pane->connectionConfig(), o, {});
+    QCOMPARE(view->font().pointSize(), 17);
+    QCOMPARE(view->font().weight(), QFont::Bold);
+    QVERIFY(!lights->isVisibleTo(pane));
 }
 
 QTEST_MAIN(MainWindowTest)
