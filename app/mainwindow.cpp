@@ -5,6 +5,7 @@
 #include "app/newconnectiondialog.h"
 #include "common/appidentity.h"
 #include "common/logging.h"
+#include "settings/portsettingsdialog.h"
 #include "app/windowplacement.h"
 #include "terminal/serialportwidget.h"
 #include "tools/asciicode.h"
@@ -633,6 +634,42 @@ void MainWindow::raiseDialog(QWidget *dialog)
     dialog->show();
     dialog->raise();
     dialog->activateWindow();
+}
+
+void MainWindow::on_acToolsSetting_triggered()
+{
+    QPointer<SerialPortWidget> pane = currentPane();
+    if (!pane)
+        return;
+    PortSettingsDialog dialog(PaneSettings{pane->connectionConfig(), pane->paneOptions()}, this);
+    connect(&dialog, &PortSettingsDialog::restoreDefaultsRequested, this, &MainWindow::restoreDefaults);
+    if (dialog.exec() != QDialog::Accepted || !pane)
+        return;
+    const PaneSettings chosen = dialog.settings();
+    pane->applySettings(chosen.connection, chosen.options, pane->sendHistory());
+    saveLastUsed(pane);
+    markModified();
+}
+
+void MainWindow::restoreDefaults()
+{
+    const PaneSettings defaults;
+    for (SerialPortWidget *pane : std::as_const(m_panes)) {
+        pane->disarmReconnect();
+        pane->closeConnection();
+        pane->applySettings(defaults.connection, defaults.options, pane->sendHistory());
+    }
+    m_lastUsed.connection = defaults.connection;
+    m_lastUsed.pane = defaults.options;
+    m_lastUsed.quickSettings = QuickSettingsLayout{};
+    QSettings settings;
+    m_lastUsed.save(settings);
+    {
+        const QSignalBlocker blocker(ui->acFileRecordDataLog);
+        ui->acFileRecordDataLog->setChecked(defaults.options.logSaveFlag);
+    }
+    statusBar()->showMessage(tr("Default settings restored."), 3000);
+    markModified();
 }
 
 void MainWindow::on_acToolCalc_triggered()

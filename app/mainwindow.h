@@ -92,6 +92,7 @@ private Q_SLOTS:
     void on_acEditClear_triggered();
     void on_acEditPause_toggled(bool on);
     void on_actionClearSendHistory_triggered();
+    void on_acToolsSetting_triggered();
     void on_acToolCalc_triggered();
     void on_acToolsAscii_triggered();
     void on_acToolsModbus_triggered();
@@ -106,6 +107,9 @@ private:
     void rememberSplitterSizes();
     void updateSplitterSizes();
     void markModified();
+    // Every pane, the last-used record and the quick settings back to
+    // their defaults; open connections are closed first.
+    void restoreDefaults();
     void setCurrentFile(const QString &fileName);
     void addRecentFile(const QString &fileName);
     void updateRecentFilesMenu();

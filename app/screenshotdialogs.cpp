@@ -2,11 +2,13 @@
 
 #include "app/newconnectiondialog.h"
 #include "app/setconfigfilepathdialog.h"
+#include "settings/portsettingsdialog.h"
 #include "tools/asciicode.h"
 #include "tools/modbusbuilderdialog.h"
 #include "tools/toolbox.h"
 
 #include <QSettings>
+#include <QTabWidget>
 
 ScreenshotDialogs ScreenshotDialogs::standard()
 {
@@ -32,6 +34,15 @@ ScreenshotDialogs ScreenshotDialogs::standard()
     table.add(QStringLiteral("new-connection-network"), [](QWidget *parent) -> QWidget * {
         auto *dialog = new NewConnectionDialog(ConnectionConfig{}, ConnectionConfig{}, parent);
         dialog->showNetworkPage();
+        return dialog;
+    });
+    table.add(QStringLiteral("port-settings"), [](QWidget *parent) -> QWidget * {
+        return new PortSettingsDialog(PaneSettings{}, parent);
+    });
+    table.add(QStringLiteral("port-settings-log"), [](QWidget *parent) -> QWidget * {
+        auto *dialog = new PortSettingsDialog(PaneSettings{}, parent);
+        if (auto *tabs = dialog->findChild<QTabWidget *>(QStringLiteral("settingsTabs")))
+            tabs->setCurrentIndex(2);
         return dialog;
     });
     return table;

@@ -1,6 +1,7 @@
 #include "app/languagechoice.h"
 #include "app/mainwindow.h"
 #include "app/projectfile.h"
+#include "settings/portsettingsdialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
 #include "terminal/controllinelights.h"
@@ -53,6 +54,9 @@ private Q_SLOTS:
     void failedSaveIsReportedAndKeepsMark();
     void removePortKeepsTheLastOne();
     void paneTakesFontAndLightsFromItsOptions();
+    void settingsDialogKeepsWhatItShows();
+    void restoreDefaultsAsksFirst_data();
+    void restoreDefaultsAsksFirst();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -427,6 +431,62 @@ void MainWindowTest::paneTakesFontAndLightsFromItsOptions()
     QCOMPARE(view->font().pointSize(), 17);
     QCOMPARE(view->font().weight(), QFont::Bold);
     QVERIFY(!lights->isVisibleTo(pane));
+}
+
+void MainWindowTest::settingsDialogKeepsWhatItShows()
+{
+    PaneSettings in;
+    in.connection.mode = ConnectionMode::TcpClient;
+    in.connection.targetHost = "192.0.2.4";
+    in.connection.recentTargetHosts = {"192.0.2.4"};
+    in.connection.targetPort = 9100;
+    PaneOptions &o = in.options;
+    o.fontSize = 14;
+    o.fontWeight = 700;
+    o.receiveTextColor = "#aa0000";
+    o.sendTextColor = "#0000aa";
+    o.formatDisplayColor = "#00aa00";
+    o.showControlLineLeds = false;
+    o.displayBufferSize = 50000;
+    o.rxTimeFormat = "<hh:mm>";
+    o.logSaveFlag = true;
+    o.logFilePath = "/tmp/logs here";
+    o.logFileName = "dev_%Y.log";
+    o.logTimestampEnabled = false;
+    o.logTimestamp = "%h%m";
+    o.logRotateAtSize = true;
+    o.logRotateSize = 5;
+    o.logRotateAtTime = true;
+    o.logRotateTime = QTime(6, 30, 0);
+    o.needHourTimeStamp = true;
+    PortSettingsDialog dialog(in);
+    const PaneSettings out = dialog.settings();
+    QVERIFY(out.connection == in.connection);
+    QVERIFY(out.options == in.options);
+}
+
+void MainWindowTest::restoreDefaultsAsksFirst_data()
+{
+    QTest::addColumn<bool>("confirm");
+    QTest::newRow("ok") << true;
+    QTest::newRow("cancel") << false;
+}
+
+void MainWindowTest::restoreDefaultsAsksFirst()
+{
+    QFETCH(bool, confirm);
+    PaneSettings changed;
+    changed.options.fontSize = 20;
+    changed.options.logRotateAtSize = true;
+    PortSettingsDialog dialog(changed);
+    QSignalSpy restored(&dialog, &PortSettingsDialog::restoreDefaultsRequested);
+    QString question;
+    answerNextBox(confirm ? QMessageBox::Ok : QMessageBox::Cancel, &question);
+    dialog.findChild<QPushButton *>("pbRestoreDefaults")->click();
+    QCOMPARE(question, PortSettingsDialog::restoreDefaultsQuestion());
+    QCOMPARE(restored.count(), confirm ? 1 : 0);
+    QCOMPARE(dialog.settings().options.fontSize, confirm ? PaneOptions().fontSize : 20);
+    QCOMPARE(dialog.settings().options.logRotateAtSize, !confirm);
 }
 
 QTEST_MAIN(MainWindowTest)
