@@ -104,7 +104,7 @@
         <translation>流控</translation>
     </message>
     <message>
-        <source>Keep the remote port&apos;s own config</source>
+        <source>Keep the remote port's own config</source>
         <translation>保留远程端口自身的配置</translation>
     </message>
     <message>
@@ -130,6 +130,125 @@
     <message>
         <source>Remote Serial (Live Relay)</source>
         <translation>远程串口 (实时中继)</translation>
+    </message>
+</context>
+<context>
+    <name>PortSettingsDialog</name>
+    <message>
+        <source>Settings</source>
+        <translation>设置</translation>
+    </message>
+    <message>
+        <source>Connection</source>
+        <translation>连接</translation>
+    </message>
+    <message>
+        <source>Display</source>
+        <translation>显示</translation>
+    </message>
+    <message>
+        <source>Data Log</source>
+        <translation>数据日志</translation>
+    </message>
+    <message>
+        <source>Restore Default Settings</source>
+        <translation>恢复默认设置</translation>
+    </message>
+    <message>
+        <source>Bold</source>
+        <translation>粗体</translation>
+    </message>
+    <message>
+        <source>Font</source>
+        <translation>字体</translation>
+    </message>
+    <message>
+        <source>Received text colour</source>
+        <translation>接收文本颜色</translation>
+    </message>
+    <message>
+        <source>Sent text colour</source>
+        <translation>发送文本颜色</translation>
+    </message>
+    <message>
+        <source>Timestamp colour</source>
+        <translation>时间戳颜色</translation>
+    </message>
+    <message>
+        <source>Receive timestamp</source>
+        <translation>接收时间戳</translation>
+    </message>
+    <message>
+        <source>Send timestamp</source>
+        <translation>发送时间戳</translation>
+    </message>
+    <message>
+        <source>Display buffer</source>
+        <translation>显示缓冲区</translation>
+    </message>
+    <message>
+        <source>Show the TX/RX and control line indicators</source>
+        <translation>显示 TX/RX 和控制线指示灯</translation>
+    </message>
+    <message>
+        <source>Save received and sent data to a log file</source>
+        <translation>将接收和发送的数据保存到日志文件</translation>
+    </message>
+    <message>
+        <source>...</source>
+        <translation>...</translation>
+    </message>
+    <message>
+        <source>Log Folder</source>
+        <translation>日志文件夹</translation>
+    </message>
+    <message>
+        <source>Folder</source>
+        <translation>文件夹</translation>
+    </message>
+    <message>
+        <source>%S port, %Y year, %M month, %D day</source>
+        <translation>%S 端口，%Y 年，%M 月，%D 日</translation>
+    </message>
+    <message>
+        <source>File name</source>
+        <translation>文件名</translation>
+    </message>
+    <message>
+        <source>Timestamps</source>
+        <translation>时间戳</translation>
+    </message>
+    <message>
+        <source>%h hours, %m minutes, %s seconds, %z milliseconds</source>
+        <translation>%h 时，%m 分，%s 秒，%z 毫秒</translation>
+    </message>
+    <message>
+        <source>Start a new file after</source>
+        <translation>文件达到此大小后新建文件</translation>
+    </message>
+    <message>
+        <source> MiB</source>
+        <translation> MiB</translation>
+    </message>
+    <message>
+        <source>Rotation</source>
+        <translation>轮换</translation>
+    </message>
+    <message>
+        <source>Start a new file every day at</source>
+        <translation>每天在此时间新建文件</translation>
+    </message>
+    <message>
+        <source>Add the hour to rotated file names</source>
+        <translation>在轮换的文件名中加入小时</translation>
+    </message>
+    <message>
+        <source>All connection, receive, send, log, display and Quick Settings options of every port return to their defaults.
+Your account, saved settings files and log files are not changed.
+Active connections are stopped when you press OK; Cancel changes nothing.</source>
+        <translation>所有端口的连接、接收、发送、日志、显示和快速设置选项都将恢复为默认值。
+您的账户、已保存的设置文件和日志文件不会改变。
+按“确定”后活动连接将被停止；按“取消”则不做任何更改。</translation>
     </message>
 </context>
 </TS>
