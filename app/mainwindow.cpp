@@ -6,6 +6,7 @@
 #include "common/appidentity.h"
 #include "common/logging.h"
 #include "settings/portsettingsdialog.h"
+#include "settings/quicksettingsdialog.h"
 #include "app/windowplacement.h"
 #include "terminal/serialportwidget.h"
 #include "tools/asciicode.h"
@@ -132,6 +133,7 @@ SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
     auto *pane = new SerialPortWidget(m_nextPaneId++, m_paneHolder);
     pane->applySettings(settings.settings.connection, settings.settings.options, settings.sendList);
     pane->setAutoReconnect(ui->acAutoReconnect->isChecked());
+    pane->applyQuickSettings(m_lastUsed.quickSettings, m_quickView);
     m_panes.append(pane);
     connect(pane, &SerialPortWidget::statusMessage, this,
             [this](const QString &text, int timeoutMs) { statusBar()->showMessage(text, timeoutMs); });
@@ -291,6 +293,10 @@ bool MainWindow::openProject(const QString &fileName)
     m_quickView = project.quickView;
     m_columnNumber = project.columnNumber;
     m_lastUsed.quickSettings = project.quickSettings;
+    {
+        const QSignalBlocker blocker(ui->acViewQuickSettings);
+        ui->acViewQuickSettings->setChecked(!m_quickView);
+    }
     for (const ProjectPane &pane : project.panes)
         createPane(pane);
     rebuildLayout();
@@ -509,6 +515,31 @@ void MainWindow::on_acViewColumnNumber_triggered()
     markModified();
 }
 
+void MainWindow::applyQuickSettings()
+{
+    for (SerialPortWidget *pane : std::as_const(m_panes))
+        pane->applyQuickSettings(m_lastUsed.quickSettings, m_quickView);
+}
+
+void MainWindow::on_acViewQuickSettings_toggled(bool closed)
+{
+    m_quickView = !closed;
+    applyQuickSettings();
+    markModified();
+}
+
+void MainWindow::on_acViewQuickSettingsEdit_triggered()
+{
+    QuickSettingsDialog dialog(m_lastUsed.quickSettings, this);
+    if (dialog.exec() != QDialog::Accepted)
+        return;
+    m_lastUsed.quickSettings = dialog.layout();
+    QSettings settings;
+    m_lastUsed.quickSettings.save(settings);
+    applyQuickSettings();
+    markModified();
+}
+
 void MainWindow::on_acViewAlwaysTop_toggled(bool on)
 {
     setWindowFlag(Qt::WindowStaysOnTopHint, on);
@@ -664,6 +695,7 @@ void MainWindow::restoreDefaults()
     m_lastUsed.quickSettings = QuickSettingsLayout{};
     QSettings settings;
     m_lastUsed.save(settings);
+    applyQuickSettings();
     {
         const QSignalBlocker blocker(ui->acFileRecordDataLog);
         ui->acFileRecordDataLog->setChecked(defaults.options.logSaveFlag);

@@ -79,6 +79,8 @@ private Q_SLOTS:
     void on_acEditRemove_triggered();
     void on_acViewColumnNumber_triggered();
     void on_acViewAlwaysTop_toggled(bool on);
+    void on_acViewQuickSettings_toggled(bool closed);
+    void on_acViewQuickSettingsEdit_triggered();
     void on_actionAbout_triggered();
     void on_acHelpHomepage_triggered();
     void on_acHelpOnline_triggered();
@@ -107,6 +109,7 @@ private:
     void rememberSplitterSizes();
     void updateSplitterSizes();
     void markModified();
+    void applyQuickSettings();
     // Every pane, the last-used record and the quick settings back to
     // their defaults; open connections are closed first.
     void restoreDefaults();

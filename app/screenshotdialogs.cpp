@@ -3,6 +3,7 @@
 #include "app/newconnectiondialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "settings/portsettingsdialog.h"
+#include "settings/quicksettingsdialog.h"
 #include "tools/asciicode.h"
 #include "tools/modbusbuilderdialog.h"
 #include "tools/toolbox.h"
@@ -44,6 +45,9 @@ ScreenshotDialogs ScreenshotDialogs::standard()
         if (auto *tabs = dialog->findChild<QTabWidget *>(QStringLiteral("settingsTabs")))
             tabs->setCurrentIndex(2);
         return dialog;
+    });
+    table.add(QStringLiteral("quick-settings"), [](QWidget *parent) -> QWidget * {
+        return new QuickSettingsDialog(QuickSettingsLayout{}, parent);
     });
     return table;
 }

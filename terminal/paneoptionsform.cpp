@@ -2,6 +2,7 @@
 
 #include "terminal/controllinelights.h"
 #include "terminal/monospacefont.h"
+#include "terminal/panequicksettings.h"
 
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidgetui.h"
@@ -74,7 +75,7 @@ bool show(SerialPortWidgetUi &ui, const PaneOptions &o)
     selectData(ui.sendTimeUnitBox, int(o.sendTimeUnit));
     ui.cbLinebyLine->setChecked(o.lineByLine);
     const QFont font = MonospaceFont::make(o.fontFamily, o.fontSize, o.fontWeight);
-    ui.indicatorLights->setVisible(o.showControlLineLeds);
+    ui.indicatorLights->setVisible(o.showControlLineLeds && PaneQuickSettings::lightsWanted(ui));
     ui.receiveView->setFont(font);
     ui.sendTextEdit->setFont(font);
     if (o.splitterLeft > 0 || o.splitterRight > 0)

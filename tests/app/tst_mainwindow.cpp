@@ -2,6 +2,8 @@
 #include "app/mainwindow.h"
 #include "app/projectfile.h"
 #include "settings/portsettingsdialog.h"
+#include "settings/quicksettingscatalog.h"
+#include "settings/quicksettingsdialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
 #include "terminal/controllinelights.h"
@@ -11,6 +13,9 @@
 #include "support/settingssandbox.h"
 
 #include <QAction>
+#include <QComboBox>
+#include <QGroupBox>
+#include <QTreeWidget>
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTemporaryDir>
@@ -57,6 +62,9 @@ private Q_SLOTS:
     void settingsDialogKeepsWhatItShows();
     void restoreDefaultsAsksFirst_data();
     void restoreDefaultsAsksFirst();
+    void quickSettingsCatalogueAndUnknownIds();
+    void quickSettingsEditorMovesAndRefuses();
+    void quickSettingsShapeEveryPane();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -487,6 +495,84 @@ void MainWindowTest::restoreDefaultsAsksFirst()
     QCOMPARE(restored.count(), confirm ? 1 : 0);
     QCOMPARE(dialog.settings().options.fontSize, confirm ? PaneOptions().fontSize : 20);
     QCOMPARE(dialog.settings().options.logRotateAtSize, !confirm);
+}
+
+void MainWindowTest::quickSettingsCatalogueAndUnknownIds()
+{
+    const QList<QuickSettingsCatalog::Group> groups = QuickSettingsCatalog::groups();
+    QStringList ids;
+    for (const auto &g : groups) {
+        ids.append(g.id + ":");
+        for (const auto &f : g.fields)
+            ids.append(f.id);
+    }
+    QCOMPARE(ids.join(' '), QString("connection: baudRate dataBits parity stopBits flowControl indicatorLights "
+                                    "receive: rxFormat rxAutoFeed rxDisplayTime send: txFormat txLoop txAutoFeed "
+                                    "txTerminalEnter txChecksum txDisplaySend txLocalEcho txLineByLine"));
+    QCOMPARE(groups.at(0).fields.at(4).label, QString("Flow Type"));
+    QCOMPARE(groups.at(2).fields.at(3).toolTip, QString("Bytes sent when Enter is pressed in the receive terminal"));
+
+    QuickSettingsLayout stored;
+    stored.groupOrder = {"bogus", "send", "send", "receive"};
+    stored.fieldOrder.insert("send", {"nope", "txChecksum"});
+    stored.hiddenFields.insert("receive", {"rxFormat", "gone"});
+    stored.hiddenFields.insert("controlLines", {"dtr"});
+    QCOMPARE(QuickSettingsCatalog::groupOrder(stored), (QStringList{"send", "receive", "connection"}));
+    QCOMPARE(QuickSettingsCatalog::fieldOrder(stored, "send", false).mid(0, 2), (QStringList{"txChecksum", "txFormat"}));
+    QCOMPARE(QuickSettingsCatalog::fieldOrder(stored, "receive", true), (QStringList{"rxAutoFeed", "rxDisplayTime"}));
+    const QuickSettingsLayout clean = QuickSettingsCatalog::cleaned(stored);
+    QCOMPARE(clean.groupOrder, (QStringList{"send", "receive", "connection", "controlLines"}));
+    QCOMPARE(clean.hiddenFields.value("receive"), QStringList{"rxFormat"});
+    QVERIFY(!clean.hiddenFields.contains("controlLines"));
+}
+
+void MainWindowTest::quickSettingsEditorMovesAndRefuses()
+{
+    QuickSettingsDialog dialog{QuickSettingsLayout{}};
+    auto *tree = dialog.findChild<QTreeWidget *>("quickSettingsTree");
+    QVERIFY(tree);
+    QCOMPARE(tree->topLevelItemCount(), 3);
+    // Move "Send Settings" up once, and "Loop Send" down once.
+    tree->setCurrentItem(tree->topLevelItem(2));
+    dialog.findChild<QPushButton *>("quickSettingsMoveUpButton")->click();
+    tree->setCurrentItem(tree->topLevelItem(1)->child(1));
+    dialog.findChild<QPushButton *>("quickSettingsMoveDownButton")->click();
+    tree->topLevelItem(0)->child(2)->setCheckState(0, Qt::Unchecked);  // parity
+    QuickSettingsLayout chosen = dialog.layout();
+    QCOMPARE(chosen.groupOrder, (QStringList{"connection", "controlLines", "send", "receive"}));
+    QCOMPARE(chosen.fieldOrder.value("send").mid(0, 3), (QStringList{"txFormat", "txAutoFeed", "txLoop"}));
+    QCOMPARE(chosen.hiddenFields.value("connection"), QStringList{"parity"});
+
+    for (int i = 0; i < 3; ++i)
+        tree->topLevelItem(i)->setCheckState(0, Qt::Unchecked);
+    QString warning;
+    answerNextBox(QMessageBox::Ok, &warning);
+    dialog.accept();
+    QCOMPARE(warning, QString("Select at least one quick settings group to show."));
+    QCOMPARE(dialog.result(), int(QDialog::Rejected));
+}
+
+void MainWindowTest::quickSettingsShapeEveryPane()
+{
+    QSettings settings;
+    QuickSettingsLayout layout;
+    layout.showReceive = false;
+    layout.hiddenFields.insert("send", {"txChecksum"});
+    layout.save(settings);
+    MainWindow w;
+    w.addPane();
+    w.show();
+    for (SerialPortWidget *pane : w.panes()) {
+        QVERIFY(!pane->findChild<QGroupBox *>("receiveGroup")->isVisibleTo(pane));
+        QVERIFY(pane->findChild<QGroupBox *>("sendGroup")->isVisibleTo(pane));
+        QVERIFY(!pane->findChild<QComboBox *>("sendChecksumBox")->isVisibleTo(pane));
+        QVERIFY(pane->findChild<QComboBox *>("terminalEnterBox")->isVisibleTo(pane));
+    }
+    w.findChild<QAction *>("acViewQuickSettings")->trigger();
+    QVERIFY(w.isWindowModified());
+    QVERIFY(!w.panes().constFirst()->findChild<QGroupBox *>("sendGroup")->isVisibleTo(w.panes().constFirst()));
+    QCOMPARE(w.currentProject().quickView, false);
+    QVERIFY(w.currentProject().quickSettings == layout);
 }
 
 QTEST_MAIN(MainWindowTest)
