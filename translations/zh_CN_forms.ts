@@ -215,6 +215,18 @@
         <source>Resize for App Store</source>
         <translation>调整为应用商店尺寸</translation>
     </message>
+    <message>
+        <source>Close Quick Settings</source>
+        <translation>关闭快速设置</translation>
+    </message>
+    <message>
+        <source>Quick Settings...</source>
+        <translation>快速设置...</translation>
+    </message>
+    <message>
+        <source>Choose the groups and fields the panes show</source>
+        <translation>选择端口面板显示的分组和字段</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>
