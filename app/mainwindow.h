@@ -1,7 +1,10 @@
 #pragma once
 
 #include "app/lastusedrecord.h"
+#include "app/portarrangement.h"
+#include "app/projectfile.h"
 
+#include <QHash>
 #include <QList>
 #include <QMainWindow>
 #include <QPointer>
@@ -42,11 +45,46 @@ public:
     // the user asked for that.
     void restoreLastConnection();
 
+    // Project files. Opening replaces every pane; both report failures in
+    // the status bar and return false.
+    bool openProject(const QString &fileName);
+    bool saveProjectTo(const QString &fileName);
+    Project currentProject() const;
+    QString currentFile() const { return m_currentFile; }
+    // Asks whether to save a modified project; false when the user cancels
+    // (or the save fails).
+    bool maybeSave();
+
+    void setArrangement(PortArrangement::Layout layout);
+    PortArrangement::Layout arrangement() const { return m_layout; }
+    void setColumnNumber(int perRow);
+    int columnNumber() const { return m_columnNumber; }
+    void removePane(SerialPortWidget *pane);
+
 protected:
     void closeEvent(QCloseEvent *event) override;
 
 private Q_SLOTS:
+    void on_acFileNew_triggered();
+    void on_acFileOpen_triggered();
+    void on_acFileSave_triggered();
+    void on_acFileSaveAs_triggered();
+    void on_acSettingSavePath_triggered();
+    void on_acFileRecordDataLog_toggled(bool on);
+    void on_acFileViewCurrentDataLog_triggered();
+    void on_acFileOpenLogFolder_triggered();
     void on_acFileExit_triggered();
+    void on_actionNew_Connection_triggered();
+    void on_acEditAdd_triggered();
+    void on_acEditRemove_triggered();
+    void on_acViewColumnNumber_triggered();
+    void on_acViewAlwaysTop_toggled(bool on);
+    void on_acViewQuickSettings_toggled(bool closed);
+    void on_acViewQuickSettingsEdit_triggered();
+    void on_actionAbout_triggered();
+    void on_acHelpHomepage_triggered();
+    void on_acHelpOnline_triggered();
+    void on_acDebugResizeAppStore_triggered();
     void on_actionEnglish_triggered();
     void on_actionChinese_triggered();
     void on_acMonStart_triggered();
@@ -56,12 +94,30 @@ private Q_SLOTS:
     void on_acEditClear_triggered();
     void on_acEditPause_toggled(bool on);
     void on_actionClearSendHistory_triggered();
+    void on_acToolsSetting_triggered();
     void on_acToolCalc_triggered();
     void on_acToolsAscii_triggered();
     void on_acToolsModbus_triggered();
 
 private:
     void chooseLanguage(int value);
+    SerialPortWidget *createPane(const ProjectPane &settings);
+    void removeAllPanes();
+    // Rebuilds the splitters for the current arrangement and reapplies the
+    // sizes the user gave them.
+    void rebuildLayout();
+    void rememberSplitterSizes();
+    void updateSplitterSizes();
+    void markModified();
+    void applyQuickSettings();
+    // Every pane, the last-used record and the quick settings back to
+    // their defaults; open connections are closed first.
+    void restoreDefaults();
+    void setCurrentFile(const QString &fileName);
+    void addRecentFile(const QString &fileName);
+    void updateRecentFilesMenu();
+    bool saveAs();
+    ProjectPane newPaneSettings() const;
     void saveLastUsed(const SerialPortWidget *pane);
     // Puts a frame into the current pane's send box as hex, switching the
     // pane to hex sending; `checksumNote` is shown when the pane would append
@@ -70,7 +126,18 @@ private:
     static void raiseDialog(QWidget *dialog);
 
     Ui::MainWindow *ui;
-    QSplitter *m_portSplitter;
+    QWidget *m_paneHolder = nullptr;
+    QSplitter *m_portSplitter = nullptr;
+    PortArrangement::Layout m_layout = PortArrangement::Layout::Custom;
+    int m_columnNumber = 2;
+    bool m_quickView = true;
+    QString m_currentFile;
+    // The project as last opened or saved; the modified mark is a
+    // difference from it.
+    Project m_savedProject;
+    // Sizes the user gave each splitter, by object name.
+    QHash<QString, QList<int>> m_splitterSizes;
+    int m_nextPaneId = 1;
     QList<SerialPortWidget *> m_panes;
     LastUsedRecord m_lastUsed;
     // The pane the user worked in last: tool dialogs take the focus away

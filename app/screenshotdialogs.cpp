@@ -1,12 +1,16 @@
 #include "app/screenshotdialogs.h"
 
+#include "app/newconnectiondialog.h"
 #include "app/setconfigfilepathdialog.h"
+#include "settings/portsettingsdialog.h"
+#include "settings/quicksettingsdialog.h"
 #include "tools/asciicode.h"
 #include "tools/modbusbuilderdialog.h"
 #include "tools/toolbox.h"
 #include "transfer/filetransferdialog.h"
 
 #include <QSettings>
+#include <QTabWidget>
 
 ScreenshotDialogs ScreenshotDialogs::standard()
 {
@@ -30,6 +34,26 @@ ScreenshotDialogs ScreenshotDialogs::standard()
         ConnectionConfig config;
         config.portName = QStringLiteral("ttyUSB0");
         return new FileTransferDialog(FileTransferSession::Direction::Receive, config, nullptr, parent);
+    });
+    table.add(QStringLiteral("new-connection"), [](QWidget *parent) -> QWidget * {
+        return new NewConnectionDialog(ConnectionConfig{}, ConnectionConfig{}, parent);
+    });
+    table.add(QStringLiteral("new-connection-network"), [](QWidget *parent) -> QWidget * {
+        auto *dialog = new NewConnectionDialog(ConnectionConfig{}, ConnectionConfig{}, parent);
+        dialog->showNetworkPage();
+        return dialog;
+    });
+    table.add(QStringLiteral("port-settings"), [](QWidget *parent) -> QWidget * {
+        return new PortSettingsDialog(PaneSettings{}, parent);
+    });
+    table.add(QStringLiteral("port-settings-log"), [](QWidget *parent) -> QWidget * {
+        auto *dialog = new PortSettingsDialog(PaneSettings{}, parent);
+        if (auto *tabs = dialog->findChild<QTabWidget *>(QStringLiteral("settingsTabs")))
+            tabs->setCurrentIndex(2);
+        return dialog;
+    });
+    table.add(QStringLiteral("quick-settings"), [](QWidget *parent) -> QWidget * {
+        return new QuickSettingsDialog(QuickSettingsLayout{}, parent);
     });
     return table;
 }

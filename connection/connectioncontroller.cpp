@@ -158,8 +158,10 @@ bool ConnectionController::open(const ConnectionConfig &config, const QString &p
             return true;
         RelayTransport *relay = m_relayFactory ? m_relayFactory(config) : nullptr;
         if (!relay) {
+            // No remote port picked yet (or no relay service in this run):
+            // said in the pane like every other refusal.
             qCWarning(lcTerminal) << "no relay transport to open";
-            return false;
+            return refuse(tr("No remote port has been chosen for this connection yet."));
         }
         attachRelay(relay);
         return true;

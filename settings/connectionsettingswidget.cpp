@@ -258,6 +258,12 @@ void ConnectionSettingsWidget::setRowVisible(QWidget *field, bool visible)
     m_form->setRowVisible(field, visible);
 }
 
+void ConnectionSettingsWidget::setHiddenFields(const QStringList &ids)
+{
+    m_quickHidden = ids;
+    updateVisibility();
+}
+
 void ConnectionSettingsWidget::updateVisibility()
 {
     const PortKind kind = currentKind();
@@ -273,10 +279,11 @@ void ConnectionSettingsWidget::updateVisibility()
                                     || mode == ConnectionMode::RemoteSerialRfc2217);
     setRowVisible(m_udpRemotePort, mode == ConnectionMode::UdpClient);
     setRowVisible(m_udpLocalPort, isUdpMode(mode));
-    for (QWidget *w : {static_cast<QWidget *>(m_baudBox), static_cast<QWidget *>(m_dataBitsBox),
-                       static_cast<QWidget *>(m_parityBox), static_cast<QWidget *>(m_stopBitsBox),
-                       static_cast<QWidget *>(m_flowBox)})
-        setRowVisible(w, serialParams);
+    const std::pair<QWidget *, const char *> serialRows[] = {
+        {m_baudBox, "baudRate"}, {m_dataBitsBox, "dataBits"}, {m_parityBox, "parity"},
+        {m_stopBitsBox, "stopBits"}, {m_flowBox, "flowControl"}};
+    for (const auto &[w, id] : serialRows)
+        setRowVisible(w, serialParams && !m_quickHidden.contains(QLatin1String(id)));
     setRowVisible(m_useRemoteConfig, remote);
     for (QWidget *w : {m_relayCid, m_relayPortName, m_relayPortKey})
         setRowVisible(w, kind == PortKind::Relay);

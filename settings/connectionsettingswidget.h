@@ -36,6 +36,10 @@ public:
     void setAvailablePorts(const QList<PortEntry> &ports);
     QStringList listedPortNames() const;
 
+    // Serial parameter rows left out of a pane's quick settings, by field id
+    // ("baudRate", "dataBits", "parity", "stopBits", "flowControl").
+    void setHiddenFields(const QStringList &ids);
+
     // While a file transfer owns the port nothing here may change.
     void setLocked(bool locked);
 
@@ -83,5 +87,6 @@ private:
     QLineEdit *m_relayPortKey = nullptr;
     // Fields the form does not show but must hand back unchanged.
     ConnectionConfig m_hidden;
+    QStringList m_quickHidden;
     bool m_loading = false;
 };

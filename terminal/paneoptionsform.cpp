@@ -1,5 +1,9 @@
 #include "terminal/paneoptionsform.h"
 
+#include "terminal/controllinelights.h"
+#include "terminal/monospacefont.h"
+#include "terminal/panequicksettings.h"
+
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidgetui.h"
 
@@ -70,9 +74,8 @@ bool show(SerialPortWidgetUi &ui, const PaneOptions &o)
     ui.sendIntervelSB->setValue(o.sendInterval);
     selectData(ui.sendTimeUnitBox, int(o.sendTimeUnit));
     ui.cbLinebyLine->setChecked(o.lineByLine);
-    QFont font(o.fontFamily.isEmpty() ? QStringLiteral("DejaVu Sans Mono") : o.fontFamily, o.fontSize);
-    font.setStyleHint(QFont::Monospace);
-    font.setWeight(QFont::Weight(o.fontWeight));
+    const QFont font = MonospaceFont::make(o.fontFamily, o.fontSize, o.fontWeight);
+    ui.indicatorLights->setVisible(o.showControlLineLeds && PaneQuickSettings::lightsWanted(ui));
     ui.receiveView->setFont(font);
     ui.sendTextEdit->setFont(font);
     if (o.splitterLeft > 0 || o.splitterRight > 0)

@@ -1,6 +1,7 @@
 #include "terminal/serialportwidget.h"
 
 #include "common/logging.h"
+#include "terminal/panequicksettings.h"
 #include "connection/connectioncontroller.h"
 #include "connection/serialportwatcher.h"
 #include "settings/connectionsettingswidget.h"
@@ -762,4 +763,10 @@ void SerialPortWidget::on_logFolderButton_clicked()
         return;
     ui.logFolderEdit->setText(folder);
     Q_EMIT ui.logFolderEdit->editingFinished();
+}
+
+void SerialPortWidget::applyQuickSettings(const QuickSettingsLayout &layout, bool shown)
+{
+    PaneQuickSettings::apply(ui, layout, shown);
+    ui.indicatorLights->setVisible(m_session->options().showControlLineLeds && PaneQuickSettings::lightsWanted(ui));
 }

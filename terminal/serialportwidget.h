@@ -19,6 +19,8 @@ class QTimer;
 // them to the session; the session owns the connection, the send path, the
 // data log and the reconnecting. Its slots keep the names other parts know
 // and forward to the session.
+struct QuickSettingsLayout;
+
 class SerialPortWidget : public QWidget
 {
     Q_OBJECT
@@ -73,6 +75,9 @@ public:
     // already formatted; zero once everything is shown.
     qint64 pendingDisplayBytes() const { return m_session->ingest().pendingBytes() + m_backlogChars; }
     void openFindBar();
+    // Shows the options column as the quick settings say; `shown` false
+    // closes it.
+    void applyQuickSettings(const QuickSettingsLayout &layout, bool shown);
 
     void setTransferActive(bool active) { m_session->setTransferActive(active); }
     bool isTransferActive() const { return m_session->isTransferActive(); }

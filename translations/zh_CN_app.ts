@@ -15,6 +15,120 @@
         <source>Serial Port %1 OPEN FAILED</source>
         <translation>串口 %1 打开失败</translation>
     </message>
+    <message>
+        <source>Untitled</source>
+        <translation>未命名</translation>
+    </message>
+    <message>
+        <source>Opened %1</source>
+        <translation>已打开 %1</translation>
+    </message>
+    <message>
+        <source>Saving...</source>
+        <translation>正在保存...</translation>
+    </message>
+    <message>
+        <source>Saved %1</source>
+        <translation>已保存 %1</translation>
+    </message>
+    <message>
+        <source>The document has been modified.
+Do you want to save your changes?</source>
+        <translation>文档已被修改。
+是否保存更改？</translation>
+    </message>
+    <message>
+        <source>Save Tessaline</source>
+        <translation>保存 Tessaline</translation>
+    </message>
+    <message>
+        <source>Tessaline files (*.tsl)</source>
+        <translation>Tessaline 文件 (*.tsl)</translation>
+    </message>
+    <message>
+        <source>Open Settings</source>
+        <translation>打开设置</translation>
+    </message>
+    <message>
+        <source>Save Path</source>
+        <translation>保存路径</translation>
+    </message>
+    <message>
+        <source>Settings files are saved in %1</source>
+        <translation>设置文件保存在 %1</translation>
+    </message>
+    <message>
+        <source>No data log is being recorded.</source>
+        <translation>当前没有正在记录的数据日志。</translation>
+    </message>
+    <message>
+        <source>Cannot open %1</source>
+        <translation>无法打开 %1</translation>
+    </message>
+    <message>
+        <source>The last port cannot be removed.</source>
+        <translation>不能移除最后一个端口。</translation>
+    </message>
+    <message>
+        <source>Set Port Number Per Column</source>
+        <translation>设置每列端口数</translation>
+    </message>
+    <message>
+        <source>Port Number Per Column:</source>
+        <translation>每列端口数：</translation>
+    </message>
+    <message>
+        <source>About Tessaline</source>
+        <translation>关于 Tessaline</translation>
+    </message>
+    <message>
+        <source>Tessaline %1
+A terminal for serial ports and networks.</source>
+        <translation>Tessaline %1
+用于串口和网络的终端。</translation>
+    </message>
+    <message>
+        <source>Default settings restored.</source>
+        <translation>已恢复默认设置。</translation>
+    </message>
+</context>
+<context>
+    <name>NewConnectionDialog</name>
+    <message>
+        <source>New Connection</source>
+        <translation>新建连接</translation>
+    </message>
+    <message>
+        <source>Serial Port</source>
+        <translation>串口</translation>
+    </message>
+    <message>
+        <source>TCP/IP</source>
+        <translation>TCP/IP</translation>
+    </message>
+</context>
+<context>
+    <name>ProjectFile</name>
+    <message>
+        <source>Cannot save %1: %2</source>
+        <translation>无法保存 %1：%2</translation>
+    </message>
+    <message>
+        <source>Cannot save %1: the settings could not be written.</source>
+        <translation>无法保存 %1：设置无法写入。</translation>
+    </message>
+    <message>
+        <source>Cannot save %1: the disk is full or the file could not be written.</source>
+        <translation>无法保存 %1：磁盘已满或文件无法写入。</translation>
+    </message>
+    <message>
+        <source>File not found: %1</source>
+        <translation>找不到文件：%1</translation>
+    </message>
+    <message>
+        <source>Cannot read %1.</source>
+        <translation>无法读取 %1。</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

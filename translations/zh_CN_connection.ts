@@ -15,6 +15,10 @@
         <source>TCP server listen on port %1 FAILED: %2</source>
         <translation>TCP 服务器监听端口 %1 失败：%2</translation>
     </message>
+    <message>
+        <source>No remote port has been chosen for this connection yet.</source>
+        <translation>此连接尚未选择远程端口。</translation>
+    </message>
 </context>
 <context>
     <name>MultiClientServer</name>

@@ -99,6 +99,134 @@
         <source>Modbus Request Builder...</source>
         <translation>Modbus 请求生成器...</translation>
     </message>
+    <message>
+        <source>Recent Files</source>
+        <translation>最近的文件</translation>
+    </message>
+    <message>
+        <source>&amp;Help</source>
+        <translation>帮助(&amp;H)</translation>
+    </message>
+    <message>
+        <source>&amp;Debug</source>
+        <translation>调试(&amp;D)</translation>
+    </message>
+    <message>
+        <source>New...</source>
+        <translation>新建...</translation>
+    </message>
+    <message>
+        <source>Open Settings...</source>
+        <translation>打开设置...</translation>
+    </message>
+    <message>
+        <source>Save Settings...</source>
+        <translation>保存设置...</translation>
+    </message>
+    <message>
+        <source>Save current config</source>
+        <translation>保存当前配置</translation>
+    </message>
+    <message>
+        <source>Ctrl+S</source>
+        <translation>Ctrl+S</translation>
+    </message>
+    <message>
+        <source>Save Settings As...</source>
+        <translation>设置另存为...</translation>
+    </message>
+    <message>
+        <source>Save current settings as new file</source>
+        <translation>将当前设置保存为新文件</translation>
+    </message>
+    <message>
+        <source>Save Path...</source>
+        <translation>保存路径...</translation>
+    </message>
+    <message>
+        <source>Log Recording</source>
+        <translation>日志记录</translation>
+    </message>
+    <message>
+        <source>Record all port messages as log files</source>
+        <translation>将所有端口的消息记录为日志文件</translation>
+    </message>
+    <message>
+        <source>View Current Data Log</source>
+        <translation>查看当前数据日志</translation>
+    </message>
+    <message>
+        <source>Open Log Folder</source>
+        <translation>打开日志文件夹</translation>
+    </message>
+    <message>
+        <source>New Connection</source>
+        <translation>新建连接</translation>
+    </message>
+    <message>
+        <source>Add Port</source>
+        <translation>添加端口</translation>
+    </message>
+    <message>
+        <source>Remove Port</source>
+        <translation>移除端口</translation>
+    </message>
+    <message>
+        <source>Horizontal</source>
+        <translation>水平</translation>
+    </message>
+    <message>
+        <source>Vertical</source>
+        <translation>垂直</translation>
+    </message>
+    <message>
+        <source>Grid</source>
+        <translation>网格</translation>
+    </message>
+    <message>
+        <source>Custom</source>
+        <translation>自定义</translation>
+    </message>
+    <message>
+        <source>Port Number Per Column...</source>
+        <translation>每列端口数...</translation>
+    </message>
+    <message>
+        <source>Always On Top</source>
+        <translation>窗口置顶</translation>
+    </message>
+    <message>
+        <source>Settings...</source>
+        <translation>设置...</translation>
+    </message>
+    <message>
+        <source>About</source>
+        <translation>关于</translation>
+    </message>
+    <message>
+        <source>Homepage</source>
+        <translation>主页</translation>
+    </message>
+    <message>
+        <source>Help</source>
+        <translation>帮助</translation>
+    </message>
+    <message>
+        <source>Resize for App Store</source>
+        <translation>调整为应用商店尺寸</translation>
+    </message>
+    <message>
+        <source>Close Quick Settings</source>
+        <translation>关闭快速设置</translation>
+    </message>
+    <message>
+        <source>Quick Settings...</source>
+        <translation>快速设置...</translation>
+    </message>
+    <message>
+        <source>Choose the groups and fields the panes show</source>
+        <translation>选择端口面板显示的分组和字段</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

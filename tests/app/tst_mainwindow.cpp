@@ -1,11 +1,24 @@
 #include "app/languagechoice.h"
 #include "app/mainwindow.h"
+#include "app/projectfile.h"
+#include "settings/portsettingsdialog.h"
+#include "settings/quicksettingscatalog.h"
+#include "settings/quicksettingsdialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
+#include "terminal/controllinelights.h"
+#include "terminal/monospacefont.h"
+#include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
 #include "support/settingssandbox.h"
 
 #include <QAction>
+#include <QComboBox>
+#include <QGroupBox>
+#include <QTreeWidget>
+#include <QSplitter>
+#include <QStatusBar>
+#include <QTemporaryDir>
 #include <QCheckBox>
 #include <QTcpServer>
 #include <QApplication>
@@ -37,6 +50,21 @@ private Q_SLOTS:
     void openConnectionIsRememberedAndRestored();
     void configDialogCreatesFolder();
     void configDialogKeepsOpenOnBadFolder();
+    void customLayoutPlacesPanesInRows_data();
+    void customLayoutPlacesPanesInRows();
+    void otherArrangementsFillRows();
+    void splitterSizesSurviveRebuild();
+    void modifiedMarkAndSavePrompt();
+    void projectSavedAndReopenedThroughWindow();
+    void failedSaveIsReportedAndKeepsMark();
+    void removePortKeepsTheLastOne();
+    void paneTakesFontAndLightsFromItsOptions();
+    void settingsDialogKeepsWhatItShows();
+    void restoreDefaultsAsksFirst_data();
+    void restoreDefaultsAsksFirst();
+    void quickSettingsCatalogueAndUnknownIds();
+    void quickSettingsEditorMovesAndRefuses();
+    void quickSettingsShapeEveryPane();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -195,6 +223,356 @@ void MainWindowTest::configDialogKeepsOpenOnBadFolder()
     QVERIFY(!dialog.findChild<QDialogButtonBox *>()->button(QDialogButtonBox::Ok)->isEnabled());
     dialog.reject();
     QCOMPARE(dialog.result(), int(QDialog::Rejected));
+}
+
+// Answers the next modal message box with `button`; records its text.
+static void answerNextBox(QMessageBox::StandardButton button, QString *text = nullptr)
+{
+    QTimer::singleShot(0, [button, text] {
+        if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+            if (text)
+                *text = box->text();
+            box->button(button)->click();
+        }
+    });
+}
+
+void MainWindowTest::customLayoutPlacesPanesInRows_data()
+{
+    QTest::addColumn<int>("panes");
+    QTest::addColumn<int>("perRow");
+    for (int k : {1, 2, 3, 4, 16}) {
+        for (int n = 1; n <= 17; ++n)
+            QTest::addRow("%d panes, %d per row", n, k) << n << k;
+    }
+}
+
+void MainWindowTest::customLayoutPlacesPanesInRows()
+{
+    QFETCH(int, panes);
+    QFETCH(int, perRow);
+    MainWindow w;
+    w.setArrangement(PortArrangement::Layout::Custom);
+    w.setColumnNumber(perRow);
+    while (w.panes().size() < panes)
+        w.addPane();
+    auto *outer = w.findChild<QSplitter *>("portSplitter");
+    QVERIFY(outer);
+    QCOMPARE(outer->orientation(), Qt::Vertical);
+    QCOMPARE(outer->count(), (panes + perRow - 1) / perRow);
+    QCOMPARE(outer->handleWidth(), 8);
+    QVERIFY(!outer->childrenCollapsible());
+    for (int i = 0; i < panes; ++i) {
+        auto *row = qobject_cast<QSplitter *>(w.panes().at(i)->parentWidget());
+        QVERIFY(row);
+        QCOMPARE(row->objectName(), QString("portRowSplitter%1").arg(i / perRow));
+        QCOMPARE(row->indexOf(w.panes().at(i)), i % perRow);
+        QCOMPARE(row->orientation(), Qt::Horizontal);
+        QCOMPARE(row->handleWidth(), 8);
+        QVERIFY(!row->childrenCollapsible());
+        QCOMPARE(outer->indexOf(row), i / perRow);
+    }
+}
+
+void MainWindowTest::otherArrangementsFillRows()
+{
+    using L = PortArrangement::Layout;
+    QCOMPARE(PortArrangement::rowSizes(L::Horizontal, 5, 2), (QList<int>{5}));
+    QCOMPARE(PortArrangement::rowSizes(L::Vertical, 3, 2), (QList<int>{1, 1, 1}));
+    QCOMPARE(PortArrangement::rowSizes(L::Grid, 5, 1), (QList<int>{3, 2}));
+    QCOMPARE(PortArrangement::rowSizes(L::Grid, 4, 1), (QList<int>{2, 2}));
+    QCOMPARE(PortArrangement::rowSizes(L::Custom, 0, 3), (QList<int>{}));
+
+    MainWindow w;
+    w.addPane();
+    w.addPane();
+    w.setArrangement(L::Vertical);
+    QCOMPARE(w.findChild<QSplitter *>("portSplitter")->count(), 3);
+    w.setArrangement(L::Horizontal);
+    QCOMPARE(w.findChild<QSplitter *>("portSplitter")->count(), 1);
+    QCOMPARE(w.findChild<QSplitter *>("portRowSplitter0")->count(), 3);
+}
+
+void MainWindowTest::splitterSizesSurviveRebuild()
+{
+    MainWindow w;
+    // Wide enough that both panes can take the chosen shares.
+    w.resize(2400, 1000);
+    w.setColumnNumber(2);
+    w.addPane();
+    w.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&w));
+    auto *row = w.findChild<QSplitter *>("portRowSplitter0");
+    const int total = row->sizes().at(0) + row->sizes().at(1);
+    const QList<int> chosen{total * 2 / 3, total - total * 2 / 3};
+    row->setSizes(chosen);
+    QCOMPARE(row->sizes(), chosen);
+    w.setArrangement(PortArrangement::Layout::Custom);
+    QTRY_COMPARE_WITH_TIMEOUT(w.findChild<QSplitter *>("portRowSplitter0")->sizes(), chosen, 2000);
+}
+
+void MainWindowTest::modifiedMarkAndSavePrompt()
+{
+    QTemporaryDir dir;
+    auto w = std::make_unique<MainWindow>();
+    w->show();
+    QCOMPARE(w->windowTitle(), QString("Untitled[*] - Tessaline"));
+    QVERIFY(!w->isWindowModified());
+    w->findChild<QAction *>("acEditAdd")->trigger();
+    QVERIFY(w->isWindowModified());
+
+    // Cancel keeps the window and the changes.
+    QString question;
+    answerNextBox(QMessageBox::Cancel, &question);
+    QVERIFY(!w->close());
+    QCOMPARE(question, QString("The document has been modified.\nDo you want to save your changes?"));
+    QVERIFY(w->isVisible());
+    QCOMPARE(w->panes().size(), 2);
+
+    // Replacing the project asks too; Discard lets it go.
+    answerNextBox(QMessageBox::Discard);
+    w->findChild<QAction *>("acFileNew")->trigger();
+    QCOMPARE(w->panes().size(), 1);
+    QVERIFY(!w->isWindowModified());
+
+    // Save writes the named project before closing.
+    const QString file = dir.filePath("named.tsl");
+    QVERIFY(w->saveProjectTo(file));
+    QCOMPARE(w->windowTitle(), QString("named.tsl[*] - Tessaline"));
+    w->setColumnNumber(3);
+    w->findChild<QAction *>("acEditAdd")->trigger();
+    answerNextBox(QMessageBox::Save);
+    QVERIFY(w->close());
+    const ValueResult<Project> saved = ProjectFile::readSettingFile(file, ProjectPane{});
+    QVERIFY(saved.isOk());
+    QCOMPARE(saved.value().panes.size(), 2);
+    QCOMPARE(saved.value().columnNumber, 3);
+}
+
+void MainWindowTest::projectSavedAndReopenedThroughWindow()
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath("four.tsl");
+    QList<ConnectionConfig> configs;
+    {
+        MainWindow w;
+        w.setArrangement(PortArrangement::Layout::Custom);
+        w.setColumnNumber(2);
+        for (int i = 0; i < 3; ++i)
+            w.addPane();
+        SerialPortWidget *tcp = w.panes().at(1);
+        ConnectionConfig c = tcp->connectionConfig();
+        c.mode = ConnectionMode::TcpClient;
+        c.targetHost = "192.0.2.9";
+        c.recentTargetHosts = {"192.0.2.9", "127.0.0.1"};
+        c.targetPort = 4001;
+        PaneOptions o = tcp->paneOptions();
+        o.receiveFormat = MessageFormat::Hex;
+        tcp->applySettings(c, o, {"ping", "pong"});
+        SerialPortWidget *udp = w.panes().at(3);
+        ConnectionConfig u = udp->connectionConfig();
+        u.mode = ConnectionMode::UdpServer;
+        u.udpLocalPort = 0;
+        udp->applySettings(u, udp->paneOptions(), {});
+        for (SerialPortWidget *pane : w.panes())
+            configs.append(pane->connectionConfig());
+        QVERIFY(w.saveProjectTo(file));
+        QVERIFY(w.close());
+    }
+    // A fresh start brings back the project that was open at exit.
+    MainWindow again;
+    QCOMPARE(again.currentFile(), file);
+    QCOMPARE(again.windowTitle(), QString("four.tsl[*] - Tessaline"));
+    QVERIFY(!again.isWindowModified());
+    QCOMPARE(again.panes().size(), 4);
+    QCOMPARE(again.columnNumber(), 2);
+    for (int i = 0; i < 4; ++i)
+        QVERIFY2(again.panes().at(i)->connectionConfig() == configs.at(i), qPrintable(QString::number(i)));
+    QCOMPARE(again.panes().at(1)->paneOptions().receiveFormat, MessageFormat::Hex);
+    QCOMPARE(again.panes().at(1)->sendHistory(), (QStringList{"ping", "pong"}));
+    QCOMPARE(again.findChild<QSplitter *>("portSplitter")->count(), 2);
+    QSettings settings;
+    QCOMPARE(settings.value("RecentFiles").toStringList().value(0), QFileInfo(file).absoluteFilePath());
+}
+
+void MainWindowTest::failedSaveIsReportedAndKeepsMark()
+{
+    QTemporaryDir dir;
+    MainWindow w;
+    w.findChild<QAction *>("acEditAdd")->trigger();
+    const QString file = dir.filePath("missing/folder/p.tsl");
+    QVERIFY(!w.saveProjectTo(file));
+    QVERIFY(w.statusBar()->currentMessage().contains("p.tsl"));
+    QVERIFY(w.isWindowModified());
+    QVERIFY(w.currentFile().isEmpty());
+}
+
+void MainWindowTest::removePortKeepsTheLastOne()
+{
+    MainWindow w;
+    w.addPane();
+    QAction *remove = w.findChild<QAction *>("acEditRemove");
+    remove->trigger();
+    QCOMPARE(w.panes().size(), 1);
+    remove->trigger();
+    QCOMPARE(w.panes().size(), 1);
+    QVERIFY(w.findChild<QSplitter *>("portRowSplitter0"));
+}
+
+void MainWindowTest::paneTakesFontAndLightsFromItsOptions()
+{
+    MainWindow w;
+    w.show();
+    SerialPortWidget *pane = w.panes().constFirst();
+    auto *view = pane->findChild<ReceiveView *>();
+    auto *lights = pane->findChild<ControlLineLights *>();
+    QVERIFY(view && lights);
+    // An empty family means the first installed of the preference list.
+    QCOMPARE(view->font().family(), MonospaceFont::preferredFamily());
+    QVERIFY(lights->isVisibleTo(pane));
+
+    PaneOptions o = pane->paneOptions();
+    o.fontSize = 17;
+    o.fontWeight = 700;
+    o.showControlLineLeds = false;
+    pane->applySettings(pane->connectionConfig(), o, {});
+    QCOMPARE(view->font().pointSize(), 17);
+    QCOMPARE(view->font().weight(), QFont::Bold);
+    QVERIFY(!lights->isVisibleTo(pane));
+}
+
+void MainWindowTest::settingsDialogKeepsWhatItShows()
+{
+    PaneSettings in;
+    in.connection.mode = ConnectionMode::TcpClient;
+    in.connection.targetHost = "192.0.2.4";
+    in.connection.recentTargetHosts = {"192.0.2.4"};
+    in.connection.targetPort = 9100;
+    PaneOptions &o = in.options;
+    o.fontSize = 14;
+    o.fontWeight = 700;
+    o.receiveTextColor = "#aa0000";
+    o.sendTextColor = "#0000aa";
+    o.formatDisplayColor = "#00aa00";
+    o.showControlLineLeds = false;
+    o.displayBufferSize = 50000;
+    o.rxTimeFormat = "<hh:mm>";
+    o.logSaveFlag = true;
+    o.logFilePath = "/tmp/logs here";
+    o.logFileName = "dev_%Y.log";
+    o.logTimestampEnabled = false;
+    o.logTimestamp = "%h%m";
+    o.logRotateAtSize = true;
+    o.logRotateSize = 5;
+    o.logRotateAtTime = true;
+    o.logRotateTime = QTime(6, 30, 0);
+    o.needHourTimeStamp = true;
+    PortSettingsDialog dialog(in);
+    const PaneSettings out = dialog.settings();
+    QVERIFY(out.connection == in.connection);
+    QVERIFY(out.options == in.options);
+}
+
+void MainWindowTest::restoreDefaultsAsksFirst_data()
+{
+    QTest::addColumn<bool>("confirm");
+    QTest::newRow("ok") << true;
+    QTest::newRow("cancel") << false;
+}
+
+void MainWindowTest::restoreDefaultsAsksFirst()
+{
+    QFETCH(bool, confirm);
+    PaneSettings changed;
+    changed.options.fontSize = 20;
+    changed.options.logRotateAtSize = true;
+    PortSettingsDialog dialog(changed);
+    QSignalSpy restored(&dialog, &PortSettingsDialog::restoreDefaultsRequested);
+    QString question;
+    answerNextBox(confirm ? QMessageBox::Ok : QMessageBox::Cancel, &question);
+    dialog.findChild<QPushButton *>("pbRestoreDefaults")->click();
+    QCOMPARE(question, PortSettingsDialog::restoreDefaultsQuestion());
+    QCOMPARE(restored.count(), confirm ? 1 : 0);
+    QCOMPARE(dialog.settings().options.fontSize, confirm ? PaneOptions().fontSize : 20);
+    QCOMPARE(dialog.settings().options.logRotateAtSize, !confirm);
+}
+
+void MainWindowTest::quickSettingsCatalogueAndUnknownIds()
+{
+    const QList<QuickSettingsCatalog::Group> groups = QuickSettingsCatalog::groups();
+    QStringList ids;
+    for (const auto &g : groups) {
+        ids.append(g.id + ":");
+        for (const auto &f : g.fields)
+            ids.append(f.id);
+    }
+    QCOMPARE(ids.join(' '), QString("connection: baudRate dataBits parity stopBits flowControl indicatorLights "
+                                    "receive: rxFormat rxAutoFeed rxDisplayTime send: txFormat txLoop txAutoFeed "
+                                    "txTerminalEnter txChecksum txDisplaySend txLocalEcho txLineByLine"));
+    QCOMPARE(groups.at(0).fields.at(4).label, QString("Flow Type"));
+    QCOMPARE(groups.at(2).fields.at(3).toolTip, QString("Bytes sent when Enter is pressed in the receive terminal"));
+
+    QuickSettingsLayout stored;
+    stored.groupOrder = {"bogus", "send", "send", "receive"};
+    stored.fieldOrder.insert("send", {"nope", "txChecksum"});
+    stored.hiddenFields.insert("receive", {"rxFormat", "gone"});
+    stored.hiddenFields.insert("controlLines", {"dtr"});
+    QCOMPARE(QuickSettingsCatalog::groupOrder(stored), (QStringList{"send", "receive", "connection"}));
+    QCOMPARE(QuickSettingsCatalog::fieldOrder(stored, "send", false).mid(0, 2), (QStringList{"txChecksum", "txFormat"}));
+    QCOMPARE(QuickSettingsCatalog::fieldOrder(stored, "receive", true), (QStringList{"rxAutoFeed", "rxDisplayTime"}));
+    const QuickSettingsLayout clean = QuickSettingsCatalog::cleaned(stored);
+    QCOMPARE(clean.groupOrder, (QStringList{"send", "receive", "connection", "controlLines"}));
+    QCOMPARE(clean.hiddenFields.value("receive"), QStringList{"rxFormat"});
+    QVERIFY(!clean.hiddenFields.contains("controlLines"));
+}
+
+void MainWindowTest::quickSettingsEditorMovesAndRefuses()
+{
+    QuickSettingsDialog dialog{QuickSettingsLayout{}};
+    auto *tree = dialog.findChild<QTreeWidget *>("quickSettingsTree");
+    QVERIFY(tree);
+    QCOMPARE(tree->topLevelItemCount(), 3);
+    // Move "Send Settings" up once, and "Loop Send" down once.
+    tree->setCurrentItem(tree->topLevelItem(2));
+    dialog.findChild<QPushButton *>("quickSettingsMoveUpButton")->click();
+    tree->setCurrentItem(tree->topLevelItem(1)->child(1));
+    dialog.findChild<QPushButton *>("quickSettingsMoveDownButton")->click();
+    tree->topLevelItem(0)->child(2)->setCheckState(0, Qt::Unchecked);  // parity
+    QuickSettingsLayout chosen = dialog.layout();
+    QCOMPARE(chosen.groupOrder, (QStringList{"connection", "controlLines", "send", "receive"}));
+    QCOMPARE(chosen.fieldOrder.value("send").mid(0, 3), (QStringList{"txFormat", "txAutoFeed", "txLoop"}));
+    QCOMPARE(chosen.hiddenFields.value("connection"), QStringList{"parity"});
+
+    for (int i = 0; i < 3; ++i)
+        tree->topLevelItem(i)->setCheckState(0, Qt::Unchecked);
+    QString warning;
+    answerNextBox(QMessageBox::Ok, &warning);
+    dialog.accept();
+    QCOMPARE(warning, QString("Select at least one quick settings group to show."));
+    QCOMPARE(dialog.result(), int(QDialog::Rejected));
+}
+
+void MainWindowTest::quickSettingsShapeEveryPane()
+{
+    QSettings settings;
+    QuickSettingsLayout layout;
+    layout.showReceive = false;
+    layout.hiddenFields.insert("send", {"txChecksum"});
+    layout.save(settings);
+    MainWindow w;
+    w.addPane();
+    w.show();
+    for (SerialPortWidget *pane : w.panes()) {
+        QVERIFY(!pane->findChild<QGroupBox *>("receiveGroup")->isVisibleTo(pane));
+        QVERIFY(pane->findChild<QGroupBox *>("sendGroup")->isVisibleTo(pane));
+        QVERIFY(!pane->findChild<QComboBox *>("sendChecksumBox")->isVisibleTo(pane));
+        QVERIFY(pane->findChild<QComboBox *>("terminalEnterBox")->isVisibleTo(pane));
+    }
+    w.findChild<QAction *>("acViewQuickSettings")->trigger();
+    QVERIFY(w.isWindowModified());
+    QVERIFY(!w.panes().constFirst()->findChild<QGroupBox *>("sendGroup")->isVisibleTo(w.panes().constFirst()));
+    QCOMPARE(w.currentProject().quickView, false);
+    QVERIFY(w.currentProject().quickSettings == layout);
 }
 
 QTEST_MAIN(MainWindowTest)

@@ -838,7 +838,10 @@ void ConnectionTest::relayPath()
     controller.setRelayFactory([&](const ConnectionConfig &c) -> RelayTransport * {
         return c.relayPortKey.isEmpty() ? nullptr : (made = new FakeRelay).data();
     });
+    QSignalSpy refused(&controller, &ConnectionController::errorOccurred);
     QVERIFY(!controller.open(config)); // nothing to make
+    QCOMPARE(refused.count(), 1);
+    QCOMPARE(refused.at(0).at(0).toString(), QString("No remote port has been chosen for this connection yet."));
     config.relayPortKey = "key-1";
     QVERIFY(controller.open(config));
     QVERIFY(made && !controller.isOpen(config.mode));

@@ -1,6 +1,7 @@
 #include "settings/connectionsettingswidget.h"
 #include "terminal/controllinelights.h"
 #include "terminal/ledindicator.h"
+#include "terminal/monospacefont.h"
 #include "terminal/receivefindbar.h"
 #include "terminal/receiveview.h"
 
@@ -18,6 +19,8 @@ class PaneViewsTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void fontPreferenceTakesFirstInstalled_data();
+    void fontPreferenceTakesFirstInstalled();
     void trimRemovesHalfTheLimit();
     void followsEndOnlyAtTheBottom();
     void noteIsColouredAndFramed();
@@ -41,6 +44,25 @@ static QString lines(int count, int width)
     for (int i = 0; i < count; ++i)
         text += QString(width - 1, QChar(u'a' + i % 26)) + u'\n';
     return text;
+}
+
+void PaneViewsTest::fontPreferenceTakesFirstInstalled_data()
+{
+    QTest::addColumn<QStringList>("installed");
+    QTest::addColumn<QString>("chosen");
+    QTest::newRow("debian") << QStringList{"DejaVu Sans", "DejaVu Sans Mono", "Liberation Mono"}
+                            << "DejaVu Sans Mono";
+    QTest::newRow("windows") << QStringList{"Courier New", "Consolas"} << "Consolas";
+    QTest::newRow("mac") << QStringList{"Monaco", "Menlo", "SF Mono"} << "Menlo";
+    QTest::newRow("case") << QStringList{"noto sans mono"} << "Noto Sans Mono";
+    QTest::newRow("none") << QStringList{"Arial"} << "Courier New";
+}
+
+void PaneViewsTest::fontPreferenceTakesFirstInstalled()
+{
+    QFETCH(QStringList, installed);
+    QFETCH(QString, chosen);
+    QCOMPARE(MonospaceFont::firstInstalled(MonospaceFont::preferenceList(), installed), chosen);
 }
 
 void PaneViewsTest::trimRemovesHalfTheLimit()
