@@ -6,6 +6,8 @@
 #include "connection/streamclienttransport.h"
 #include "connection/tcpservertransport.h"
 
+#include <algorithm>
+
 ConnectionController::ConnectionController(QObject *parent)
     : QObject(parent)
     , m_serial(new SerialPortTransport(this))
@@ -193,14 +195,9 @@ bool ConnectionController::send(const ConnectionConfig &config, const QByteArray
 
 bool ConnectionController::isReadPaused() const
 {
-    for (const PortTransport *transport : {static_cast<PortTransport *>(m_serial), static_cast<PortTransport *>(m_stream),
-                                           static_cast<PortTransport *>(m_rfc2217),
-                                           static_cast<PortTransport *>(m_server), static_cast<PortTransport *>(m_udp),
-                                           static_cast<PortTransport *>(m_relay)}) {
-        if (transport && transport->isReadPaused())
-            return true;
-    }
-    return false;
+    const QList<PortTransport *> transports = findChildren<PortTransport *>(Qt::FindDirectChildrenOnly);
+    return std::any_of(transports.cbegin(), transports.cend(),
+                       [](const PortTransport *transport) { return transport->isReadPaused(); });
 }
 
 // ------------------------------------------------------- per transport
