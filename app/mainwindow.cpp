@@ -3,6 +3,7 @@
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/newconnectiondialog.h"
+#include "app/panetransfers.h"
 #include "common/appidentity.h"
 #include "common/logging.h"
 #include "settings/portsettingsdialog.h"
@@ -106,10 +107,13 @@ MainWindow::MainWindow(QWidget *parent)
         rebuildLayout();
         setCurrentFile({});
     }
+    m_transfers = new PaneTransfers(this);
+    connect(m_transfers, &PaneTransfers::runningChanged, this, &MainWindow::updateTransferActions);
     m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
         for (QWidget *w = now; w; w = w->parentWidget()) {
             if (auto *pane = qobject_cast<SerialPortWidget *>(w)) {
                 m_lastFocusedPane = pane;
+                updateTransferActions();
                 return;
             }
         }
@@ -730,6 +734,26 @@ void MainWindow::on_acToolsModbus_triggered()
         });
     }
     raiseDialog(m_modbusBuilder);
+}
+
+void MainWindow::on_acXferSend_triggered()
+{
+    m_transfers->openDialog(currentPane(), FileTransferSession::Direction::Send);
+}
+
+void MainWindow::on_acXferReceive_triggered()
+{
+    m_transfers->openDialog(currentPane(), FileTransferSession::Direction::Receive);
+}
+
+void MainWindow::on_acXferCancel_triggered()
+{
+    m_transfers->cancel(currentPane());
+}
+
+void MainWindow::updateTransferActions()
+{
+    ui->acXferCancel->setEnabled(m_transfers->running(currentPane()) != nullptr);
 }
 
 void MainWindow::insertFrameIntoSend(const QByteArray &frame, const QString &checksumNote)

@@ -11,6 +11,7 @@
 
 class AsciiCode;
 class ModbusBuilderDialog;
+class PaneTransfers;
 class QSettings;
 class QSplitter;
 class SerialPortWidget;
@@ -37,6 +38,7 @@ public:
     const QList<SerialPortWidget *> &panes() const { return m_panes; }
     SerialPortWidget *currentPane() const;
     SerialPortWidget *addPane();
+    PaneTransfers *transfers() const { return m_transfers; }
 
     // Opens the port named on the command line in the current pane; a
     // failure is reported in a warning box.
@@ -98,6 +100,9 @@ private Q_SLOTS:
     void on_acToolCalc_triggered();
     void on_acToolsAscii_triggered();
     void on_acToolsModbus_triggered();
+    void on_acXferSend_triggered();
+    void on_acXferReceive_triggered();
+    void on_acXferCancel_triggered();
 
 private:
     void chooseLanguage(int value);
@@ -124,6 +129,8 @@ private:
     // a checksum of its own.
     void insertFrameIntoSend(const QByteArray &frame, const QString &checksumNote);
     static void raiseDialog(QWidget *dialog);
+    // Cancel Transfer follows the pane the user works in.
+    void updateTransferActions();
 
     Ui::MainWindow *ui;
     QWidget *m_paneHolder = nullptr;
@@ -147,4 +154,5 @@ private:
     ToolBox *m_toolBox = nullptr;
     AsciiCode *m_asciiCode = nullptr;
     ModbusBuilderDialog *m_modbusBuilder = nullptr;
+    PaneTransfers *m_transfers = nullptr;
 };

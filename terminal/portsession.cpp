@@ -716,7 +716,7 @@ void PortSession::setTransferActive(bool active)
     emit transferStateChanged(active);
 }
 
-QString PortSession::transferRefusal() const
+QString PortSession::transferRefusal(ClientChoice clientChoice) const
 {
     if (isTransferActive())
         return tr("A file transfer is already running on this port.");
@@ -730,7 +730,8 @@ QString PortSession::transferRefusal() const
         const int clients = m_controller->serverClientCount();
         if (clients == 0)
             return tr("No client is connected yet.");
-        if (clients > 1 && m_target.clientLabel.isEmpty() && m_target.index < 0)
+        if (clients > 1 && clientChoice == ClientChoice::Required && m_target.clientLabel.isEmpty()
+            && m_target.index < 0)
             return tr("Several clients are connected. Select the one to transfer with.");
     }
     return QString();

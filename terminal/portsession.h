@@ -142,8 +142,13 @@ public:
     void setTransferActive(bool active);
     bool isTransferActive() const { return m_viewState == ViewState::Transfer; }
     void setReceiveTaker(ReceiveTaker taker) { m_receiveTaker = std::move(taker); }
-    // Why a transfer cannot start now; empty when it can.
-    QString transferRefusal() const;
+    // Why a transfer cannot start now; empty when it can. A caller that
+    // lets the user pick the server client itself (the transfer dialog)
+    // is not refused for several clients being connected.
+    enum class ClientChoice { Required, ChosenByCaller };
+    QString transferRefusal(ClientChoice clientChoice = ClientChoice::Required) const;
+    // Shows a refusal or failure in the pane and the status bar.
+    void reportFailure(const QString &text);
 
     // ---- Data log ----
     bool isLogging() const { return m_logActive; }
@@ -220,7 +225,6 @@ private:
     void rememberTargetHost();
     int autoSendIntervalMs() const;
     bool refuseDuringTransfer(const QString &what);
-    void reportFailure(const QString &text);
     bool sendRemoteBreak(bool on);
     void onRemoteNotice(const QString &text);
     void onRemoteSetting(Rfc2217ClientSession::Event::Kind kind, qint64 value);

@@ -28,6 +28,7 @@
 #include <QSplitter>
 #include <QTimer>
 #include <QToolButton>
+#include <QVBoxLayout>
 
 
 SerialPortWidget::SerialPortWidget(int paneId, QWidget *parent)
@@ -743,6 +744,11 @@ void SerialPortWidget::showFailure(const QString &text)
 }
 
 // ----------------------------------------------------------- transfer lock
+
+void SerialPortWidget::addStrip(QWidget *strip)
+{
+    ui.stripLayout->addWidget(strip);
+}
 
 void SerialPortWidget::onTransferStateChanged(bool active)
 {

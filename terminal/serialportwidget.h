@@ -82,6 +82,9 @@ public:
     void setTransferActive(bool active) { m_session->setTransferActive(active); }
     bool isTransferActive() const { return m_session->isTransferActive(); }
     QString transferRefusal() const { return m_session->transferRefusal(); }
+    // A strip shown above the views while something runs on the pane (a
+    // file transfer's progress); the pane takes ownership.
+    void addStrip(QWidget *strip);
 
     bool isLogging() const { return m_session->isLogging(); }
     QString currentLogFile() const { return m_session->currentLogFile(); }

@@ -211,6 +211,10 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     errorLabel->hide();
     viewsLayout->addWidget(errorLabel);
 
+    stripLayout = new QVBoxLayout;
+    stripLayout->setContentsMargins(0, 0, 0, 0);
+    viewsLayout->addLayout(stripLayout);
+
     viewSplitter = named(new QSplitter(Qt::Vertical, views), "viewSplitter");
     viewSplitter->setChildrenCollapsible(false);
     auto *receiveHolder = new QWidget(viewSplitter);

@@ -15,6 +15,7 @@ class QPushButton;
 class QSpinBox;
 class QSplitter;
 class QToolButton;
+class QVBoxLayout;
 class QWidget;
 class ReceiveFindBar;
 class ReceiveView;
@@ -33,6 +34,7 @@ public:
 
     QSplitter *splitter = nullptr;         // options left, views right
     QSplitter *viewSplitter = nullptr;     // receive above, send below
+    QVBoxLayout *stripLayout = nullptr;    // progress strips above the views
 
     // Connection
     QGroupBox *connectionGroup = nullptr;

@@ -227,6 +227,34 @@
         <source>Choose the groups and fields the panes show</source>
         <translation>选择端口面板显示的分组和字段</translation>
     </message>
+    <message>
+        <source>Send File...</source>
+        <translation>发送文件...</translation>
+    </message>
+    <message>
+        <source>Send a file to the device with XMODEM or YMODEM</source>
+        <translation>用 XMODEM 或 YMODEM 向设备发送文件</translation>
+    </message>
+    <message>
+        <source>Ctrl+Shift+S</source>
+        <translation>Ctrl+Shift+S</translation>
+    </message>
+    <message>
+        <source>Receive File...</source>
+        <translation>接收文件...</translation>
+    </message>
+    <message>
+        <source>Receive a file from the device with XMODEM or YMODEM</source>
+        <translation>用 XMODEM 或 YMODEM 从设备接收文件</translation>
+    </message>
+    <message>
+        <source>Ctrl+Shift+R</source>
+        <translation>Ctrl+Shift+R</translation>
+    </message>
+    <message>
+        <source>Cancel Transfer</source>
+        <translation>取消传输</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

@@ -10,7 +10,11 @@
 #include "terminal/monospacefont.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
+#include "support/lrzszpeer.h"
+#include "support/ptypair.h"
 #include "support/settingssandbox.h"
+#include "transfer/filetransferbar.h"
+#include "transfer/filetransferdialog.h"
 
 #include <QAction>
 #include <QComboBox>
@@ -65,6 +69,8 @@ private Q_SLOTS:
     void quickSettingsCatalogueAndUnknownIds();
     void quickSettingsEditorMovesAndRefuses();
     void quickSettingsShapeEveryPane();
+    void transfersRunFromTheMenuWithABar();
+    void transferRefusedOrCancelledFromTheMenu();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -573,6 +579,171 @@ void MainWindowTest::quickSettingsShapeEveryPane()
     QVERIFY(!w.panes().constFirst()->findChild<QGroupBox *>("sendGroup")->isVisibleTo(w.panes().constFirst()));
     QCOMPARE(w.currentProject().quickView, false);
     QVERIFY(w.currentProject().quickSettings == layout);
+}
+
+namespace {
+
+QByteArray transferPattern(int size)
+{
+    QByteArray data(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        data[i] = char((i * 131 + 7) ^ (i >> 9));
+    return data;
+}
+
+QByteArray fileContents(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+SerialPortWidget *openSerialPane(MainWindow &window, const QString &portName)
+{
+    SerialPortWidget *pane = window.panes().constFirst();
+    ConnectionConfig config = pane->connectionConfig();
+    config.mode = ConnectionMode::Serial;
+    config.portName = portName;
+    config.baudRate = 115200;
+    pane->applySettings(config, pane->paneOptions(), {});
+    return pane->openConnection(portName) ? pane : nullptr;
+}
+
+// Runs the dialog the action opened on `pane` and watches the transfer's
+// bar until it goes; returns the summary.
+QString runTransferDialog(MainWindow &window, SerialPortWidget *pane, const char *action, XmodemVariant protocol,
+                          const std::function<void(FileTransferDialog *)> &fill)
+{
+    window.findChild<QAction *>(QLatin1String(action))->trigger();
+    auto *dialog = pane->findChild<FileTransferDialog *>();
+    if (!dialog)
+        return QStringLiteral("no dialog");
+    dialog->setProtocol(protocol);
+    fill(dialog);
+    if (!dialog->start())
+        return dialog->errorText();
+    const QPointer<FileTransferSession> session = dialog->session();
+    auto *bar = pane->findChild<FileTransferBar *>(QStringLiteral("fileTransferBar"));
+    if (!bar || bar->session() != session.data())
+        return QStringLiteral("no bar");
+    QSignalSpy finished(bar, &FileTransferBar::transferFinished);
+    // XMODEM announces no size: the bar is busy and counts bytes only.
+    bool sawProgress = false;
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        if (session && (bar->percent() > 0 || (bar->percent() < 0 && !bar->counter().startsWith(QLatin1Char('0')))))
+            sawProgress = true;
+    });
+    watch.start(50);
+    if (!window.findChild<QAction *>(QStringLiteral("acXferCancel"))->isEnabled())
+        return QStringLiteral("cancel not offered");
+    if (!finished.wait(60000))
+        return QStringLiteral("no end");
+    if (!sawProgress)
+        return QStringLiteral("no progress shown");
+    return finished.at(0).at(0).toBool() ? QString() : finished.at(0).at(1).toString();
+}
+
+} // namespace
+
+// A user sends a file from a pane with YMODEM to rb on a serial line and
+// takes one back with XMODEM-1K from sx, through the menu, the dialog and
+// the pane's bar.
+void MainWindowTest::transfersRunFromTheMenuWithABar()
+{
+    PtyPair pty;
+    QVERIFY2(pty.start(), qPrintable(pty.errorText()));
+    QTemporaryDir ours, theirs;
+    const QByteArray outgoing = transferPattern(1024 * 1024);
+    const QByteArray incoming = transferPattern(1024 * 1024 - 1024).toBase64().left(1024 * 1024);
+    {
+        QFile out(ours.filePath(QStringLiteral("firmware image.bin")));
+        QVERIFY(out.open(QIODevice::WriteOnly) && out.write(outgoing) == outgoing.size());
+        QFile in(theirs.filePath(QStringLiteral("capture.bin")));
+        QVERIFY(in.open(QIODevice::WriteOnly) && in.write(incoming) == incoming.size());
+    }
+    MainWindow window;
+    window.show();
+    SerialPortWidget *pane = openSerialPane(window, pty.pathA());
+    QVERIFY(pane);
+    const QString peerEnd = QStringLiteral("%1,raw,echo=0").arg(pty.pathB());
+
+    {
+        LrzszPeer peer;
+        QVERIFY(peer.start(peerEnd, theirs.path(), QStringLiteral("rb -q")));
+        const QString failure = runTransferDialog(window, pane, "acXferSend", XmodemVariant::Ymodem,
+                                                  [&](FileTransferDialog *dialog) {
+                                                      dialog->setFilePath(ours.filePath("firmware image.bin"));
+                                                  });
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        QCOMPARE(peer.waitForExit(15000), 0);
+        QCOMPARE(fileContents(theirs.filePath(QStringLiteral("firmware image.bin"))), outgoing);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(!pane->findChild<FileTransferBar *>(QStringLiteral("fileTransferBar")), 5000);
+    QVERIFY(!pane->isTransferActive());
+    QVERIFY(!window.findChild<QAction *>(QStringLiteral("acXferCancel"))->isEnabled());
+    // The dialog went once the transfer started.
+    QTRY_VERIFY_WITH_TIMEOUT(!pane->findChild<FileTransferDialog *>(), 2000);
+
+    {
+        LrzszPeer peer;
+        QVERIFY(peer.start(peerEnd, theirs.path(), QStringLiteral("sx -k -q capture.bin")));
+        const QString failure = runTransferDialog(window, pane, "acXferReceive", XmodemVariant::Xmodem1K,
+                                                  [&](FileTransferDialog *dialog) {
+                                                      dialog->setFolder(ours.path());
+                                                      dialog->setSaveAs(QStringLiteral("capture.bin"));
+                                                  });
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        QCOMPARE(peer.waitForExit(15000), 0);
+        // A whole number of 1 KiB blocks: nothing padded.
+        QCOMPARE(fileContents(ours.filePath(QStringLiteral("capture.bin"))), incoming);
+    }
+    // The pane's view is its own again.
+    QVERIFY(!pane->isTransferActive());
+    QVERIFY(pane->sendBytes("after\n"));
+}
+
+void MainWindowTest::transferRefusedOrCancelledFromTheMenu()
+{
+    MainWindow window;
+    window.show();
+    SerialPortWidget *pane = window.panes().constFirst();
+    auto *send = window.findChild<QAction *>(QStringLiteral("acXferSend"));
+    QCOMPARE(send->shortcut(), QKeySequence(QStringLiteral("Ctrl+Shift+S")));
+    QCOMPARE(window.findChild<QAction *>(QStringLiteral("acXferReceive"))->shortcut(),
+             QKeySequence(QStringLiteral("Ctrl+Shift+R")));
+
+    // Closed: refused in the pane, no dialog.
+    send->trigger();
+    QVERIFY(!pane->findChild<FileTransferDialog *>());
+    auto *error = pane->findChild<QLabel *>(QStringLiteral("errorLabel"));
+    QCOMPARE(error->text(), QString("The connection is not open."));
+
+    // Open on a silent line: a receive waits until the user cancels it,
+    // and the partial file never takes the final name.
+    PtyPair pty;
+    QVERIFY2(pty.start(), qPrintable(pty.errorText()));
+    QVERIFY(openSerialPane(window, pty.pathA()));
+    QTemporaryDir folder;
+    window.findChild<QAction *>(QStringLiteral("acXferReceive"))->trigger();
+    // A second press raises the same dialog instead of a second one.
+    window.findChild<QAction *>(QStringLiteral("acXferReceive"))->trigger();
+    QCOMPARE(pane->findChildren<FileTransferDialog *>().size(), 1);
+    auto *dialog = pane->findChild<FileTransferDialog *>();
+    dialog->setProtocol(XmodemVariant::XmodemCrc);
+    dialog->setFolder(folder.path());
+    dialog->setSaveAs(QStringLiteral("never.bin"));
+    QVERIFY(dialog->start());
+    QVERIFY(pane->isTransferActive());
+    auto *cancel = window.findChild<QAction *>(QStringLiteral("acXferCancel"));
+    QTRY_VERIFY_WITH_TIMEOUT(cancel->isEnabled(), 2000);
+    // While it runs, a second transfer is refused in the pane.
+    send->trigger();
+    QCOMPARE(error->text(), QString("A file transfer is already running on this port."));
+    cancel->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(!pane->isTransferActive(), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(!cancel->isEnabled(), 2000);
+    QTRY_VERIFY_WITH_TIMEOUT(!pane->findChild<FileTransferBar *>(QStringLiteral("fileTransferBar")), 2000);
+    QVERIFY(!QFile::exists(folder.filePath(QStringLiteral("never.bin"))));
 }
 
 QTEST_MAIN(MainWindowTest)

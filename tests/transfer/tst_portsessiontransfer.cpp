@@ -1,6 +1,7 @@
 // A file transfer driven through a port session (no widget), against lrzsz:
 // received over a TCP server pane, sent over a serial pane on a pty pair.
 #include "connection/connectioncontroller.h"
+#include "support/lrzszpeer.h"
 #include "support/ptypair.h"
 #include "terminal/portsession.h"
 #include "transfer/filetransfersession.h"
@@ -33,15 +34,6 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// lrzsz behind socat, in its own folder.
-bool startPeer(QProcess &socat, const QString &address, const QString &folder, const QString &command)
-{
-    socat.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    socat.setWorkingDirectory(folder);
-    socat.start(QStringLiteral("socat"), {address, QStringLiteral("SYSTEM:%1").arg(command)});
-    return socat.waitForStarted(5000);
-}
-
 } // namespace
 
 class PortSessionTransferTest : public QObject
@@ -66,8 +58,8 @@ void PortSessionTransferTest::receivesOnAServerPane()
     session.applySettings(config, PaneOptions(), {});
     QVERIFY(session.controller()->startTcpServer(0, QHostAddress::LocalHost));
     const quint16 port = quint16(session.controller()->serverAddressText().section(':', -1).toUInt());
-    QProcess socat;
-    QVERIFY(startPeer(socat, QStringLiteral("TCP:127.0.0.1:%1").arg(port), peerFolder.path(), "sb -q report.bin"));
+    LrzszPeer peer;
+    QVERIFY(peer.start(QStringLiteral("TCP:127.0.0.1:%1").arg(port), peerFolder.path(), "sb -q report.bin"));
     QTRY_COMPARE_WITH_TIMEOUT(session.controller()->serverClientCount(), 1, 5000);
 
     PortSessionXferPort xfer(&session);
@@ -88,7 +80,7 @@ void PortSessionTransferTest::receivesOnAServerPane()
     QVERIFY(!notes.isEmpty());
     // The transfer's bytes went to the transfer, not to the view.
     QCOMPARE(session.ingest().pendingBytes(), 0);
-    socat.waitForFinished(5000);
+    QCOMPARE(peer.waitForExit(5000), 0);
 }
 
 void PortSessionTransferTest::sendsOnASerialPane()
@@ -105,8 +97,8 @@ void PortSessionTransferTest::sendsOnASerialPane()
     config.baudRate = 115200;
     session.applySettings(config, PaneOptions(), {});
     QVERIFY(session.openConnection());
-    QProcess socat;
-    QVERIFY(startPeer(socat, QStringLiteral("%1,raw,echo=0").arg(pty.pathB()), peerFolder.path(), "rb -q"));
+    LrzszPeer peer;
+    QVERIFY(peer.start(QStringLiteral("%1,raw,echo=0").arg(pty.pathB()), peerFolder.path(), "rb -q"));
 
     PortSessionXferPort xfer(&session);
     FileTransferSession::Request request;
@@ -119,7 +111,7 @@ void PortSessionTransferTest::sendsOnASerialPane()
     transfer.start();
     QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, kWait);
     QVERIFY2(finished.at(0).at(0).toBool(), qPrintable(finished.at(0).at(1).toString()));
-    QVERIFY(socat.waitForFinished(kWait));
+    QCOMPARE(peer.waitForExit(kWait), 0);
     QCOMPARE(readFile(peerFolder.filePath("firmware.bin")), data);
     QVERIFY(session.txCount() > quint64(data.size()));
 }

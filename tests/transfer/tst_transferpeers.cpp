@@ -2,6 +2,7 @@
 // loopback and over a socat pty pair with lrzsz behind a second socat.
 // Received files must be byte-identical (XMODEM: padded to whole blocks)
 // and carry the sender's modification time where YMODEM sends it.
+#include "support/lrzszpeer.h"
 #include "support/ptypair.h"
 #include "transfer/filetransfersession.h"
 #include "transfer/xferport.h"
@@ -92,13 +93,6 @@ QByteArray xmodemPadded(const QByteArray &data, bool longBlocks)
     return data + QByteArray(total - data.size(), 0x1A);
 }
 
-QString shellQuote(const QString &s)
-{
-    QString q = s;
-    q.replace(QLatin1String("'"), QLatin1String("'\\''"));
-    return QLatin1Char('\'') + q + QLatin1Char('\'');
-}
-
 } // namespace
 
 class TestTransferPeers : public QObject
@@ -116,16 +110,10 @@ private slots:
 
 private:
     void addRows(bool sending);
-    // Starts lrzsz (through a script, so names need no socat escaping)
-    // behind socat on `address`, working in `folder`.
-    bool startPeer(QProcess &socat, const QString &address, const QString &folder, const QString &command);
     // Runs one transfer; the session is created once the link is up.
     void runTransfer(const QString &transport, const QString &peerCommand, const QString &peerFolder,
                      const FileTransferSession::Request &request, bool *success, QString *summary,
                      LineNoise *noise = nullptr, int *retries = nullptr);
-
-    QTemporaryDir m_scripts;
-    QString m_statusFile;
 };
 
 void TestTransferPeers::initTestCase()
@@ -133,7 +121,6 @@ void TestTransferPeers::initTestCase()
     for (const char *tool : {"socat", "sx", "rx", "sb", "rb"})
         QVERIFY2(!QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty(),
                  qPrintable(QStringLiteral("%1 is missing: run scripts/setup.sh").arg(QLatin1String(tool))));
-    QVERIFY(m_scripts.isValid());
 }
 
 void TestTransferPeers::addRows(bool sending)
@@ -186,46 +173,24 @@ void TestTransferPeers::addRows(bool sending)
     }
 }
 
-bool TestTransferPeers::startPeer(QProcess &socat, const QString &address, const QString &folder,
-                                  const QString &command)
-{
-    static int serial = 0;
-    const QString script = m_scripts.filePath(QStringLiteral("peer%1.sh").arg(++serial));
-    QFile f(script);
-    if (!f.open(QIODevice::WriteOnly))
-        return false;
-    // lrzsz's own exit status, kept apart from socat's: socat fails when
-    // it cannot hand over a byte that arrived after lrzsz was done (sb
-    // under YMODEM-G does not wait for the last acknowledgement).
-    m_statusFile = script + QStringLiteral(".status");
-    f.write(QStringLiteral("#!/bin/sh\ncd %1 || exit 1\n%2\necho $? > %3\n")
-                .arg(shellQuote(folder), command, shellQuote(m_statusFile))
-                .toUtf8());
-    f.close();
-    f.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    socat.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    socat.start(QStringLiteral("socat"), {address, QStringLiteral("EXEC:%1").arg(script)});
-    return socat.waitForStarted(5000);
-}
-
 void TestTransferPeers::runTransfer(const QString &transport, const QString &peerCommand, const QString &peerFolder,
                                     const FileTransferSession::Request &request, bool *success, QString *summary,
                                     LineNoise *noise, int *retries)
 {
-    QProcess socat;
+    LrzszPeer peer;
     std::unique_ptr<QIODevice> device;
     QTcpServer server;
     PtyPair pty;
     if (transport == QLatin1String("tcp")) {
         QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-        QVERIFY(startPeer(socat, QStringLiteral("TCP:127.0.0.1:%1").arg(server.serverPort()), peerFolder,
+        QVERIFY(peer.start(QStringLiteral("TCP:127.0.0.1:%1").arg(server.serverPort()), peerFolder,
                           peerCommand));
         QVERIFY(server.waitForNewConnection(10000));
         device.reset(server.nextPendingConnection());
         device->setParent(nullptr);
     } else {
         QVERIFY2(pty.start(), qPrintable(pty.errorText()));
-        QVERIFY(startPeer(socat, QStringLiteral("%1,raw,echo=0").arg(pty.pathB()), peerFolder, peerCommand));
+        QVERIFY(peer.start(QStringLiteral("%1,raw,echo=0").arg(pty.pathB()), peerFolder, peerCommand));
         auto *serial = new QSerialPort;
         serial->setPortName(pty.pathA());
         serial->setBaudRate(115200);
@@ -254,17 +219,10 @@ void TestTransferPeers::runTransfer(const QString &transport, const QString &pee
     QCOMPARE(port.notes.last(), *summary);
     // lrzsz leaves by itself once it has our last answer, and says whether
     // it was content with the transfer.
-    QSignalSpy exited(&socat, &QProcess::finished);
-    const bool peerLeft = socat.state() == QProcess::NotRunning || exited.wait(15000);
+    const int peerStatus = peer.waitForExit(15000);
     device->close();
-    if (!peerLeft) {
-        socat.kill();
-        socat.waitForFinished(3000);
-    }
-    QVERIFY2(peerLeft, "lrzsz did not finish after the transfer");
-    QFile status(m_statusFile);
-    QVERIFY(status.open(QIODevice::ReadOnly));
-    QCOMPARE(status.readAll().trimmed(), QByteArray("0"));
+    QVERIFY2(peerStatus >= 0, "lrzsz did not finish after the transfer");
+    QCOMPARE(peerStatus, 0);
 }
 
 void TestTransferPeers::sendToLrzsz_data()
@@ -294,7 +252,7 @@ void TestTransferPeers::sendToLrzsz()
     const bool ymodem = isYmodemVariant(v);
     const QString received = ymodem ? name : QStringLiteral("out.bin");
     const QString command = ymodem ? QStringLiteral("rb -q %1").arg(peerOptions)
-                                   : QStringLiteral("rx -q %1 %2").arg(peerOptions, shellQuote(received));
+                                   : QStringLiteral("rx -q %1 %2").arg(peerOptions, LrzszPeer::shellQuote(received));
     FileTransferSession::Request request;
     request.protocol = v;
     request.direction = FileTransferSession::Direction::Send;
@@ -342,7 +300,7 @@ void TestTransferPeers::receiveFromLrzsz()
         QVERIFY(f.setFileTime(kSourceTime, QFileDevice::FileModificationTime));
     }
     const bool ymodem = isYmodemVariant(v);
-    const QString command = QStringLiteral("%1 -q %2 %3").arg(ymodem ? QStringLiteral("sb") : QStringLiteral("sx"), peerOptions, shellQuote(name));
+    const QString command = QStringLiteral("%1 -q %2 %3").arg(ymodem ? QStringLiteral("sb") : QStringLiteral("sx"), peerOptions, LrzszPeer::shellQuote(name));
     FileTransferSession::Request request;
     request.protocol = v;
     request.direction = FileTransferSession::Direction::Receive;

@@ -1,0 +1,98 @@
+#include "app/panetransfers.h"
+
+#include "terminal/serialportwidget.h"
+#include "transfer/filetransferbar.h"
+#include "transfer/filetransferdialog.h"
+#include "transfer/portsessionxferport.h"
+
+#include <QSharedPointer>
+
+PaneTransfers::PaneTransfers(QObject *parent)
+    : QObject(parent)
+{
+}
+
+FileTransferDialog *PaneTransfers::openDialog(SerialPortWidget *pane, FileTransferSession::Direction direction)
+{
+    if (!pane)
+        return nullptr;
+    // The dialog offers the choice of client itself.
+    const QString refusal = pane->session()->transferRefusal(PortSession::ClientChoice::ChosenByCaller);
+    if (!refusal.isEmpty()) {
+        pane->session()->reportFailure(refusal);
+        return nullptr;
+    }
+    // One dialog per pane: two could start two transfers on one port.
+    if (FileTransferDialog *open = m_dialogs.value(pane)) {
+        if (open->direction() == direction) {
+            open->raise();
+            open->activateWindow();
+            return open;
+        }
+        open->close();
+    }
+    // The adapter belongs to the pane and goes once neither the dialog nor
+    // a transfer it started needs it any more.
+    auto *port = new PortSessionXferPort(pane->session(), pane);
+    auto *dialog = new FileTransferDialog(direction, pane->connectionConfig(), port, pane);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    m_dialogs.insert(pane, dialog);
+    connect(dialog, &QObject::destroyed, this, [this, pane] {
+        if (!m_dialogs.value(pane))
+            m_dialogs.remove(pane);
+    });
+    auto users = QSharedPointer<int>::create(1);
+    const auto release = [port, users] {
+        if (--*users == 0)
+            port->deleteLater();
+    };
+    connect(dialog, &QObject::destroyed, port, release);
+    connect(dialog, &FileTransferDialog::sessionStarted, this,
+            [this, pane, port, users, release](FileTransferSession *transfer) {
+                ++*users;
+                port->attach(transfer);
+                connect(transfer, &QObject::destroyed, port, release);
+                adopt(pane, transfer);
+            });
+    dialog->show();
+    dialog->raise();
+    dialog->activateWindow();
+    return dialog;
+}
+
+void PaneTransfers::adopt(SerialPortWidget *pane, FileTransferSession *transfer)
+{
+    m_running.insert(pane, transfer);
+    auto *bar = new FileTransferBar(pane);
+    bar->setSession(transfer);
+    pane->addStrip(bar);
+    bar->show();
+    connect(transfer, &FileTransferSession::finished, bar, &QObject::deleteLater);
+    connect(transfer, &FileTransferSession::finished, this, [this, pane, transfer] {
+        if (m_running.value(pane) == transfer)
+            m_running.remove(pane);
+        emit runningChanged();
+    });
+    // The transfer belongs to the pane: removing the pane ends it too.
+    connect(transfer, &QObject::destroyed, this, [this, pane] {
+        if (!m_running.value(pane))
+            m_running.remove(pane);
+    });
+    emit runningChanged();
+}
+
+bool PaneTransfers::cancel(SerialPortWidget *pane)
+{
+    FileTransferSession *transfer = running(pane);
+    if (!transfer)
+        return false;
+    transfer->stop(FileTransferSession::StopReason::UserCancel);
+    return true;
+}
+
+FileTransferSession *PaneTransfers::running(SerialPortWidget *pane) const
+{
+    // Started or about to start: the dialog hands the transfer over just
+    // before starting it.
+    return m_running.value(pane).data();
+}
