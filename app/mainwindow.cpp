@@ -1,10 +1,13 @@
 #include "app/mainwindow.h"
 
+#include "app/cloudaccountmenu.h"
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/newconnectiondialog.h"
 #include "app/panetransfers.h"
 #include "common/appidentity.h"
+#include "cloud/sessionstatemapping.h"
+#include "cloud/sessionsynccoordinator.h"
 #include "common/logging.h"
 #include "settings/portsettingsdialog.h"
 #include "settings/quicksettingsdialog.h"
@@ -108,6 +111,11 @@ MainWindow::MainWindow(QWidget *parent)
         setCurrentFile({});
     }
     m_transfers = new PaneTransfers(this);
+    m_cloudMenu = new CloudAccountMenu(
+        {ui->acAccountSignIn, ui->acAccountMe, ui->acAccountSyncNow, ui->acAccountSyncSettings, ui->acAccountSignOut},
+        statusBar(), [this] { return cloudSessionState(); },
+        [this](const SessionState &state, int language) { applyCloudSessionState(state, language); }, this);
+    m_cloudMenu->resumeSignIn();
     connect(m_transfers, &PaneTransfers::runningChanged, this, &MainWindow::updateTransferActions);
     m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
         for (QWidget *w = now; w; w = w->parentWidget()) {
@@ -831,6 +839,38 @@ void MainWindow::on_actionEnglish_triggered()
 void MainWindow::on_actionChinese_triggered()
 {
     chooseLanguage(LanguageChoice::SimplifiedChinese);
+}
+
+SessionState MainWindow::cloudSessionState() const
+{
+    const QSettings settings;
+    return SessionStateMapping::fromRecords(m_lastUsed.connection, m_lastUsed.pane, ui->acAutoReconnect->isChecked(),
+                                            ui->acControlOpen->isChecked(), LanguageChoice::stored(settings),
+                                            m_lastUsed.sendList,
+                                            settings.value(SessionSyncCoordinator::kSendHistoryKey, false).toBool());
+}
+
+void MainWindow::applyCloudSessionState(const SessionState &state, int language)
+{
+    SessionStateMapping::toRecords(state, m_lastUsed.connection, m_lastUsed.pane);
+    if (state.hasSendHistory)
+        m_lastUsed.sendList = state.sendHistory;
+    // Through the actions, so that every pane and the stored flags follow.
+    ui->acAutoReconnect->setChecked(state.autoReconnect);
+    ui->acControlOpen->setChecked(state.restoreLastConnection);
+    QSettings settings;
+    // Takes effect at the next start, like a choice in the menu; the
+    // status bar already says the settings were applied.
+    if (language != LanguageChoice::stored(settings))
+        LanguageChoice::store(settings, language);
+    m_lastUsed.save(settings);
+    for (SerialPortWidget *pane : std::as_const(m_panes)) {
+        if (pane->isConnectionOpen() || pane->isReconnecting())
+            continue;
+        pane->applySettings(m_lastUsed.connection, m_lastUsed.pane,
+                            state.hasSendHistory ? state.sendHistory : pane->sendHistory());
+    }
+    markModified();
 }
 
 void MainWindow::chooseLanguage(int value)

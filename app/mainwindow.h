@@ -10,6 +10,8 @@
 #include <QPointer>
 
 class AsciiCode;
+class CloudAccountMenu;
+struct SessionState;
 class ModbusBuilderDialog;
 class PaneTransfers;
 class QSettings;
@@ -39,6 +41,12 @@ public:
     SerialPortWidget *currentPane() const;
     SerialPortWidget *addPane();
     PaneTransfers *transfers() const { return m_transfers; }
+    CloudAccountMenu *cloudMenu() const { return m_cloudMenu; }
+    // The settings that travel with the account, and taking them from the
+    // cloud: the last-used record and the behaviour flags; panes whose
+    // connection is closed take them at once, open ones keep theirs.
+    SessionState cloudSessionState() const;
+    void applyCloudSessionState(const SessionState &state, int language);
 
     // Opens the port named on the command line in the current pane; a
     // failure is reported in a warning box.
@@ -155,4 +163,5 @@ private:
     AsciiCode *m_asciiCode = nullptr;
     ModbusBuilderDialog *m_modbusBuilder = nullptr;
     PaneTransfers *m_transfers = nullptr;
+    CloudAccountMenu *m_cloudMenu = nullptr;
 };

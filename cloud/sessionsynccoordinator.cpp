@@ -12,9 +12,6 @@
 namespace {
 const QString kRevisionKey = QStringLiteral("AccountSyncRevision");
 const QString kLastSyncKey = QStringLiteral("AccountLastSyncAt");
-const QString kSendHistoryKey = QStringLiteral("AccountSyncSendHistory");
-const QString kAutoSyncKey = QStringLiteral("AccountAutoSync");
-const QString kIntervalKey = QStringLiteral("AccountAutoSyncIntervalMinutes");
 } // namespace
 
 SessionSyncCoordinator::SessionSyncCoordinator(NetworkServices *network, AccountSession *session,

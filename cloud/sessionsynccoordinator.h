@@ -26,6 +26,10 @@ public:
     static inline const QString kNamespace = QStringLiteral("settings.session");
     static inline const QString kKey = QStringLiteral("default");
     static inline const QString kSchema = QStringLiteral("tsl.session-settings");
+    // The user's sync choices in the settings store.
+    static inline const QString kSendHistoryKey = QStringLiteral("AccountSyncSendHistory");
+    static inline const QString kAutoSyncKey = QStringLiteral("AccountAutoSync");
+    static inline const QString kIntervalKey = QStringLiteral("AccountAutoSyncIntervalMinutes");
 
     using LocalState = std::function<SessionState()>;
 

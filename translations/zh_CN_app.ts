@@ -2,6 +2,43 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="zh_CN" sourcelanguage="en">
 <context>
+    <name>CloudAccountMenu</name>
+    <message>
+        <source>The cloud settings come from an incompatible version and were not applied.</source>
+        <translation>云端设置来自不兼容的版本，未予应用。</translation>
+    </message>
+    <message>
+        <source>Sign in has expired.</source>
+        <translation>登录已过期。</translation>
+    </message>
+    <message>
+        <source>Signed in at %1
+%2</source>
+        <translation>已登录到 %1
+%2</translation>
+    </message>
+    <message>
+        <source>Cloud server: %1</source>
+        <translation>云服务器：%1</translation>
+    </message>
+    <message>
+        <source>Signed in as %1</source>
+        <translation>已登录为 %1</translation>
+    </message>
+    <message>
+        <source>Use Cloud</source>
+        <translation>使用云端</translation>
+    </message>
+    <message>
+        <source>Keep Local</source>
+        <translation>保留本地</translation>
+    </message>
+    <message>
+        <source>Merge Lists</source>
+        <translation>合并列表</translation>
+    </message>
+</context>
+<context>
     <name>MainWindow</name>
     <message>
         <source>Tessaline</source>

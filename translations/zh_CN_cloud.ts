@@ -115,6 +115,69 @@
     </message>
 </context>
 <context>
+    <name>MyAccountDialog</name>
+    <message>
+        <source>Username</source>
+        <translation>用户名</translation>
+    </message>
+    <message>
+        <source>Email</source>
+        <translation>电子邮箱</translation>
+    </message>
+    <message>
+        <source>Server</source>
+        <translation>服务器</translation>
+    </message>
+    <message>
+        <source>Cloud traffic</source>
+        <translation>云流量</translation>
+    </message>
+    <message>
+        <source>Computer</source>
+        <translation>计算机</translation>
+    </message>
+    <message>
+        <source>Version</source>
+        <translation>版本</translation>
+    </message>
+    <message>
+        <source>Last seen</source>
+        <translation>最近在线</translation>
+    </message>
+    <message>
+        <source>Remove Computer</source>
+        <translation>移除计算机</translation>
+    </message>
+    <message>
+        <source>Refresh</source>
+        <translation>刷新</translation>
+    </message>
+    <message>
+        <source>Asking the server…</source>
+        <translation>正在询问服务器…</translation>
+    </message>
+    <message>
+        <source>%1 this month (no limit)</source>
+        <translation>本月 %1（不限量）</translation>
+    </message>
+    <message>
+        <source>%1 of %2 this month</source>
+        <translation>本月已用 %1，共 %2</translation>
+    </message>
+    <message>
+        <source>%1 (this computer)</source>
+        <translation>%1（本机）</translation>
+    </message>
+    <message>
+        <source>Remove this computer from the account? It stays signed in until the sign-in ends.</source>
+        <translation>要从账户中移除这台计算机吗？在本次登录结束前它仍保持登录。</translation>
+    </message>
+    <message>
+        <source>Remove "%1" from the account?</source>
+        <translation>要从账户中移除“%1”吗？</translation>
+    </message>
+</context>
+<context>
     <name>NetworkServices</name>
     <message>
         <source>The server does not offer this feature yet. The service may be under maintenance or being upgraded; please try again later or check for a newer version.</source>
@@ -194,6 +257,29 @@
     <message>
         <source>Request failed.</source>
         <translation>请求失败。</translation>
+    </message>
+</context>
+<context>
+    <name>SyncSettingsDialog</name>
+    <message>
+        <source>Sync Settings</source>
+        <translation>同步设置</translation>
+    </message>
+    <message>
+        <source>Sync send history</source>
+        <translation>同步发送历史</translation>
+    </message>
+    <message>
+        <source>Sync automatically</source>
+        <translation>自动同步</translation>
+    </message>
+    <message>
+        <source> min</source>
+        <translation> 分钟</translation>
+    </message>
+    <message>
+        <source>Auto sync interval</source>
+        <translation>自动同步间隔</translation>
     </message>
 </context>
 </TS>

@@ -255,6 +255,30 @@
         <source>Cancel Transfer</source>
         <translation>取消传输</translation>
     </message>
+    <message>
+        <source>Cl&amp;oud</source>
+        <translation>云(&amp;O)</translation>
+    </message>
+    <message>
+        <source>Sign In...</source>
+        <translation>登录...</translation>
+    </message>
+    <message>
+        <source>My Account</source>
+        <translation>我的账户</translation>
+    </message>
+    <message>
+        <source>Sync Now</source>
+        <translation>立即同步</translation>
+    </message>
+    <message>
+        <source>Sync Settings...</source>
+        <translation>同步设置...</translation>
+    </message>
+    <message>
+        <source>Sign Out</source>
+        <translation>退出登录</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

@@ -627,13 +627,12 @@ QString runTransferDialog(MainWindow &window, SerialPortWidget *pane, const char
         return QStringLiteral("no bar");
     QSignalSpy finished(bar, &FileTransferBar::transferFinished);
     // XMODEM announces no size: the bar is busy and counts bytes only.
+    // Checked on each report, after the bar took it.
     bool sawProgress = false;
-    QTimer watch;
-    QObject::connect(&watch, &QTimer::timeout, [&] {
-        if (session && (bar->percent() > 0 || (bar->percent() < 0 && !bar->counter().startsWith(QLatin1Char('0')))))
+    QObject::connect(session, &FileTransferSession::progress, bar, [&](qint64 done) {
+        if (done > 0 && (bar->percent() > 0 || (bar->percent() < 0 && !bar->counter().startsWith(QLatin1Char('0')))))
             sawProgress = true;
     });
-    watch.start(50);
     if (!window.findChild<QAction *>(QStringLiteral("acXferCancel"))->isEnabled())
         return QStringLiteral("cancel not offered");
     if (!finished.wait(60000))
