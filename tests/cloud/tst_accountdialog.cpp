@@ -137,8 +137,9 @@ AccountDialog *signInDialogOf(MainWindow &window)
 } // namespace
 
 // One computer registers from the Cloud menu, changes its settings and
-// syncs; a second computer (a fresh settings store) signs in to the same
-// account, syncs, takes the cloud copy and starts with those settings.
+// syncs; the service restarts; a second computer (a fresh settings store)
+// signs in to the same account, syncs, takes the cloud copy and starts
+// with those settings.
 void TestAccountDialog::aSecondComputerStartsWithTheSyncedSettings()
 {
     const QString email = QStringLiteral("two.computers@example.org");
@@ -196,6 +197,9 @@ void TestAccountDialog::aSecondComputerStartsWithTheSyncedSettings()
         QCOMPARE(first.cloudMenu()->badge()->text(), QStringLiteral("Not signed in"));
     }
 
+    // The service restarted in between keeps the account and the item.
+    m_service.stop();
+    QVERIFY(m_service.start());
     m_sandbox->clear();
     QSettings().setValue("HostAddress", m_service.baseUrl());
     QSettings().setValue("ValueD", 202);
