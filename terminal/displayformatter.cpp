@@ -105,12 +105,15 @@ QString DisplayFormatter::foldLineEnds(QStringView text, Stream &stream) const
 }
 
 void DisplayFormatter::appendStampedLines(QString &out, QStringView text, const QString &stamp,
-                                          bool &lineStart)
+                                          bool &lineStart, StampPlaces *stamps)
 {
     qsizetype pos = 0;
     while (pos < text.size()) {
-        if (lineStart)
+        if (lineStart) {
+            if (stamps)
+                stamps->starts.append(out.size());
             out += stamp;
+        }
         const qsizetype feed = text.indexOf(u'\n', pos);
         const qsizetype end = feed < 0 ? text.size() : feed + 1;
         out += text.mid(pos, end - pos);
@@ -119,8 +122,10 @@ void DisplayFormatter::appendStampedLines(QString &out, QStringView text, const 
     }
 }
 
-QString DisplayFormatter::format(const DisplayChunk &chunk)
+QString DisplayFormatter::format(const DisplayChunk &chunk, StampPlaces *stamps)
 {
+    if (stamps)
+        *stamps = StampPlaces{};
     const bool received = chunk.isReceived();
     const bool hex = m_options.format == MessageFormat::Hex;
 
@@ -169,15 +174,19 @@ QString DisplayFormatter::format(const DisplayChunk &chunk)
         lineStart = true;
     }
     m_lineDirection = chunk.direction;
+    if (stamps)
+        stamps->length = stamp.size();
 
     if (hex) {
+        if (stamps)
+            stamps->starts.append(out.size());
         out += stamp;
         out += body;
         m_atLineStart = false;
         return out;
     }
     out.reserve(out.size() + body.size() + stamp.size() * 2);
-    appendStampedLines(out, body, stamp, lineStart);
+    appendStampedLines(out, body, stamp, lineStart, stamps);
     m_atLineStart = lineStart;
     return out;
 }

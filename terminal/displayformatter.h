@@ -7,6 +7,7 @@
 
 #include <QByteArrayView>
 #include <QDateTime>
+#include <QList>
 #include <QString>
 
 // Turns display chunks into the text shown in the receive view and written
@@ -49,9 +50,19 @@ public:
     QString receiveEncoding() const { return m_rxDecoder.name(); }
     QString sendEncoding() const { return m_txDecoder.name(); }
 
+    // Where the timestamps lie in a formatted text, so the view can draw
+    // them in their own colour: each starts at one of `starts` and is
+    // `length` characters long.
+    struct StampPlaces
+    {
+        QList<qsizetype> starts;
+        qsizetype length = 0;
+    };
+
     // The text for one chunk; empty when it adds nothing visible yet (for
-    // instance the first half of a split character).
-    QString format(const DisplayChunk &chunk);
+    // instance the first half of a split character). `stamps`, when given,
+    // receives where its timestamps are.
+    QString format(const DisplayChunk &chunk, StampPlaces *stamps = nullptr);
 
     // Whether the text produced so far ends with a line feed (an empty view
     // counts as one). The owner of the view sets it when the view is cleared.
@@ -68,7 +79,8 @@ public:
 
     // Appends text to out with stamp at the start of every line; lineStart
     // says whether out is at a line start and is kept current.
-    static void appendStampedLines(QString &out, QStringView text, const QString &stamp, bool &lineStart);
+    static void appendStampedLines(QString &out, QStringView text, const QString &stamp, bool &lineStart,
+                                   StampPlaces *stamps = nullptr);
 
 private:
     struct Stream

@@ -327,13 +327,42 @@ QList<ReceiveView::Segment> SerialPortWidget::takeBacklog(qsizetype maxChars)
 
 QString SerialPortWidget::decodeBufferForUi(const DisplayChunk &rxData)
 {
-    const QString text = m_lineBreaker.apply(m_session->viewFormatter().format(rxData));
+    DisplayFormatter::StampPlaces stamps;
+    const QString formatted = m_session->viewFormatter().format(rxData, &stamps);
+    if (formatted.isEmpty())
+        return formatted;
+    const PaneOptions &o = m_session->options();
+    const QColor color = viewColor(rxData.isReceived() ? o.receiveTextColor : o.sendTextColor);
+    const QColor stampColor = viewColor(o.formatDisplayColor);
+    if (stamps.starts.isEmpty() || stampColor == color)
+        return addToView(formatted, color);
+    // Timestamps in their own colour, the text between them in its
+    // direction's; the line breaker sees the pieces in order.
+    QString shown;
+    qsizetype pos = 0;
+    for (const qsizetype start : std::as_const(stamps.starts)) {
+        if (start > pos)
+            shown += addToView(QStringView(formatted).mid(pos, start - pos), color);
+        shown += addToView(QStringView(formatted).mid(start, stamps.length), stampColor);
+        pos = start + stamps.length;
+    }
+    if (pos < formatted.size())
+        shown += addToView(QStringView(formatted).mid(pos), color);
+    return shown;
+}
+
+QColor SerialPortWidget::viewColor(const QString &name)
+{
+    const QColor color(name);
+    // Black is the view's own text colour (a dark theme shows it light).
+    return color == QColor(Qt::black) ? QColor() : color;
+}
+
+QString SerialPortWidget::addToView(QStringView formatted, const QColor &color)
+{
+    const QString text = m_lineBreaker.apply(formatted);
     if (text.isEmpty())
         return text;
-    const PaneOptions &o = m_session->options();
-    QColor color(rxData.isReceived() ? o.receiveTextColor : o.sendTextColor);
-    if (color == QColor(Qt::black))
-        color = QColor();  // the view's own text colour
     if (!m_drainSegments) {
         ui.receiveView->appendSegments({ReceiveView::Segment{text, color}});
     } else if (!m_drainSegments->isEmpty() && m_drainSegments->constLast().color == color) {

@@ -148,6 +148,10 @@ private:
     void takeOptionsFromWidgets();
     void announceSettingsChange();
     void drain(qint64 byteBudget);
+    // Adds formatted text to the view in one colour (an invalid colour is
+    // the view's own), through the line breaker; returns what was added.
+    QString addToView(QStringView formatted, const QColor &color);
+    static QColor viewColor(const QString &name);
     QList<ReceiveView::Segment> takeBacklog(qsizetype maxChars);
     void showFailure(const QString &text);
     void updateCounters();

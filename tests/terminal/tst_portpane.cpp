@@ -15,6 +15,8 @@
 #include <QSignalSpy>
 #include <QSpinBox>
 #include <QTcpServer>
+#include <QTextCursor>
+#include <QTextDocument>
 #include <QTcpSocket>
 #include <QToolButton>
 #include <QtTest>
@@ -64,6 +66,7 @@ private Q_SLOTS:
     void receivesTextAcrossSplitCharacters_data();
     void receivesTextAcrossSplitCharacters();
     void hexAndTimestampsKeepApart();
+    void timestampsTakeTheirOwnColour();
     void sendsFramesAsConfigured_data();
     void sendsFramesAsConfigured();
     void refusedFramesSendNothing();
@@ -161,6 +164,38 @@ void PortPaneTest::hexAndTimestampsKeepApart()
     QTRY_VERIFY_WITH_TIMEOUT(viewText(*pane).endsWith("01 AB "), 5000);
     const QString text = viewText(*pane);
     QVERIFY2(QRegularExpression(R"(^\[Rx\]\[\d\d:\d\d:\d\d\.\d\d\d\] 01 AB $)").match(text).hasMatch(), qPrintable(text));
+}
+
+// Timestamps are drawn in the format colour, the text after them in the
+// colour of its direction, line by line.
+void PortPaneTest::timestampsTakeTheirOwnColour()
+{
+    TcpDevice device;
+    QVERIFY(device.listen());
+    PaneOptions options;
+    options.displayTime = true;
+    options.formatDisplayColor = QStringLiteral("#c00000");
+    options.receiveTextColor = QStringLiteral("#0000c0");
+    auto pane = tcpPane(device, options);
+    QVERIFY(pane);
+    device.write("one\ntwo\n");
+    QTRY_VERIFY_WITH_TIMEOUT(viewText(*pane).endsWith("two\n"), 5000);
+    const QString text = viewText(*pane);
+    QTextDocument *document = pane->receiveView()->document();
+    const auto colourAt = [&](qsizetype at) {
+        QTextCursor cursor(document);
+        cursor.setPosition(int(at) + 1);  // the format of the character before
+        return cursor.charFormat().foreground().color();
+    };
+    const qsizetype stampLength = QStringLiteral("[Rx][hh:mm:ss.zzz] ").size();
+    for (const QString &line : {QStringLiteral("one"), QStringLiteral("two")}) {
+        const qsizetype at = text.indexOf(line);
+        QVERIFY2(at >= stampLength, qPrintable(text));
+        QCOMPARE(colourAt(at - stampLength), QColor("#c00000"));
+        QCOMPARE(colourAt(at - 1), QColor("#c00000"));
+        QCOMPARE(colourAt(at), QColor("#0000c0"));
+        QCOMPARE(colourAt(at + 2), QColor("#0000c0"));
+    }
 }
 
 void PortPaneTest::sendsFramesAsConfigured_data()
