@@ -1,5 +1,7 @@
 #include "settings/connectionsettingswidget.h"
 
+#include "settings/formrows.h"
+
 #include "common/logging.h"
 
 #include <QCheckBox>
@@ -261,6 +263,24 @@ void ConnectionSettingsWidget::setRowVisible(QWidget *field, bool visible)
 void ConnectionSettingsWidget::setHiddenFields(const QStringList &ids)
 {
     m_quickHidden = ids;
+    updateVisibility();
+}
+
+void ConnectionSettingsWidget::setFieldOrder(const QStringList &ids)
+{
+    const std::pair<const char *, QWidget *> fields[] = {
+        {"baudRate", m_baudBox}, {"dataBits", m_dataBitsBox}, {"parity", m_parityBox},
+        {"stopBits", m_stopBitsBox}, {"flowControl", m_flowBox}};
+    QList<QWidget *> order;
+    for (const QString &id : ids) {
+        for (const auto &[fieldId, widget] : fields) {
+            if (id == QLatin1String(fieldId))
+                order.append(widget);
+        }
+    }
+    if (order.size() != std::size(fields))
+        return;
+    FormRows::arrange(m_form, order);
     updateVisibility();
 }
 

@@ -39,6 +39,9 @@ public:
     // Serial parameter rows left out of a pane's quick settings, by field id
     // ("baudRate", "dataBits", "parity", "stopBits", "flowControl").
     void setHiddenFields(const QStringList &ids);
+    // The serial parameter rows in this order of quick-settings ids
+    // ("baudRate", "dataBits", "parity", "stopBits", "flowControl").
+    void setFieldOrder(const QStringList &ids);
 
     // While a file transfer owns the port nothing here may change.
     void setLocked(bool locked);

@@ -1,6 +1,7 @@
 #include "terminal/panequicksettings.h"
 
 #include "settings/connectionsettingswidget.h"
+#include "settings/formrows.h"
 #include "settings/quicksettingscatalog.h"
 #include "terminal/controllinelights.h"
 #include "terminal/serialportwidgetui.h"
@@ -20,28 +21,30 @@ namespace {
 
 const char kLightsHidden[] = "quickSettingsHidden";
 
-// Shows the form row holding `field` when any of `parts` is wanted.
-void showRow(QWidget *field, const QList<std::pair<QWidget *, bool>> &parts)
+struct FieldRow
 {
-    // A field sits in the form itself or in a row holder placed in it.
-    QWidget *holder = field->parentWidget();
-    auto *form = qobject_cast<QFormLayout *>(holder->layout());
-    if (form)
-        holder = field;
-    else if (holder->parentWidget())
-        form = qobject_cast<QFormLayout *>(holder->parentWidget()->layout());
-    bool any = false;
-    for (const auto &[widget, wanted] : parts) {
-        widget->setVisible(wanted);
-        any = any || wanted;
-    }
+    const char *id;
+    QWidget *widget;  // any widget in the field's row
+};
+
+// Orders a group's rows as the layout says and shows the wanted ones.
+void shapeGroup(QFormLayout *form, const QuickSettingsLayout &layout, const QString &group,
+                const QList<FieldRow> &rows)
+{
     if (!form)
         return;
-    int row = -1;
-    QFormLayout::ItemRole role;
-    form->getWidgetPosition(holder, &row, &role);
-    if (row >= 0)
-        form->setRowVisible(row, any);
+    QList<QWidget *> order;
+    for (const QString &id : QuickSettingsCatalog::fieldOrder(layout, group, false)) {
+        for (const FieldRow &row : rows) {
+            if (id == QLatin1String(row.id))
+                order.append(row.widget);
+        }
+    }
+    if (order.size() == rows.size())
+        FormRows::arrange(form, order);
+    const QStringList hidden = layout.hiddenFields.value(group);
+    for (const FieldRow &row : rows)
+        FormRows::setVisible(form, row.widget, !hidden.contains(QLatin1String(row.id)));
 }
 
 } // namespace
@@ -72,30 +75,25 @@ void apply(SerialPortWidgetUi &ui, const QuickSettingsLayout &layout, bool shown
         }
     }
 
-    const auto wanted = [&layout](const char *group, const char *field) {
-        return !layout.hiddenFields.value(QLatin1String(group)).contains(QLatin1String(field));
-    };
+    const bool lights = !layout.hiddenFields.value(QStringLiteral("connection")).contains(QLatin1String("indicatorLights"));
+    ui.connectionSettings->setFieldOrder(QuickSettingsCatalog::fieldOrder(layout, QStringLiteral("connection"), false));
     ui.connectionSettings->setHiddenFields(layout.hiddenFields.value(QStringLiteral("connection")));
-    ui.indicatorLights->setProperty(kLightsHidden, !wanted("connection", "indicatorLights"));
-    if (!wanted("connection", "indicatorLights"))
+    ui.indicatorLights->setProperty(kLightsHidden, !lights);
+    if (!lights)
         ui.indicatorLights->setVisible(false);
 
-    showRow(ui.receiveFormatBox, {{ui.receiveFormatBox, wanted("receive", "rxFormat")},
-                                  {ui.receiveEncodingBox, wanted("receive", "rxFormat")}});
-    showRow(ui.rxLineEndingBox, {{ui.rxLineEndingBox, wanted("receive", "rxAutoFeed")},
-                                 {ui.autoFeedIntervalSB, wanted("receive", "rxAutoFeed")}});
-    showRow(ui.displayTimeBox, {{ui.displayTimeBox, wanted("receive", "rxDisplayTime")},
-                                {ui.displaySendBox, wanted("send", "txDisplaySend")}});
-    showRow(ui.hexSendBox, {{ui.hexSendBox, wanted("send", "txFormat")}, {ui.sendEncodingBox, wanted("send", "txFormat")}});
-    showRow(ui.appendLineEndingBox, {{ui.appendLineEndingBox, wanted("send", "txAutoFeed")},
-                                     {ui.txLineEndingBox, wanted("send", "txAutoFeed")}});
-    showRow(ui.sendChecksumBox, {{ui.sendChecksumBox, wanted("send", "txChecksum")}});
-    showRow(ui.terminalEnterBox, {{ui.terminalEnterBox, wanted("send", "txTerminalEnter")},
-                                  {ui.localEchoBox, wanted("send", "txLocalEcho")}});
-    showRow(ui.autoSendBox, {{ui.autoSendBox, wanted("send", "txLoop")},
-                             {ui.sendIntervelSB, wanted("send", "txLoop")},
-                             {ui.sendTimeUnitBox, wanted("send", "txLoop")}});
-    showRow(ui.cbLinebyLine, {{ui.cbLinebyLine, wanted("send", "txLineByLine")}});
+    shapeGroup(receiveGroup ? qobject_cast<QFormLayout *>(receiveGroup->layout()) : nullptr, layout,
+               QStringLiteral("receive"),
+               {{"rxFormat", ui.receiveFormatBox}, {"rxAutoFeed", ui.rxLineEndingBox}, {"rxDisplayTime", ui.displayTimeBox}});
+    shapeGroup(sendGroup ? qobject_cast<QFormLayout *>(sendGroup->layout()) : nullptr, layout, QStringLiteral("send"),
+               {{"txFormat", ui.hexSendBox},
+                {"txLoop", ui.autoSendBox},
+                {"txAutoFeed", ui.appendLineEndingBox},
+                {"txTerminalEnter", ui.terminalEnterBox},
+                {"txChecksum", ui.sendChecksumBox},
+                {"txDisplaySend", ui.displaySendBox},
+                {"txLocalEcho", ui.localEchoBox},
+                {"txLineByLine", ui.cbLinebyLine}});
 }
 
 bool lightsWanted(const SerialPortWidgetUi &ui)

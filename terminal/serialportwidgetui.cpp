@@ -120,9 +120,7 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     receiveForm->addRow(tr("Auto Line Feed"), row(receiveGroup, {rxLineEndingBox, autoFeedIntervalSB}));
     displayTimeBox = named(new QCheckBox(tr("Display Time"), receiveGroup), "displayTimeBox");
     displayTimeBox->setToolTip(tr("Prefix received data with a timestamp"));
-    displaySendBox = named(new QCheckBox(tr("Display Send"), receiveGroup), "displaySendBox");
-    displaySendBox->setToolTip(tr("Echo sent data in the display"));
-    receiveForm->addRow(row(receiveGroup, {displayTimeBox, displaySendBox}));
+    receiveForm->addRow(QString(), displayTimeBox);
     displayBufferSB = named(new QSpinBox(receiveGroup), "displayBufferSB");
     displayBufferSB->setRange(1000, 100000000);
     displayBufferSB->setSingleStep(100000);
@@ -142,23 +140,8 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     sendEncodingBox = named(new QComboBox(sendGroup), "sendEncodingBox");
     sendEncodingBox->addItems(WireTextCodecRegistry::names());
     sendForm->addRow(tr("Format"), row(sendGroup, {hexSendBox, sendEncodingBox}));
-    appendLineEndingBox = named(new QCheckBox(sendGroup), "appendLineEndingBox");
-    appendLineEndingBox->setToolTip(tr("Ending appended to each send"));
-    txLineEndingBox = named(new QComboBox(sendGroup), "txLineEndingBox");
-    addLineEndings(txLineEndingBox, false);
-    sendForm->addRow(tr("Append Line Ending"), row(sendGroup, {appendLineEndingBox, txLineEndingBox}));
-    sendChecksumBox = named(new QComboBox(sendGroup), "sendChecksumBox");
-    const QStringList checksums = sendChecksumLabels();
-    for (int i = 0; i < checksums.size(); ++i)
-        sendChecksumBox->addItem(QCoreApplication::translate("SendChecksum", checksums.at(i).toLatin1().constData()), i);
-    sendChecksumBox->setToolTip(tr("Checksum appended to each send"));
-    sendForm->addRow(tr("Append Checksum"), sendChecksumBox);
-    terminalEnterBox = named(new QComboBox(sendGroup), "terminalEnterBox");
-    addLineEndings(terminalEnterBox, false);
-    terminalEnterBox->setToolTip(tr("Bytes sent when Enter is pressed in the receive terminal"));
-    localEchoBox = named(new QCheckBox(tr("Local Echo"), sendGroup), "localEchoBox");
-    localEchoBox->setToolTip(tr("Echo keys typed into the receive terminal"));
-    sendForm->addRow(tr("Enter Sends"), row(sendGroup, {terminalEnterBox, localEchoBox}));
+    // One row per quick-settings field, in the catalogue's order; the
+    // quick settings may reorder them.
     autoSendBox = named(new QCheckBox(sendGroup), "autoSendBox");
     autoSendBox->setToolTip(tr("Resend automatically at an interval"));
     sendIntervelSB = named(new QSpinBox(sendGroup), "sendIntervelSB");
@@ -167,6 +150,27 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     sendTimeUnitBox->addItem(tr("ms"), int(SendTimeUnit::Milliseconds));
     sendTimeUnitBox->addItem(tr("s"), int(SendTimeUnit::Seconds));
     sendForm->addRow(tr("Loop Send"), row(sendGroup, {autoSendBox, sendIntervelSB, sendTimeUnitBox}));
+    appendLineEndingBox = named(new QCheckBox(sendGroup), "appendLineEndingBox");
+    appendLineEndingBox->setToolTip(tr("Ending appended to each send"));
+    txLineEndingBox = named(new QComboBox(sendGroup), "txLineEndingBox");
+    addLineEndings(txLineEndingBox, false);
+    sendForm->addRow(tr("Append Line Ending"), row(sendGroup, {appendLineEndingBox, txLineEndingBox}));
+    terminalEnterBox = named(new QComboBox(sendGroup), "terminalEnterBox");
+    addLineEndings(terminalEnterBox, false);
+    terminalEnterBox->setToolTip(tr("Bytes sent when Enter is pressed in the receive terminal"));
+    sendForm->addRow(tr("Enter Sends"), terminalEnterBox);
+    sendChecksumBox = named(new QComboBox(sendGroup), "sendChecksumBox");
+    const QStringList checksums = sendChecksumLabels();
+    for (int i = 0; i < checksums.size(); ++i)
+        sendChecksumBox->addItem(QCoreApplication::translate("SendChecksum", checksums.at(i).toLatin1().constData()), i);
+    sendChecksumBox->setToolTip(tr("Checksum appended to each send"));
+    sendForm->addRow(tr("Append Checksum"), sendChecksumBox);
+    displaySendBox = named(new QCheckBox(tr("Display Send"), sendGroup), "displaySendBox");
+    displaySendBox->setToolTip(tr("Echo sent data in the display"));
+    sendForm->addRow(QString(), displaySendBox);
+    localEchoBox = named(new QCheckBox(tr("Local Echo"), sendGroup), "localEchoBox");
+    localEchoBox->setToolTip(tr("Echo keys typed into the receive terminal"));
+    sendForm->addRow(QString(), localEchoBox);
     cbLinebyLine = named(new QCheckBox(tr("Line by Line"), sendGroup), "cbLinebyLine");
     cbLinebyLine->setToolTip(tr("Send multi-line input line by line"));
     sendForm->addRow(QString(), cbLinebyLine);

@@ -4,6 +4,7 @@
 #include "settings/portsettingsdialog.h"
 #include "settings/quicksettingscatalog.h"
 #include "settings/quicksettingsdialog.h"
+#include "settings/formrows.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
 #include "terminal/controllinelights.h"
@@ -18,6 +19,7 @@
 
 #include <QAction>
 #include <QComboBox>
+#include <QFormLayout>
 #include <QGroupBox>
 #include <QTreeWidget>
 #include <QSplitter>
@@ -564,15 +566,40 @@ void MainWindowTest::quickSettingsShapeEveryPane()
     QuickSettingsLayout layout;
     layout.showReceive = false;
     layout.hiddenFields.insert("send", {"txChecksum"});
+    // The rows follow the chosen order; unknown ids are dropped, missing
+    // ones come last in catalogue order.
+    layout.fieldOrder.insert("send", {"txLineByLine", "bogus", "txFormat", "txLocalEcho"});
+    layout.fieldOrder.insert("connection", {"flowControl", "baudRate"});
     layout.save(settings);
     MainWindow w;
     w.addPane();
     w.show();
+    const auto rowsOf = [](QWidget *group, const QStringList &names) {
+        auto *form = qobject_cast<QFormLayout *>(group->layout());
+        QList<int> rows;
+        for (const QString &name : names)
+            rows.append(FormRows::rowOf(form, group->findChild<QWidget *>(name)));
+        return rows;
+    };
     for (SerialPortWidget *pane : w.panes()) {
         QVERIFY(!pane->findChild<QGroupBox *>("receiveGroup")->isVisibleTo(pane));
         QVERIFY(pane->findChild<QGroupBox *>("sendGroup")->isVisibleTo(pane));
         QVERIFY(!pane->findChild<QComboBox *>("sendChecksumBox")->isVisibleTo(pane));
         QVERIFY(pane->findChild<QComboBox *>("terminalEnterBox")->isVisibleTo(pane));
+        const QList<int> sendRows =
+            rowsOf(pane->findChild<QGroupBox *>("sendGroup"),
+                   {"cbLinebyLine", "hexSendBox", "localEchoBox", "autoSendBox", "appendLineEndingBox",
+                    "terminalEnterBox", "sendChecksumBox", "displaySendBox"});
+        QCOMPARE(sendRows, (QList<int>{0, 1, 2, 3, 4, 5, 6, 7}));
+        // Every row keeps its own label.
+        auto *sendForm = qobject_cast<QFormLayout *>(pane->findChild<QGroupBox *>("sendGroup")->layout());
+        auto *loopLabel = qobject_cast<QLabel *>(sendForm->itemAt(3, QFormLayout::LabelRole)->widget());
+        QCOMPARE(loopLabel->text(), QString("Loop Send"));
+        auto *settingsWidget = pane->findChild<QWidget *>("connectionSettings");
+        QVERIFY(settingsWidget);
+        const QList<int> serialRows = rowsOf(settingsWidget, {"flowControlBox", "baudRateBox", "dataBitsBox", "parityBox", "stopBitsBox"});
+        QVERIFY2(std::is_sorted(serialRows.begin(), serialRows.end()) && serialRows.constFirst() >= 0,
+                 qPrintable(QDebug::toString(serialRows)));
     }
     w.findChild<QAction *>("acViewQuickSettings")->trigger();
     QVERIFY(w.isWindowModified());
