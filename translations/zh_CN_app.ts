@@ -39,6 +39,33 @@
     </message>
 </context>
 <context>
+    <name>CommandLine</name>
+    <message>
+        <source>A terminal for serial ports and networks.</source>
+        <translation>串口与网络终端。</translation>
+    </message>
+    <message>
+        <source>Show this help and quit.</source>
+        <translation>显示本帮助并退出。</translation>
+    </message>
+    <message>
+        <source>Show the version and quit.</source>
+        <translation>显示版本并退出。</translation>
+    </message>
+    <message>
+        <source>Save a picture of the main window to &lt;file&gt; and quit.</source>
+        <translation>将主窗口的图片保存到 &lt;file&gt; 后退出。</translation>
+    </message>
+    <message>
+        <source>Save a picture of the dialog &lt;name&gt; to the file that follows, at the size WIDTHxHEIGHT when that follows too, and quit.</source>
+        <translation>将对话框 &lt;name&gt; 的图片保存到其后给出的文件；若再给出 WIDTHxHEIGHT，则按该尺寸保存；然后退出。</translation>
+    </message>
+    <message>
+        <source>A serial port to open, or a project file (*.tsl) to open.</source>
+        <translation>要打开的串口，或要打开的工程文件 (*.tsl)。</translation>
+    </message>
+</context>
+<context>
     <name>MainWindow</name>
     <message>
         <source>Tessaline</source>

@@ -173,7 +173,7 @@
         <translation>要从账户中移除这台计算机吗？在本次登录结束前它仍保持登录。</translation>
     </message>
     <message>
-        <source>Remove "%1" from the account?</source>
+        <source>Remove &quot;%1&quot; from the account?</source>
         <translation>要从账户中移除“%1”吗？</translation>
     </message>
 </context>

@@ -104,7 +104,7 @@
         <translation>流控</translation>
     </message>
     <message>
-        <source>Keep the remote port's own config</source>
+        <source>Keep the remote port&apos;s own config</source>
         <translation>保留远程端口自身的配置</translation>
     </message>
     <message>

@@ -2,16 +2,22 @@
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/lastusedrecord.h"
+#include "app/projectfile.h"
+#include "common/appidentity.h"
+#include "buildinfo.h"
 #include "terminal/panesettings.h"
 #include "app/windowplacement.h"
 #include "support/settingssandbox.h"
 
 #include <QDir>
+#include <QFile>
+#include <QProcess>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTranslator>
 #include <QtTest>
 
+#include <algorithm>
 #include <memory>
 
 class StartupTest : public QObject
@@ -26,6 +32,11 @@ private Q_SLOTS:
     void commandLine();
     void dialogSize_data();
     void dialogSize();
+    void desktopIdFollowsIdentity();
+    void programAnswersWithoutDisplay_data();
+    void programAnswersWithoutDisplay();
+    void programOpensProjectNamedOnCommandLine_data();
+    void programOpensProjectNamedOnCommandLine();
 
     void windowPosition_data();
     void windowPosition();
@@ -69,35 +80,59 @@ void StartupTest::commandLine_data()
     QTest::addColumn<QString>("dialog");
     QTest::addColumn<QSize>("size");
     QTest::addColumn<QString>("port");
+    QTest::addColumn<QString>("project");
 
     const QString exe = QStringLiteral("tessaline");
-    QTest::newRow("nothing") << QStringList{exe} << Mode::None << QString() << QString() << QSize() << QString();
-    QTest::newRow("port") << QStringList{exe, "COM3"} << Mode::None << QString() << QString() << QSize() << "COM3";
-    QTest::newRow("empty port") << QStringList{exe, ""} << Mode::None << QString() << QString() << QSize() << QString();
-    QTest::newRow("window") << QStringList{exe, "--screenshot", "a.png"} << Mode::Window << "a.png" << QString() << QSize() << QString();
-    QTest::newRow("window switch last, no path") << QStringList{exe, "--screenshot"} << Mode::None << QString() << QString() << QSize() << QString();
-    QTest::newRow("switch is case-sensitive") << QStringList{exe, "--Screenshot", "a.png"} << Mode::None << QString() << QString() << QSize() << QString();
+    const QString none;
+    QTest::newRow("nothing") << QStringList{exe} << Mode::None << none << none << QSize() << none << none;
+    QTest::newRow("port") << QStringList{exe, "COM3"} << Mode::None << none << none << QSize() << "COM3" << none;
+    QTest::newRow("empty port") << QStringList{exe, ""} << Mode::None << none << none << QSize() << none << none;
+    QTest::newRow("window") << QStringList{exe, "--screenshot", "a.png"} << Mode::Window << "a.png" << none << QSize() << none << none;
+    QTest::newRow("window switch last, no path") << QStringList{exe, "--screenshot"} << Mode::None << none << none << QSize() << none << none;
+    QTest::newRow("switch is case-sensitive") << QStringList{exe, "--Screenshot", "a.png"} << Mode::None << none << none << QSize() << none << none;
     QTest::newRow("dialog with size") << QStringList{exe, "--screenshot-dialog", "sign-in", "d.png", "800x600"}
-                                      << Mode::Dialog << "d.png" << "sign-in" << QSize(800, 600) << QString();
+                                      << Mode::Dialog << "d.png" << "sign-in" << QSize(800, 600) << none << none;
     QTest::newRow("dialog without size") << QStringList{exe, "--screenshot-dialog", "sign-in", "d.png"}
-                                         << Mode::Dialog << "d.png" << "sign-in" << QSize() << QString();
+                                         << Mode::Dialog << "d.png" << "sign-in" << QSize() << none << none;
     QTest::newRow("dialog wins over window") << QStringList{exe, "--screenshot", "w.png", "--screenshot-dialog", "x", "d.png"}
-                                             << Mode::Dialog << "d.png" << "x" << QSize() << QString();
+                                             << Mode::Dialog << "d.png" << "x" << QSize() << none << none;
     QTest::newRow("dialog name only, window present") << QStringList{exe, "--screenshot", "w.png", "--screenshot-dialog", "x"}
-                                                      << Mode::Window << "w.png" << QString() << QSize() << QString();
+                                                      << Mode::Window << "w.png" << none << QSize() << none << none;
     QTest::newRow("dialog name only, alone") << QStringList{exe, "--screenshot-dialog", "x"}
-                                             << Mode::None << QString() << QString() << QSize() << QString();
+                                             << Mode::None << none << none << QSize() << none << none;
+    // A picture named like a switch is still a picture.
+    QTest::newRow("screenshot path --help") << QStringList{exe, "--screenshot", "--help"}
+                                            << Mode::Window << "--help" << none << QSize() << none << none;
+    QTest::newRow("port not opened in screenshot mode") << QStringList{exe, "COM3", "--screenshot", "w.png"}
+                                                        << Mode::Window << "w.png" << none << QSize() << none << none;
+    QTest::newRow("unknown switch first") << QStringList{exe, "--bogus", "COM3"} << Mode::None << none << none << QSize() << none << none;
+    // Qt's own one-dash switches are not bundles of one-letter ones
+    // ("-reverse" holds a "v", "-stylesheet" an "h").
+    QTest::newRow("-reverse") << QStringList{exe, "-reverse"} << Mode::None << none << none << QSize() << "-reverse" << none;
+    QTest::newRow("-stylesheet") << QStringList{exe, "-stylesheet"} << Mode::None << none << none << QSize() << "-stylesheet" << none;
+
+    QTest::newRow("project") << QStringList{exe, "/home/ann/lab.tsl"} << Mode::None << none << none << QSize() << none << "/home/ann/lab.tsl";
+    QTest::newRow("project, relative, upper-case suffix") << QStringList{exe, "LAB.TSL"} << Mode::None << none << none << QSize() << none << "LAB.TSL";
+    QTest::newRow("suffix alone is a port") << QStringList{exe, ".tsl"} << Mode::None << none << none << QSize() << ".tsl" << none;
+    QTest::newRow("tsl inside a port name") << QStringList{exe, "/dev/ttytsl0"} << Mode::None << none << none << QSize() << "/dev/ttytsl0" << none;
+    QTest::newRow("project with window screenshot") << QStringList{exe, "lab.tsl", "--screenshot", "w.png"}
+                                                    << Mode::Window << "w.png" << none << QSize() << none << "lab.tsl";
+    QTest::newRow("project with dialog screenshot") << QStringList{exe, "lab.tsl", "--screenshot-dialog", "ascii", "d.png"}
+                                                    << Mode::Dialog << "d.png" << "ascii" << QSize() << none << "lab.tsl";
+    QTest::newRow("project only as first argument") << QStringList{exe, "COM3", "lab.tsl"} << Mode::None << none << none << QSize() << "COM3" << none;
 }
 
 void StartupTest::commandLine()
 {
     QFETCH(QStringList, args);
     const CommandLine cl = CommandLine::parse(args);
+    QCOMPARE(cl.request, CommandLine::Request::Start);
     QTEST(cl.screenshotMode, "mode");
     QTEST(cl.screenshotPath, "path");
     QTEST(cl.dialogName, "dialog");
     QTEST(cl.dialogSize, "size");
     QTEST(cl.portName, "port");
+    QTEST(cl.projectPath, "project");
 }
 
 void StartupTest::dialogSize_data()
@@ -117,6 +152,153 @@ void StartupTest::dialogSize()
 {
     QFETCH(QString, text);
     QTEST(CommandLine::parseDialogSize(text), "size");
+}
+
+void StartupTest::desktopIdFollowsIdentity()
+{
+    // The launcher, icons and AppStream data are named after the reversed
+    // organisation domain; a renamed domain must rename them too.
+    QStringList parts = QString::fromLatin1(AppIdentity::kOrganisationDomain).split(QLatin1Char('.'));
+    std::reverse(parts.begin(), parts.end());
+    parts.append(QString::fromLatin1(AppIdentity::kApplicationName));
+    QCOMPARE(QString::fromLatin1(BuildInfo::kDesktopId), parts.join(QLatin1Char('.')));
+}
+
+namespace {
+
+// The real program in a private home and settings store. No display is
+// offered unless `platform` names one, so a program that reached for a
+// window before answering fails to start instead of passing.
+struct ProgramRun
+{
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+ProgramRun runProgram(const QString &home, const QStringList &args, const QString &platform = {},
+                      const QString &workingDirectory = {})
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "LANG", "LC_ALL", "LANGUAGE"})
+        env.remove(QString::fromLatin1(name));
+    if (!platform.isEmpty())
+        env.insert(QStringLiteral("QT_QPA_PLATFORM"), platform);
+    env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    env.insert(QStringLiteral("HOME"), home);
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral("/config"));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/data"));
+    QProcess process;
+    process.setProcessEnvironment(env);
+    if (!workingDirectory.isEmpty())
+        process.setWorkingDirectory(workingDirectory);
+    process.start(QStringLiteral(TSL_TESSALINE_BINARY), args);
+    ProgramRun run;
+    if (!process.waitForFinished(30000)) {
+        process.kill();
+        process.waitForFinished(5000);
+        run.err = QStringLiteral("did not finish within 30 s: ") + QString::fromLocal8Bit(process.readAllStandardError());
+        return run;
+    }
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+QString settingsFileIn(const QString &home)
+{
+    return home + QStringLiteral("/config/MEROVAN/Tessaline.conf");
+}
+
+} // namespace
+
+void StartupTest::programAnswersWithoutDisplay_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<int>("language");  // stored "ValueL"
+    QTest::addColumn<QString>("expected");  // "version", "help" or "help-zh"
+
+    QTest::newRow("--version") << QStringList{"--version"} << 0 << "version";
+    QTest::newRow("-v") << QStringList{"-v"} << 0 << "version";
+    QTest::newRow("port then --version") << QStringList{"COM3", "--version"} << 0 << "version";
+    QTest::newRow("--help") << QStringList{"--help"} << 0 << "help";
+    QTest::newRow("-h") << QStringList{"-h"} << 0 << "help";
+    QTest::newRow("help wins over version") << QStringList{"--version", "--help"} << 0 << "help";
+    QTest::newRow("help after a Qt switch") << QStringList{"-platform", "xcb", "--help"} << 0 << "help";
+    QTest::newRow("help in the stored language") << QStringList{"--help"} << 1 << "help-zh";
+}
+
+void StartupTest::programAnswersWithoutDisplay()
+{
+    QFETCH(QStringList, args);
+    QFETCH(int, language);
+    QFETCH(QString, expected);
+
+    // No configuration folder is stored: reaching the first-start dialog
+    // would hang the run rather than answer.
+    QTemporaryDir home;
+    QVERIFY(QDir().mkpath(home.path() + "/config/MEROVAN"));
+    if (language != 0) {
+        QSettings stored(settingsFileIn(home.path()), QSettings::IniFormat);
+        stored.setValue(LanguageChoice::kSettingsKey, language);
+    }
+
+    const ProgramRun run = runProgram(home.path(), args);
+    QVERIFY2(run.exitCode == 0, qPrintable(QStringLiteral("exit %1: %2").arg(run.exitCode).arg(run.err)));
+    if (expected == QLatin1String("version")) {
+        QCOMPARE(run.out, QStringLiteral("Tessaline %1\n").arg(QLatin1String(BuildInfo::kVersion)));
+        return;
+    }
+    QVERIFY2(run.out.startsWith(QLatin1String("Usage: ")), qPrintable(run.out));
+    for (const char *word : {"--help", "--version", "--screenshot <file>", "--screenshot-dialog <name>", "file.tsl"})
+        QVERIFY2(run.out.contains(QLatin1String(word)), word);
+    const bool english = run.out.contains(QLatin1String("Show this help and quit."));
+    QCOMPARE(english, expected == QLatin1String("help"));
+}
+
+void StartupTest::programOpensProjectNamedOnCommandLine_data()
+{
+    QTest::addColumn<QString>("argument");  // as typed, relative to the working folder
+    QTest::addColumn<bool>("opened");
+
+    QTest::newRow("relative path") << "lab.tsl" << true;
+    QTest::newRow("upper-case suffix") << "LAB2.TSL" << true;
+    QTest::newRow("missing file") << "gone.tsl" << false;
+}
+
+void StartupTest::programOpensProjectNamedOnCommandLine()
+{
+    QFETCH(QString, argument);
+    QFETCH(bool, opened);
+
+    QTemporaryDir home;
+    QVERIFY(QDir().mkpath(home.path() + "/config/MEROVAN"));
+    QVERIFY(QDir().mkpath(home.path() + "/cfg"));
+    {
+        QSettings stored(settingsFileIn(home.path()), QSettings::IniFormat);
+        stored.setValue(QStringLiteral("CONFIG_FILE_PATH"), home.path() + "/cfg");
+    }
+    QTemporaryDir work;
+    Project project;
+    project.columnNumber = 2;
+    project.panes = {ProjectPane{}, ProjectPane{}, ProjectPane{}};
+    for (const QString &name : {QStringLiteral("lab.tsl"), QStringLiteral("LAB2.TSL")}) {
+        const Result written = ProjectFile::writeFile(work.filePath(name), project);
+        QVERIFY2(written.isOk(), qPrintable(written.errorText()));
+    }
+
+    // The window screenshot ends the program by itself once it is shown.
+    const ProgramRun run = runProgram(home.path(), {argument, "--screenshot", work.filePath("shot.png")},
+                                      QStringLiteral("offscreen"), work.path());
+    QVERIFY2(run.exitCode == 0, qPrintable(QStringLiteral("exit %1: %2").arg(run.exitCode).arg(run.err)));
+    QVERIFY(QFile::exists(work.filePath("shot.png")));
+
+    // An opened project enters the recent files under its absolute path.
+    const QSettings stored(settingsFileIn(home.path()), QSettings::IniFormat);
+    const QStringList recent = stored.value(QStringLiteral("RecentFiles")).toStringList();
+    QCOMPARE(recent.contains(work.filePath(argument)), opened);
+    QCOMPARE(recent.size(), opened ? 1 : 0);
 }
 
 void StartupTest::windowPosition_data()
