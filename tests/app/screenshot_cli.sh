@@ -19,13 +19,12 @@ printf '[General]\nCONFIG_FILE_PATH=%s\n' "$work/cfg" > "$XDG_CONFIG_HOME/MEROVA
 unset QT_QPA_PLATFORM
 fail=0
 
-# A random first display number: two "xvfb-run -a" starting at once
-# otherwise race for the same one.
-xrun() { xvfb-run -a -n $((100 + RANDOM % 800)) "$@"; }
+# Each run starts looking for a free display at a random number: two
+# "xvfb-run -a" starting at once otherwise race for the same one.
 
 is_png() { [ -s "$1" ] && [ "$(head -c 8 "$1" | od -An -tx1 | tr -d ' \n')" = "89504e470d0a1a0a" ]; }
 
-timeout 60 xrun "$exe" --screenshot "$work/shot.png" >"$work/out1" 2>&1
+timeout 60 xvfb-run -a -n $((100 + RANDOM % 800)) "$exe" --screenshot "$work/shot.png" >"$work/out1" 2>&1
 rc=$?
 if [ $rc -ne 0 ] || ! is_png "$work/shot.png"; then
     echo "FAIL: window screenshot (exit $rc)"; cat "$work/out1"; fail=1
@@ -35,7 +34,7 @@ else
     echo "ok: window screenshot"
 fi
 
-timeout 60 xrun "$exe" --screenshot "$work/missing/dir/shot.png" >"$work/out2" 2>&1
+timeout 60 xvfb-run -a -n $((100 + RANDOM % 800)) "$exe" --screenshot "$work/missing/dir/shot.png" >"$work/out2" 2>&1
 rc=$?
 if [ $rc -ne 1 ] || ! grep -q "FAILED" "$work/out2"; then
     echo "FAIL: unwritable path should exit 1 with FAILED (exit $rc)"; cat "$work/out2"; fail=1
@@ -43,7 +42,7 @@ else
     echo "ok: unwritable path exits 1"
 fi
 
-timeout 60 xrun "$exe" --screenshot-dialog no-such-dialog "$work/d.png" >"$work/out3" 2>&1
+timeout 60 xvfb-run -a -n $((100 + RANDOM % 800)) "$exe" --screenshot-dialog no-such-dialog "$work/d.png" >"$work/out3" 2>&1
 rc=$?
 if [ $rc -eq 0 ] || ! grep -q -- "--screenshot-dialog: unknown dialog" "$work/out3" || [ -e "$work/d.png" ]; then
     echo "FAIL: unknown dialog (exit $rc)"; cat "$work/out3"; fail=1
@@ -51,7 +50,7 @@ else
     echo "ok: unknown dialog reported"
 fi
 
-timeout 60 xrun "$exe" --screenshot-dialog config-folder "$work/cfg.png" 640x200 >"$work/out4" 2>&1
+timeout 60 xvfb-run -a -n $((100 + RANDOM % 800)) "$exe" --screenshot-dialog config-folder "$work/cfg.png" 640x200 >"$work/out4" 2>&1
 rc=$?
 if [ $rc -ne 0 ] || ! is_png "$work/cfg.png"; then
     echo "FAIL: config-folder dialog screenshot (exit $rc)"; cat "$work/out4"; fail=1
