@@ -1,6 +1,11 @@
 #include "app/screenshotdialogs.h"
 
 #include "app/newconnectiondialog.h"
+#include "cloud/accountdialog.h"
+#include "cloud/accountsession.h"
+#include "cloud/myaccountdialog.h"
+#include "cloud/networkservices.h"
+#include "cloud/syncsettingsdialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "settings/portsettingsdialog.h"
 #include "settings/quicksettingsdialog.h"
@@ -55,6 +60,13 @@ ScreenshotDialogs ScreenshotDialogs::standard()
     table.add(QStringLiteral("quick-settings"), [](QWidget *parent) -> QWidget * {
         return new QuickSettingsDialog(QuickSettingsLayout{}, parent);
     });
+    table.add(QStringLiteral("sign-in"), [](QWidget *parent) -> QWidget * {
+        return new AccountDialog(NetworkServices::instance(), AccountSession::instance(), parent);
+    });
+    table.add(QStringLiteral("my-account"), [](QWidget *parent) -> QWidget * {
+        return new MyAccountDialog(NetworkServices::instance(), AccountSession::instance(), parent);
+    });
+    table.add(QStringLiteral("sync-settings"), [](QWidget *parent) -> QWidget * { return new SyncSettingsDialog(parent); });
     return table;
 }
 
