@@ -330,7 +330,8 @@ QString fuzzXmodemReceiver(const uint8_t *data, size_t size)
     const int settleLimit = int(payload.size()) + 16;
 
     // The device's bytes in chunks, time passing between them and the timer
-    // firing when due; our writes reported done at once or held back.
+    // called after each, due or early; our writes reported done at once or
+    // held back.
     for (qsizetype at = 0, chunk = 0; at < payload.size(); ++chunk) {
         const uint8_t pace = k > 0 ? quint8(pacing.at(chunk % k)) : 0;
         const qsizetype wanted = kChunkLengths[pace & 15];
