@@ -19,7 +19,7 @@ if [ ! -f "$build/build.ninja" ]; then
     CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DTSL_BUILD_FUZZ=ON -DTSL_BUILD_TESTS=OFF -DTSL_BUILD_BENCH=OFF
 fi
-targets=(hexparser modbusvalues crcparams telnet)
+targets=(hexparser modbusvalues crcparams telnet xmodem)
 cmake --build "$build" --parallel "$(nproc)" --target "${targets[@]/#/fuzz_}"
 
 mkdir -p "$build/findings"

@@ -179,7 +179,8 @@ XmodemAction XmodemCodec::startReceive(const QString &fileName, qint64 nowMs)
     m_streaming = m_variant == XmodemVariant::YmodemG;
     m_startMs = nowMs;
     m_startAttempts = 1;
-    m_expectedBlock = 1;
+    // YMODEM opens the file from the header: data before it are out of step.
+    m_expectedBlock = isYmodemVariant(m_variant) ? 0 : 1;
     m_lastAccepted = -1;
     if (!isYmodemVariant(m_variant)) {
         m_fileName = fileName;
@@ -608,6 +609,10 @@ void XmodemCodec::badBlock()
 
 void XmodemCodec::handleEot()
 {
+    // Before the YMODEM header no file is open that an EOT could end: it is
+    // line noise, and the start character keeps asking for the header.
+    if (isYmodemVariant(m_variant) && !m_headerReceived)
+        return;
     if (m_state == State::RecvWaitBatchEnd) {
         // Our answer to the first EOT was lost: answer again, the file is
         // already in place.

@@ -3,6 +3,7 @@
 // handling, header parsing, and two codecs talking to each other across a
 // link that damages what the sender sends.
 #include "codecharness.h"
+#include "xmodemfuzztarget.h"
 
 #include <QtTest>
 
@@ -96,6 +97,8 @@ private slots:
     void ymodemGAbandonsOnTheFirstBadBlock();
     void noiseNeverBreaksEitherSide_data();
     void noiseNeverBreaksEitherSide();
+    void ymodemEndBeforeTheHeaderIsNoise();
+    void fuzzSeeds();
 };
 
 void TestXmodemCodec::crcMatchesTheXmodemCheckValue()
@@ -456,6 +459,10 @@ void TestXmodemCodec::receiverFailures_data()
                                 << "Data kept failing its checksum. This is usually a baud rate mismatch or line noise." << true;
     QTest::newRow("silence") << y << "silence" << int(XmodemError::RetriesExhausted)
                              << "Gave up after 10 retries." << true;
+    // No file is open before the header, so there is nowhere for data to go.
+    QTest::newRow("ymodem data before the header")
+        << y << "no header" << int(XmodemError::OutOfStep)
+        << "Block 1 arrived when block 0 was expected; the transfer is out of step." << true;
 }
 
 void TestXmodemCodec::receiverFailures()
@@ -478,7 +485,7 @@ void TestXmodemCodec::receiverFailures()
     f.take(codec.startReceive(QStringLiteral("r.bin"), 0), 0);
     f.drain();
     qint64 now = 0;
-    if (!codec.isEnded() && ymodem) {
+    if (!codec.isEnded() && ymodem && fault != "no header") {
         QByteArray header = XmodemCodec::makeHeaderData(QStringLiteral("r.bin"), 300, 0);
         if (fault == "header")
             header.fill('A');
@@ -511,6 +518,8 @@ void TestXmodemCodec::receiverFailures()
     QCOMPARE(f.all.endsWith(XmodemCodec::cancelSequence()), cancelSequence);
     if (fault == "silence")  // asked with 'C' while nothing had arrived yet
         QCOMPARE(f.written.left(10), QByteArray(10, 'C'));
+    if (fault == "no header")
+        QVERIFY(sink.opens == 0 && sink.data.isEmpty());
 }
 
 void TestXmodemCodec::headerSizeCutsTheLastBlock()
@@ -797,6 +806,45 @@ void TestXmodemCodec::noiseNeverBreaksEitherSide()
     }
     QVERIFY(sink.data.size() <= fedBytes);
     QVERIFY(codec.progress().totalRetries >= 0);
+}
+
+// An EOT before the header ends nothing (no file is open): the receiver goes
+// on asking for the header and then receives the file normally.
+void TestXmodemCodec::ymodemEndBeforeTheHeaderIsNoise()
+{
+    MemorySink sink;
+    XmodemCodec codec(XmodemVariant::Ymodem, &sink);
+    Feeder f{codec, {}, {}, {}};
+    f.take(codec.startReceive(QString(), 0), 0);
+    f.feed(QByteArray(1, EOT), 10);
+    const qint64 later = 10 + XmodemCodec::kCrcStartRepeatMs;
+    f.take(codec.tick(later), later);
+    QVERIFY(!codec.isEnded());
+    QCOMPARE(sink.finishes, 0);
+    QCOMPARE(f.drain(), QByteArray("CC"));
+    f.feed(block(0, XmodemCodec::makeHeaderData(QStringLiteral("e.bin"), 5, 0), true), later);
+    f.feed(block(1, QByteArray("hello").leftJustified(128, SUB), true), later);
+    f.feed(QByteArray(1, EOT), later);
+    f.feed(block(0, QByteArray(128, '\0'), true), later);
+    QVERIFY(f.last.finished());
+    QCOMPARE(sink.data, QByteArray("hello"));
+    QCOMPARE(sink.finishes, 1);
+}
+
+// The receiver fuzzer's seed inputs (tests/fuzz/corpus/xmodem) through the
+// same target body, so the ordinary build keeps them passing.
+void TestXmodemCodec::fuzzSeeds()
+{
+    const QFileInfoList seeds = QDir(QStringLiteral(TSL_FUZZ_CORPUS "/xmodem")).entryInfoList(QDir::Files);
+    QVERIFY(!seeds.isEmpty());
+    for (const QFileInfo &seed : seeds) {
+        QFile file(seed.filePath());
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray input = file.readAll();
+        const QString failure =
+            fuzzXmodemReceiver(reinterpret_cast<const uint8_t *>(input.constData()), size_t(input.size()));
+        QVERIFY2(failure.isEmpty(), qPrintable(seed.fileName() + ": " + failure));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestXmodemCodec)
