@@ -524,6 +524,7 @@ void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
     }
     if (m_purging) {
         // Wait for the line to fall quiet, then ask for the block again.
+        m_purgedTail = (m_purgedTail + m_input).right(kCancelTailBytes);
         m_input.clear();
         m_out.timeoutMs = kPurgeQuietMs;
         return;
@@ -649,6 +650,16 @@ void XmodemCodec::acceptEot()
     emitBytes(QByteArray(1, ACK) + QByteArray(1, startChar()), kWaitMs);
 }
 
+bool XmodemCodec::endsWithCancel(const QByteArray &bytes)
+{
+    // Two or more CANs, optionally followed by the backspaces that erase
+    // them on a terminal.
+    qsizetype end = bytes.size();
+    while (end > 0 && bytes.at(end - 1) == BS)
+        --end;
+    return end >= 2 && bytes.at(end - 1) == CAN && bytes.at(end - 2) == CAN;
+}
+
 void XmodemCodec::startPurge()
 {
     // The sender has started, whatever the line did to its block.
@@ -659,6 +670,7 @@ void XmodemCodec::startPurge()
         return;
     }
     m_purging = true;
+    m_purgedTail = m_input.right(kCancelTailBytes);
     m_input.clear();
     m_out.timeoutMs = kPurgeQuietMs;
 }
@@ -793,8 +805,14 @@ void XmodemCodec::receiveTimeout(qint64 nowMs)
         if (m_streaming) {
             fail(XmodemError::RetriesExhausted,
                  tr("The device stopped sending. YMODEM-G cannot recover, so the transfer has failed."), true);
+        } else if (endsWithCancel(m_purging ? m_purgedTail : m_input)) {
+            // A device that cancels in the middle of a block, or while a
+            // damaged one is being dropped, sends its CANs where data was
+            // expected; the silence after them tells them apart from data.
+            fail(XmodemError::DeviceCancelled, tr("The device cancelled the transfer."), false);
         } else if (retryAllowed()) {
             m_purging = false;
+            m_purgedTail.clear();
             m_input.clear();
             const char ask = (m_written == 0 && m_crcMode) ? startChar() : NAK;
             emitBytes(QByteArray(1, ask), kWaitMs);

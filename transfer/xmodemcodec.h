@@ -196,6 +196,7 @@ private:
     void handleEot();
     void acceptEot();
     void startPurge();
+    static bool endsWithCancel(const QByteArray &bytes);
     void badBlock();
     void receiveTimeout(qint64 nowMs);
 
@@ -227,6 +228,9 @@ private:
     qint64 m_startMs = 0;
     bool m_headerReceived = false;
     bool m_purging = false;
+    // The last bytes dropped while purging: a cancel hides among them.
+    QByteArray m_purgedTail;
+    static constexpr qsizetype kCancelTailBytes = 32;
     bool m_eotPending = false;
 
     int m_retries = 0;

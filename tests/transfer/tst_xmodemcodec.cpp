@@ -459,6 +459,11 @@ void TestXmodemCodec::receiverFailures_data()
                                 << "Data kept failing its checksum. This is usually a baud rate mismatch or line noise." << true;
     QTest::newRow("silence") << y << "silence" << int(XmodemError::RetriesExhausted)
                              << "Gave up after 10 retries." << true;
+    // A cancel where data was expected is known by the silence after it.
+    QTest::newRow("cancel inside a block") << x << "cancel in block" << int(XmodemError::DeviceCancelled)
+                                           << "The device cancelled the transfer." << false;
+    QTest::newRow("cancel while dropping a bad block") << x << "cancel in purge" << int(XmodemError::DeviceCancelled)
+                                                       << "The device cancelled the transfer." << false;
     // No file is open before the header, so there is nowhere for data to go.
     QTest::newRow("ymodem data before the header")
         << y << "no header" << int(XmodemError::OutOfStep)
@@ -499,6 +504,17 @@ void TestXmodemCodec::receiverFailures()
             for (int i = 0; i < 11 && !codec.isEnded(); ++i)
                 f.feed(bad, now);
             QCOMPARE(codec.progress().totalRetries, 11);
+        } else if (fault.startsWith("cancel")) {
+            f.feed(block(1, pattern(128, 1), true), now);
+            QByteArray partial = block(2, pattern(128, 2), true).left(60);
+            if (fault == "cancel in purge")
+                partial[0] = 0x11;  // a damaged start: the rest is dropped
+            f.feed(partial + QByteArray(8, 0x18) + QByteArray(8, 0x08), now);
+            for (int i = 0; i < 3 && !codec.isEnded(); ++i) {
+                now = f.last.wakeAtMs;
+                f.take(codec.tick(now), now);
+            }
+            QCOMPARE(sink.data, pattern(128, 1));
         } else if (fault == "silence") {
             for (int i = 0; i < 11 && !codec.isEnded(); ++i) {
                 now = f.last.wakeAtMs;
