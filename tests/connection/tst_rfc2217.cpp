@@ -1,6 +1,7 @@
 // The Telnet codec and the remote serial port client, fed bytes and time:
 // every input is also fed split at every position and byte by byte, and the
 // two roles of the codec talk to each other.
+#include "support/fuzzseeds.h"
 #include "connection/rfc2217clientsession.h"
 #include "connection/telnetcodec.h"
 #include "telnetfuzztarget.h"
@@ -697,20 +698,10 @@ private Q_SLOTS:
         QCOMPARE(step.write.count(hex("fffa2c")), 2 + 5);
     }
 
-    // The fuzzer's seed inputs (tests/fuzz/corpus/telnet) through the same
-    // target body, so the ordinary build keeps them passing.
     void fuzzSeeds()
     {
-        const QFileInfoList seeds = QDir(QStringLiteral(TSL_FUZZ_CORPUS "/telnet")).entryInfoList(QDir::Files);
-        QVERIFY(!seeds.isEmpty());
-        for (const QFileInfo &seed : seeds) {
-            QFile file(seed.filePath());
-            QVERIFY(file.open(QIODevice::ReadOnly));
-            const QByteArray input = file.readAll();
-            const QString failure =
-                fuzzTelnetReceiver(reinterpret_cast<const uint8_t *>(input.constData()), size_t(input.size()));
-            QVERIFY2(failure.isEmpty(), qPrintable(seed.fileName() + ": " + failure));
-        }
+        const QString failure = FuzzSeeds::replay(QStringLiteral("telnet"), fuzzTelnetReceiver);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
     }
 };
 

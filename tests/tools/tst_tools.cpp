@@ -1,3 +1,4 @@
+#include "support/fuzzseeds.h"
 #include "toolstests.h"
 
 #include "fuzztargets.h"
@@ -441,20 +442,11 @@ private Q_SLOTS:
     // bodies, so the ordinary build keeps them passing.
     void fuzzSeeds()
     {
-        using Target = QString (*)(const uint8_t *, size_t);
-        const std::pair<QString, Target> targets[] = {
+        const std::pair<QString, FuzzSeeds::Target> targets[] = {
             {"hexparser", fuzzHexParser}, {"modbusvalues", fuzzModbusValues}, {"crcparams", fuzzCustomCrcParams}};
         for (const auto &[name, target] : targets) {
-            const QFileInfoList seeds = QDir(QStringLiteral(TSL_FUZZ_CORPUS "/") + name).entryInfoList(QDir::Files);
-            QVERIFY2(!seeds.isEmpty(), qPrintable("no seeds for " + name));
-            for (const QFileInfo &seed : seeds) {
-                QFile file(seed.filePath());
-                QVERIFY(file.open(QIODevice::ReadOnly));
-                const QByteArray input = file.readAll();
-                const auto *data = reinterpret_cast<const uint8_t *>(input.constData());
-                const QString failure = target(data, size_t(input.size()));
-                QVERIFY2(failure.isEmpty(), qPrintable(name + '/' + seed.fileName() + ": " + failure));
-            }
+            const QString failure = FuzzSeeds::replay(name, target);
+            QVERIFY2(failure.isEmpty(), qPrintable(failure));
         }
     }
 };

@@ -2,6 +2,7 @@
 // clock: block framing, the retry and timing rules of both sides, cancel
 // handling, header parsing, and two codecs talking to each other across a
 // link that damages what the sender sends.
+#include "support/fuzzseeds.h"
 #include "codecharness.h"
 #include "xmodemfuzztarget.h"
 
@@ -847,20 +848,10 @@ void TestXmodemCodec::ymodemEndBeforeTheHeaderIsNoise()
     QCOMPARE(sink.finishes, 1);
 }
 
-// The receiver fuzzer's seed inputs (tests/fuzz/corpus/xmodem) through the
-// same target body, so the ordinary build keeps them passing.
 void TestXmodemCodec::fuzzSeeds()
 {
-    const QFileInfoList seeds = QDir(QStringLiteral(TSL_FUZZ_CORPUS "/xmodem")).entryInfoList(QDir::Files);
-    QVERIFY(!seeds.isEmpty());
-    for (const QFileInfo &seed : seeds) {
-        QFile file(seed.filePath());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray input = file.readAll();
-        const QString failure =
-            fuzzXmodemReceiver(reinterpret_cast<const uint8_t *>(input.constData()), size_t(input.size()));
-        QVERIFY2(failure.isEmpty(), qPrintable(seed.fileName() + ": " + failure));
-    }
+    const QString failure = FuzzSeeds::replay(QStringLiteral("xmodem"), fuzzXmodemReceiver);
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
 }
 
 QTEST_GUILESS_MAIN(TestXmodemCodec)
