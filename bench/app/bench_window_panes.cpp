@@ -20,6 +20,9 @@
 //
 //   bench_window_panes [--seconds N] [--scale F]   (F multiplies every rate)
 //   bench_window_panes --peer SECONDS STREAM...     (the peers, see runPeers)
+//
+// With TSL_BENCH_TRACE_STALLS set, every stall over 20 ms goes to stderr
+// with its CLOCK_MONOTONIC time, to find it in `perf record -k mono`.
 
 #include "support/benchsupport.h"
 #include "app/mainwindow.h"
@@ -35,6 +38,7 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QProcess>
+#include <QResizeEvent>
 #include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
@@ -56,7 +60,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -67,6 +73,7 @@ using BenchSupport::waitUntil;
 constexpr int kPaneCount = 16;
 constexpr qint64 kStartTargetMs = 1000;
 constexpr qint64 kStallTargetMs = 50;
+constexpr qint64 kTracedStallMs = 20;
 
 QTextStream &out()
 {
@@ -286,6 +293,42 @@ qint64 statusKiB(const char *key)
     }
     return -1;
 }
+
+qint64 threadCpuUs()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return qint64(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+// Reports every resize of a pane's receive view: each lays out its whole
+// document again.
+class ResizeTrace : public QObject
+{
+public:
+    explicit ResizeTrace(const QElapsedTimer &clock)
+        : m_clock(clock)
+    {
+    }
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::Resize) {
+            const auto *resize = static_cast<QResizeEvent *>(event);
+            const auto *view = static_cast<ReceiveView *>(watched);
+            std::fprintf(stderr, "resize %s %dx%d -> %dx%d, %lld chars, at monotonic %.3f s\n",
+                         qPrintable(view->parentWidget() ? view->parentWidget()->objectName() : QString()),
+                         resize->oldSize().width(), resize->oldSize().height(), resize->size().width(),
+                         resize->size().height(), static_cast<long long>(view->characterCount()),
+                         double(m_clock.msecsSinceReference() + m_clock.elapsed()) / 1000.0);
+        }
+        return false;
+    }
+
+private:
+    const QElapsedTimer &m_clock;
+};
 
 // Waits for the first paint of every pane's receive view that can be seen:
 // sixteen panes do not fit on a screen, and the ones scrolled away paint
@@ -606,16 +649,45 @@ private:
         qint64 longestStall = 0;
         qint64 longestStallAt = 0;
         int stallsOverTarget = 0;
+        // CPU time the window's thread used between beats: a stall with
+        // little of it was the machine's other work, not the window's.
+        qint64 lastCpu = 0;
+        qint64 longestStallCpu = 0;
+        qint64 longestBusy = 0;
+        // Heartbeat gaps by whole milliseconds, the last bucket for any longer.
+        std::vector<qint64> gaps(1001, 0);
+        // To line stalls up with `perf record -k CLOCK_MONOTONIC` samples.
+        const bool traceStalls = qEnvironmentVariableIsSet("TSL_BENCH_TRACE_STALLS");
+        ResizeTrace resizes(clock);
+        if (traceStalls) {
+            for (SerialPortWidget *pane : panes)
+                pane->receiveView()->installEventFilter(&resizes);
+            for (qsizetype i = 0; i < panes.size(); ++i)
+                QObject::connect(panes.at(i)->receiveView(), &ReceiveView::trimmed, panes.at(i), [i, &clock](qsizetype removed) {
+                    std::fprintf(stderr, "trim pane%02lld %lld chars at monotonic %.3f s\n", static_cast<long long>(i + 1),
+                                 static_cast<long long>(removed), double(clock.msecsSinceReference() + clock.elapsed()) / 1000.0);
+                });
+        }
         QTimer heartbeat;
         heartbeat.setTimerType(Qt::PreciseTimer);
         QObject::connect(&heartbeat, &QTimer::timeout, [&] {
             const qint64 now = clock.elapsed();
             const qint64 gap = now - lastTick;
+            const qint64 cpu = threadCpuUs();
+            const qint64 busy = cpu - lastCpu;
+            lastCpu = cpu;
             if (gap > longestStall) {
                 longestStall = gap;
                 longestStallAt = lastTick;
+                longestStallCpu = busy;
             }
+            longestBusy = qMax(longestBusy, busy);
             stallsOverTarget += gap > kStallTargetMs ? 1 : 0;
+            ++gaps[size_t(qMin<qint64>(gap, qint64(gaps.size()) - 1))];
+            if (traceStalls && gap > kTracedStallMs)
+                std::fprintf(stderr, "stall %lld ms (%.1f ms on the CPU) from monotonic %.3f s\n",
+                             static_cast<long long>(gap), double(busy) / 1000.0,
+                             double(clock.msecsSinceReference() + lastTick) / 1000.0);
             lastTick = now;
         });
 
@@ -650,6 +722,7 @@ private:
         for (quint16 port : std::as_const(m_goPorts))
             go += ' ' + QByteArray::number(port);
         clock.start();
+        lastCpu = threadCpuUs();
         heartbeat.start(1);
         m_peers.write(go + '\n');
         const bool finished = waitUntil(
@@ -698,7 +771,22 @@ private:
         report(QStringLiteral("window_load_max_pending"), double(maxPending) / 1e6, "MB");
         report(QStringLiteral("window_load_longest_stall"), double(longestStall), "ms");
         report(QStringLiteral("window_load_longest_stall_at"), double(longestStallAt), "ms");
+        report(QStringLiteral("window_load_longest_stall_cpu"), double(longestStallCpu) / 1000.0, "ms");
+        report(QStringLiteral("window_load_longest_busy"), double(longestBusy) / 1000.0, "ms");
         report(QStringLiteral("window_load_stalls_over_50ms"), stallsOverTarget, "times");
+        const qint64 beats = std::accumulate(gaps.begin(), gaps.end(), qint64(0));
+        const auto percentile = [&](double share) {
+            qint64 seen = 0;
+            for (size_t ms = 0; ms < gaps.size(); ++ms) {
+                seen += gaps[ms];
+                if (double(seen) >= share * double(beats))
+                    return double(ms);
+            }
+            return double(gaps.size() - 1);
+        };
+        report(QStringLiteral("window_load_heartbeat_gap_p50"), percentile(0.5), "ms");
+        report(QStringLiteral("window_load_heartbeat_gap_p99"), percentile(0.99), "ms");
+        report(QStringLiteral("window_load_heartbeats"), double(beats) / seconds, "per s");
         report(QStringLiteral("window_load_panes_exact"), exact, "panes");
 
         const bool lossless = finished && exact == panes.size();
