@@ -1,10 +1,10 @@
 // The main window with sixteen port panes, offscreen.
 //
-// Start: how long from constructing the window to a shown window whose
-// sixteen panes have all painted, built four ways: adding panes to a fresh
-// window (the first time in the process, then again), constructing it with
-// a sixteen-pane project to reopen, and opening that project in the running
-// window.
+// Start: how long from constructing the window to a shown 1920x1080 window
+// holding sixteen panes, every pane in view painted, built four ways: adding
+// panes to a fresh window (the first time in the process, then again),
+// constructing it with a sixteen-pane project to reopen, and opening that
+// project in the running window.
 //
 // Load: all sixteen panes connected at once to loopback peers played by a
 // second process (so the writing never shares the window's event loop):
@@ -18,11 +18,14 @@
 // Exits non-zero when bytes were lost or the run could not be set up;
 // timings are only reported.
 //
-//   bench_window_panes [--seconds N] [--scale F]   (F multiplies every rate)
+//   bench_window_panes [--seconds N] [--scale F] [--columns C] [--buffer B]
+//     F multiplies every rate; C panes per row (4); B characters each view
+//     keeps (the pane's default)
 //   bench_window_panes --peer SECONDS STREAM...     (the peers, see runPeers)
 //
-// With TSL_BENCH_TRACE_STALLS set, every stall over 20 ms goes to stderr
-// with its CLOCK_MONOTONIC time, to find it in `perf record -k mono`.
+// With TSL_BENCH_TRACE_STALLS set, every stall over 20 ms, every trim and
+// every resize of a pane's view goes to stderr with its CLOCK_MONOTONIC
+// time, to line them up with `perf record -k mono` samples.
 
 #include "support/benchsupport.h"
 #include "app/mainwindow.h"
@@ -32,11 +35,9 @@
 #include "terminal/serialportwidget.h"
 
 #include <QApplication>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QHash>
 #include <QProcess>
 #include <QResizeEvent>
 #include <QSet>
@@ -317,8 +318,11 @@ protected:
         if (event->type() == QEvent::Resize) {
             const auto *resize = static_cast<QResizeEvent *>(event);
             const auto *view = static_cast<ReceiveView *>(watched);
+            QWidget *pane = view->parentWidget();
+            while (pane && !qobject_cast<SerialPortWidget *>(pane))
+                pane = pane->parentWidget();
             std::fprintf(stderr, "resize %s %dx%d -> %dx%d, %lld chars, at monotonic %.3f s\n",
-                         qPrintable(view->parentWidget() ? view->parentWidget()->objectName() : QString()),
+                         qPrintable(pane ? pane->objectName() : QString()),
                          resize->oldSize().width(), resize->oldSize().height(), resize->size().width(),
                          resize->size().height(), static_cast<long long>(view->characterCount()),
                          double(m_clock.msecsSinceReference() + m_clock.elapsed()) / 1000.0);
@@ -342,6 +346,7 @@ public:
             QWidget *viewport = pane->receiveView()->viewport();
             viewport->installEventFilter(this);
             m_waiting.insert(viewport);
+            connect(viewport, &QObject::destroyed, this, [this](QObject *gone) { m_waiting.remove(gone); });
         }
     }
     ~PaintWatch() override
@@ -431,25 +436,28 @@ struct PaneSpec
     double rate = 0;
 };
 
-struct Figures
-{
-    bool setupOk = true;
-    bool lossless = true;
-};
-
 // Rates in bytes per second, before --scale.
 constexpr double kTcpClientRate = 200000;
 constexpr double kSerialRate = 11520;  // 115200 baud
 constexpr double kTcpServerRate = 100000;
 constexpr double kUdpRate = 50000;
 
-Project projectOf(const QList<PaneSpec> &specs)
+struct RunOptions
+{
+    double seconds = 10;
+    double scale = 1;  // multiplies every rate
+    int columns = 4;  // panes per row
+    int displayBuffer = PaneOptions().displayBufferSize;
+};
+
+Project projectOf(const QList<PaneSpec> &specs, const RunOptions &run)
 {
     Project project;
-    project.columnNumber = 4;
+    project.columnNumber = run.columns;
     for (const PaneSpec &spec : specs) {
         PaneOptions options;
         options.displayTime = true;
+        options.displayBufferSize = run.displayBuffer;
         project.panes.append(ProjectPane{PaneSettings{spec.config, options}, {}});
     }
     return project;
@@ -458,10 +466,9 @@ Project projectOf(const QList<PaneSpec> &specs)
 class Bench
 {
 public:
-    Bench(QString self, double seconds, double scale)
+    Bench(QString self, const RunOptions &run)
         : m_self(std::move(self))
-        , m_seconds(seconds)
-        , m_scale(scale)
+        , m_run(run)
     {
     }
 
@@ -472,7 +479,7 @@ public:
             return 2;
         }
         const QString projectPath = m_dir.filePath(QStringLiteral("sixteen.tsl"));
-        const Result written = ProjectFile::writeFile(projectPath, projectOf(m_specs));
+        const Result written = ProjectFile::writeFile(projectPath, projectOf(m_specs, m_run));
         if (!written) {
             out() << "FAILED: " << written.errorText() << Qt::endl;
             return 2;
@@ -492,12 +499,12 @@ public:
 private:
     bool startPeers()
     {
-        QStringList streams{QString::number(m_seconds)};
+        QStringList streams{QString::number(m_run.seconds)};
         for (int i = 0; i < 8; ++i) {
             PaneSpec spec;
             spec.config.mode = ConnectionMode::TcpClient;
             spec.peerKind = QStringLiteral("listen");
-            spec.rate = kTcpClientRate * m_scale;
+            spec.rate = kTcpClientRate * m_run.scale;
             m_specs.append(spec);
         }
         for (int i = 0; i < 4; ++i) {
@@ -511,7 +518,7 @@ private:
             spec.config.portName = pair->pane();
             spec.config.baudRate = 115200;
             spec.peerKind = QStringLiteral("pty");
-            spec.rate = kSerialRate * m_scale;
+            spec.rate = kSerialRate * m_run.scale;
             m_specs.append(spec);
             m_ptys.push_back(std::move(pair));
         }
@@ -521,7 +528,7 @@ private:
             spec.config.listenAddress = QHostAddress::LocalHost;
             spec.config.targetPort = freePort(false);
             spec.peerKind = QStringLiteral("connect");
-            spec.rate = kTcpServerRate * m_scale;
+            spec.rate = kTcpServerRate * m_run.scale;
             m_goPorts.append(spec.config.targetPort);
             m_specs.append(spec);
         }
@@ -530,7 +537,7 @@ private:
             spec.config.mode = ConnectionMode::UdpServer;
             spec.config.udpLocalPort = freePort(true);
             spec.peerKind = QStringLiteral("udp");
-            spec.rate = kUdpRate * m_scale;
+            spec.rate = kUdpRate * m_run.scale;
             m_goPorts.append(spec.config.udpLocalPort);
             m_specs.append(spec);
         }
@@ -551,7 +558,7 @@ private:
                     const QList<QByteArray> words = m_peers.readLine().trimmed().split(' ');
                     if (words.value(0) == "ready")
                         return true;
-                    if (words.value(0) == "listen")
+                    if (words.value(0) == "listen" && listenIndex < m_specs.size())
                         m_specs[listenIndex++].config.targetPort = words.value(1).toInt();
                 }
                 return false;
@@ -564,7 +571,7 @@ private:
     {
         QSettings settings;
         settings.setValue(QStringLiteral("PortLayout"), int(PortArrangement::Layout::Custom));
-        settings.setValue(QStringLiteral("ColumnNumber"), 4);
+        settings.setValue(QStringLiteral("ColumnNumber"), m_run.columns);
         settings.setValue(QStringLiteral("LastFile"), QString());
         settings.sync();
 
@@ -626,6 +633,19 @@ private:
     bool measureLoad(MainWindow &window)
     {
         const QList<SerialPortWidget *> panes = window.panes();
+        // Panes at their narrowest are resized, and lay out their whole
+        // view again, whenever a text in them gets longer.
+        const auto widths = [&](const QString &when) {
+            int narrowest = 0;
+            int width = 0;
+            for (const SerialPortWidget *pane : panes) {
+                narrowest = qMax(narrowest, pane->minimumSizeHint().width());
+                width = qMax(width, pane->width());
+            }
+            report(QStringLiteral("window_pane_min_width_%1").arg(when), narrowest, "px");
+            report(QStringLiteral("window_pane_width_%1").arg(when), width, "px");
+        };
+        widths(QStringLiteral("idle"));
         std::vector<StreamSum> taps(size_t(panes.size()));
         for (qsizetype i = 0; i < panes.size(); ++i) {
             QObject::connect(panes.at(i)->session(), &PortSession::rxTapped, panes.at(i),
@@ -642,6 +662,7 @@ private:
             }
             return false;
         }
+        widths(QStringLiteral("connected"));
 
         // The heartbeat: a 1 ms timer whose longest gap is the longest stall.
         QElapsedTimer clock;
@@ -738,9 +759,10 @@ private:
                     receivedMs = clock.elapsed();
                 return pending == 0;
             },
-            qint64(m_seconds * 1000) + 60000);
+            qint64(m_run.seconds * 1000) + 60000);
         const qint64 shownMs = clock.elapsed();
         heartbeat.stop();
+        widths(QStringLiteral("loaded"));
         for (SerialPortWidget *pane : panes)
             pane->closeConnection();
 
@@ -761,12 +783,14 @@ private:
                       << want.bytes << " (checksum " << Qt::hex << want.hash << Qt::dec << ')' << Qt::endl;
         }
         const double seconds = double(qMax<qint64>(1, shownMs)) / 1000.0;
-        report(QStringLiteral("window_load_seconds"), m_seconds, "s");
+        report(QStringLiteral("window_load_seconds"), m_run.seconds, "s");
+        report(QStringLiteral("window_columns"), m_run.columns, "panes");
+        report(QStringLiteral("window_view_buffer"), m_run.displayBuffer, "chars");
         report(QStringLiteral("window_load_bytes"), double(total), "bytes");
         report(QStringLiteral("window_load_received"),
                double(total) / 1e6 / (double(qMax<qint64>(1, receivedMs)) / 1000.0), "MB/s");
         report(QStringLiteral("window_load_displayed"), double(total) / 1e6 / seconds, "MB/s");
-        report(QStringLiteral("window_load_drain_after_peers"), double(shownMs) - m_seconds * 1000.0, "ms");
+        report(QStringLiteral("window_load_drain_after_peers"), double(shownMs) - m_run.seconds * 1000.0, "ms");
         report(QStringLiteral("window_load_peer_shortfall"), double(shortfall), "bytes");
         report(QStringLiteral("window_load_max_pending"), double(maxPending) / 1e6, "MB");
         report(QStringLiteral("window_load_longest_stall"), double(longestStall), "ms");
@@ -799,8 +823,7 @@ private:
     }
 
     QString m_self;
-    double m_seconds;
-    double m_scale;
+    RunOptions m_run;
     QTemporaryDir m_dir;
     QList<PaneSpec> m_specs;
     std::vector<std::unique_ptr<PtyPair>> m_ptys;
@@ -836,7 +859,12 @@ int main(int argc, char *argv[])
     QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, settingsDir.path() + QStringLiteral("/system"));
 
     const QStringList args = app.arguments();
-    Bench bench(app.applicationFilePath(), argument(args, QStringLiteral("--seconds"), 10),
-                argument(args, QStringLiteral("--scale"), 1));
+    RunOptions run;
+    run.seconds = argument(args, QStringLiteral("--seconds"), run.seconds);
+    run.scale = argument(args, QStringLiteral("--scale"), run.scale);
+    run.columns = qBound(Project::kMinColumnNumber, int(argument(args, QStringLiteral("--columns"), run.columns)),
+                         Project::kMaxColumnNumber);
+    run.displayBuffer = int(argument(args, QStringLiteral("--buffer"), run.displayBuffer));
+    Bench bench(app.applicationFilePath(), run);
     return bench.run();
 }
