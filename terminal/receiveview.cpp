@@ -82,12 +82,16 @@ qsizetype ReceiveView::trimIfOver(qsizetype limit)
     m_justTrimmed = true;
     QScrollBar *bar = verticalScrollBar();
     const bool atEnd = bar->value() >= bar->maximum();
-    // Half the limit goes at a time, which keeps trims rare; when one drain
-    // added more than that, as many halves go as it takes to get back under
-    // the limit, so the document stays bounded under any flood.
-    const qsizetype half = qMax<qsizetype>(1, limit / 2);
-    const qsizetype halves = (count - limit + half - 1) / half;
-    const qsizetype removed = qMin(halves * half, count);
+    // Half the limit goes at a time, which keeps trims rare, but never more
+    // than kMaxTrimStep: removing costs time in proportion to what goes, and
+    // panes fed at the same rate reach their limits in the same refresh, so
+    // large steps would add up to one long stall in a window of many panes.
+    // When one drain added more than a step, as many steps go as it takes
+    // to get back under the limit, so the document stays bounded under any
+    // flood.
+    const qsizetype step = qBound<qsizetype>(1, limit / 2, kMaxTrimStep);
+    const qsizetype steps = (count - limit + step - 1) / step;
+    const qsizetype removed = qMin(steps * step, count);
     QTextCursor cursor(document());
     cursor.beginEditBlock();
     cursor.setPosition(0);

@@ -34,9 +34,11 @@ public:
     // Characters in the document (without the final paragraph separator).
     qsizetype characterCount() const;
     // When the document holds more than limit characters, removes the
-    // oldest characters half a limit at a time until it holds no more than
-    // the limit, and returns how many went; 0 otherwise.
+    // oldest characters half a limit (at most kMaxTrimStep) at a time until
+    // it holds no more than the limit, and returns how many went; 0
+    // otherwise.
     qsizetype trimIfOver(qsizetype limit);
+    static constexpr qsizetype kMaxTrimStep = 64 * 1024;
 
     bool isFollowingEnd() const;
 

@@ -3,7 +3,9 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QTimer>
 
+#include <chrono>
 #include <functional>
 
 // What every benchmark needs: an event loop run until something happened,
@@ -21,6 +23,27 @@ inline bool runUntil(const std::function<bool()> &done, qint64 timeoutMs)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
     }
     return true;
+}
+
+// Like runUntil, but sleeps in the event loop between checks instead of
+// spinning, for benchmarks whose peers share the machine's cores.
+inline bool waitUntil(const std::function<bool()> &done, qint64 timeoutMs, int checkEveryMs = 5)
+{
+    if (done())
+        return true;
+    QEventLoop loop;
+    bool met = false;
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (done()) {
+            met = true;
+            loop.quit();
+        }
+    });
+    check.start(checkEveryMs);
+    QTimer::singleShot(std::chrono::milliseconds(timeoutMs), &loop, &QEventLoop::quit);
+    loop.exec();
+    return met;
 }
 
 } // namespace BenchSupport

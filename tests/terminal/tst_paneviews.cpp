@@ -21,7 +21,7 @@ class PaneViewsTest : public QObject
 private Q_SLOTS:
     void fontPreferenceTakesFirstInstalled_data();
     void fontPreferenceTakesFirstInstalled();
-    void trimRemovesHalfTheLimit();
+    void trimRemovesTheOldestInBoundedSteps();
     void followsEndOnlyAtTheBottom();
     void noteIsColouredAndFramed();
 
@@ -65,7 +65,7 @@ void PaneViewsTest::fontPreferenceTakesFirstInstalled()
     QCOMPARE(MonospaceFont::firstInstalled(MonospaceFont::preferenceList(), installed), chosen);
 }
 
-void PaneViewsTest::trimRemovesHalfTheLimit()
+void PaneViewsTest::trimRemovesTheOldestInBoundedSteps()
 {
     ReceiveView view;
     QSignalSpy trimmed(&view, &ReceiveView::trimmed);
@@ -89,6 +89,18 @@ void PaneViewsTest::trimRemovesHalfTheLimit()
     ordered.trimIfOver(1000);
     QVERIFY(ordered.toPlainText().startsWith(QString(100, u'a') + u'b'));
     QVERIFY(ordered.toPlainText().endsWith(QString(600, u'b')));
+
+    // A large limit goes a bounded step at a time: removing costs time in
+    // proportion to what goes, and many panes may trim in one refresh.
+    ReceiveView large;
+    const qsizetype step = ReceiveView::kMaxTrimStep;
+    const int linesPerStep = int(step / 64);
+    large.appendPlain(lines(4 * linesPerStep + 1, 64));
+    QCOMPARE(large.trimIfOver(4 * step), step);
+    QCOMPARE(large.characterCount(), 3 * step + 64);
+    large.appendPlain(lines(2 * linesPerStep, 64));
+    QCOMPARE(large.trimIfOver(4 * step), 2 * step);
+    QCOMPARE(large.characterCount(), 3 * step + 64);
 }
 
 void PaneViewsTest::followsEndOnlyAtTheBottom()
