@@ -6,6 +6,7 @@
 #include "connection/serialportwatcher.h"
 #include "settings/connectionsettingswidget.h"
 #include "terminal/controllinelights.h"
+#include "terminal/drainshare.h"
 #include "terminal/ledindicator.h"
 #include "terminal/paneoptionsform.h"
 #include "terminal/receivefindbar.h"
@@ -79,7 +80,10 @@ SerialPortWidget::SerialPortWidget(int paneId, QWidget *parent)
     m_refreshTimer->start(kRefreshIntervalMs);
 }
 
-SerialPortWidget::~SerialPortWidget() = default;
+SerialPortWidget::~SerialPortWidget()
+{
+    DrainShare::setWaiting(this, false);
+}
 
 ReceiveView *SerialPortWidget::receiveView() const
 {
@@ -254,6 +258,8 @@ void SerialPortWidget::onRefreshDisplay()
         takeOptionsFromWidgets();
     if (viewState() == ViewState::Normal)
         displayPortBuffer(ReceiveIngest::kRefreshByteBudget);
+    else
+        DrainShare::setWaiting(this, false);  // a paused view takes no share
     updateCounters();
 }
 
@@ -267,10 +273,11 @@ void SerialPortWidget::drain(qint64 byteBudget)
     QElapsedTimer clock;
     clock.start();
     const bool everything = byteBudget < 0;
+    const qint64 limitMs = DrainShare::limitMs(kDrainTimeLimitMs);
     // New chunks are formatted only once what was formatted before is in,
     // so the view shows everything in order.
     if (m_viewBacklog.isEmpty() || everything) {
-        const QList<DisplayChunk> chunks = m_session->takeForView(byteBudget, everything ? -1 : kDrainTimeLimitMs);
+        const QList<DisplayChunk> chunks = m_session->takeForView(byteBudget, everything ? -1 : limitMs);
         m_drainSegments = &m_viewBacklog;
         for (const DisplayChunk &chunk : chunks)
             decodeBufferForUi(chunk);
@@ -279,22 +286,23 @@ void SerialPortWidget::drain(qint64 byteBudget)
         for (const ReceiveView::Segment &segment : std::as_const(m_viewBacklog))
             m_backlogChars += segment.text.size();
     }
-    if (m_viewBacklog.isEmpty())
-        return;
-    const QList<ReceiveView::Segment> segments = takeBacklog(everything ? m_backlogChars : m_charBudget);
-    ui.receiveView->appendSegments(segments);
-    ui.receiveView->trimIfOver(m_session->options().displayBufferSize);
-    if (ui.findBar->isActive())
-        ui.findBar->refreshMatches();
-    if (!everything) {
-        // Formatting is bounded by the time limit, laying out is not: adapt
-        // the next insert to how long this one took in all.
-        const qint64 took = clock.elapsed();
-        if (took > kDrainTimeLimitMs)
-            m_charBudget = qMax(m_charBudget / 2, kMinCharBudget);
-        else if (took < kDrainTimeLimitMs / 2)
-            m_charBudget = qMin(m_charBudget * 2, kMaxCharBudget);
+    if (!m_viewBacklog.isEmpty()) {
+        const QList<ReceiveView::Segment> segments = takeBacklog(everything ? m_backlogChars : m_charBudget);
+        ui.receiveView->appendSegments(segments);
+        ui.receiveView->trimIfOver(m_session->options().displayBufferSize);
+        if (ui.findBar->isActive())
+            ui.findBar->refreshMatches();
+        if (!everything) {
+            // Formatting is bounded by the time limit, laying out is not:
+            // adapt the next insert to how long this one took in all.
+            const qint64 took = clock.elapsed();
+            if (took > limitMs)
+                m_charBudget = qMax(m_charBudget / 2, kMinCharBudget);
+            else if (took * 2 < limitMs)
+                m_charBudget = qMin(m_charBudget * 2, kMaxCharBudget);
+        }
     }
+    DrainShare::setWaiting(this, pendingDisplayBytes() > 0);
 }
 
 QList<ReceiveView::Segment> SerialPortWidget::takeBacklog(qsizetype maxChars)
@@ -547,6 +555,7 @@ void SerialPortWidget::updateOpenState()
     ui.sendButton->setText(open ? tr("Send") : tr("Open"));
     ui.closeButton->setEnabled(open);
     ui.statusLabel->setText(m_session->statusLine());
+    ui.statusLabel->setToolTip(ui.statusLabel->text());
     updateControlLineAvailability();
 }
 

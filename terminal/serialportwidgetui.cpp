@@ -192,8 +192,18 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     toolbarLayout->setContentsMargins(0, 0, 0, 0);
     statusLabel = named(new QLabel(toolbar), "statusLabel");
     statusLabel->setTextFormat(Qt::RichText);
+    // Nothing in the tool bar may widen the pane as it changes: every pane
+    // shares the window's width, and a wider pane lays its whole view out
+    // again. The status line gives way (its tooltip holds all of it) and
+    // the counters keep room for ten digits.
+    statusLabel->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    statusLabel->setMinimumWidth(1);
     txCountLabel = named(new QLabel(toolbar), "txCountLabel");
     rxCountLabel = named(new QLabel(toolbar), "rxCountLabel");
+    for (QLabel *counter : {txCountLabel, rxCountLabel}) {
+        counter->setMinimumWidth(counter->fontMetrics().horizontalAdvance(tr("Rx: %L1 Bytes").arg(9999999999LL)));
+        counter->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    }
     resetCountersButton = toolButton(toolbar, "resetCountersButton", QStringLiteral("clear_history"), tr("Reset the byte counters"));
     pauseButton = toolButton(toolbar, "pauseButton", QStringLiteral("pause"), tr("Pause the display; received data is kept"));
     pauseButton->setCheckable(true);

@@ -305,7 +305,7 @@ void MainWindowTest::splitterSizesSurviveRebuild()
 {
     MainWindow w;
     // Wide enough that both panes can take the chosen shares.
-    w.resize(2400, 1000);
+    w.resize(2800, 1000);
     w.setColumnNumber(2);
     w.addPane();
     w.show();
