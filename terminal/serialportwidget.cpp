@@ -288,6 +288,9 @@ void SerialPortWidget::drain(qint64 byteBudget)
     }
     if (!m_viewBacklog.isEmpty()) {
         const QList<ReceiveView::Segment> segments = takeBacklog(everything ? m_backlogChars : m_charBudget);
+        qsizetype inserted = 0;
+        for (const ReceiveView::Segment &segment : segments)
+            inserted += segment.text.size();
         ui.receiveView->appendSegments(segments);
         ui.receiveView->trimIfOver(m_session->options().displayBufferSize);
         if (ui.findBar->isActive())
@@ -296,8 +299,8 @@ void SerialPortWidget::drain(qint64 byteBudget)
             // Formatting is bounded by the time limit, laying out is not:
             // adapt the next insert to how long this one took in all.
             const qint64 took = clock.elapsed();
-            if (took > limitMs)
-                m_charBudget = qMax(m_charBudget / 2, kMinCharBudget);
+            if (took > limitMs)  // down to what half the limit would have laid out
+                m_charBudget = qMax(inserted * limitMs / (2 * took), kMinCharBudget);
             else if (took * 2 < limitMs)
                 m_charBudget = qMin(m_charBudget * 2, kMaxCharBudget);
         }

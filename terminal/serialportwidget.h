@@ -178,7 +178,9 @@ private:
     // need font fallback costs far more per character than ASCII).
     QList<ReceiveView::Segment> m_viewBacklog;
     qsizetype m_backlogChars = 0;
-    static constexpr qsizetype kFirstCharBudget = 16 * 1024;
+    // Small at first: the first text in a script the view has not met yet
+    // costs a font search on top of its layout.
+    static constexpr qsizetype kFirstCharBudget = 256;
     static constexpr qsizetype kMinCharBudget = 256;
     static constexpr qsizetype kMaxCharBudget = 1024 * 1024;
     qsizetype m_charBudget = kFirstCharBudget;

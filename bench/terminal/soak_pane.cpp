@@ -97,19 +97,30 @@ public:
         m_timer.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timer, &QTimer::timeout, [this] {
             const qint64 now = m_clock.elapsed();
-            m_longest = qMax(m_longest, now - m_last);
+            const qint64 gap = now - m_last;
+            if (gap > m_longest) {
+                m_longest = gap;
+                m_longestAt = m_last;
+            }
+            if (gap > 50)
+                ++m_over50;
             m_last = now;
         });
         m_clock.start();
         m_timer.start(1);
     }
     qint64 longestMs() const { return m_longest; }
+    // When the longest stall began, in ms since the probe started.
+    qint64 longestAtMs() const { return m_longestAt; }
+    int stallsOver50Ms() const { return m_over50; }
 
 private:
     QTimer m_timer;
     QElapsedTimer m_clock;
     qint64 m_last = 0;
     qint64 m_longest = 0;
+    qint64 m_longestAt = 0;
+    int m_over50 = 0;
 };
 
 void runFor(qint64 ms)
@@ -597,6 +608,8 @@ int encodings(const Run &run)
         runUntil([&] { return qint64(pane->rxCount()) >= bytes && pane->pendingDisplayBytes() == 0; },
                  qint64(run.seconds) * 20000);
         report(QStringLiteral("encoding_%1_longest_stall").arg(name), double(probe.longestMs()), "ms");
+        report(QStringLiteral("encoding_%1_longest_stall_at").arg(name), double(probe.longestAtMs()), "ms");
+        report(QStringLiteral("encoding_%1_stalls_over_50ms").arg(name), double(probe.stallsOver50Ms()), "times");
         report(QStringLiteral("encoding_%1_bytes_received").arg(name), double(pane->rxCount()), "bytes");
         pane->closeConnection();
         peer->kill();
