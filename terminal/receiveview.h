@@ -38,7 +38,7 @@ public:
     // it holds no more than the limit, and returns how many went; 0
     // otherwise.
     qsizetype trimIfOver(qsizetype limit);
-    static constexpr qsizetype kMaxTrimStep = 64 * 1024;
+    static constexpr qsizetype kMaxTrimStep = 16 * 1024;
 
     bool isFollowingEnd() const;
 

@@ -18,9 +18,10 @@
 // Exits non-zero when bytes were lost or the run could not be set up;
 // timings are only reported.
 //
-//   bench_window_panes [--seconds N] [--scale F] [--columns C] [--buffer B]
+//   bench_window_panes [--seconds N] [--scale F] [--columns C] [--buffer B] [--tcp-only]
 //     F multiplies every rate; C panes per row (4); B characters each view
-//     keeps (the pane's default)
+//     keeps (the pane's default); --tcp-only makes all sixteen panes TCP
+//     clients fed 1 MB/s of text each
 //   bench_window_panes --peer SECONDS STREAM...     (the peers, see runPeers)
 //
 // With TSL_BENCH_TRACE_STALLS set, every stall over 20 ms, every trim and
@@ -441,6 +442,8 @@ constexpr double kTcpClientRate = 200000;
 constexpr double kSerialRate = 11520;  // 115200 baud
 constexpr double kTcpServerRate = 100000;
 constexpr double kUdpRate = 50000;
+// --tcp-only: sixteen TCP client panes, each fed this much text.
+constexpr double kTcpOnlyRate = 1000000;
 
 struct RunOptions
 {
@@ -448,6 +451,7 @@ struct RunOptions
     double scale = 1;  // multiplies every rate
     int columns = 4;  // panes per row
     int displayBuffer = PaneOptions().displayBufferSize;
+    bool tcpOnly = false;
 };
 
 Project projectOf(const QList<PaneSpec> &specs, const RunOptions &run)
@@ -500,14 +504,14 @@ private:
     bool startPeers()
     {
         QStringList streams{QString::number(m_run.seconds)};
-        for (int i = 0; i < 8; ++i) {
+        for (int i = 0; i < (m_run.tcpOnly ? 16 : 8); ++i) {
             PaneSpec spec;
             spec.config.mode = ConnectionMode::TcpClient;
             spec.peerKind = QStringLiteral("listen");
-            spec.rate = kTcpClientRate * m_run.scale;
+            spec.rate = (m_run.tcpOnly ? kTcpOnlyRate : kTcpClientRate) * m_run.scale;
             m_specs.append(spec);
         }
-        for (int i = 0; i < 4; ++i) {
+        for (int i = 0; i < (m_run.tcpOnly ? 0 : 4); ++i) {
             auto pair = std::make_unique<PtyPair>(m_dir.path(), i);
             if (!pair->start()) {
                 out() << "socat did not make a pty pair" << Qt::endl;
@@ -522,7 +526,7 @@ private:
             m_specs.append(spec);
             m_ptys.push_back(std::move(pair));
         }
-        for (int i = 0; i < 2; ++i) {
+        for (int i = 0; i < (m_run.tcpOnly ? 0 : 2); ++i) {
             PaneSpec spec;
             spec.config.mode = ConnectionMode::TcpServer;
             spec.config.listenAddress = QHostAddress::LocalHost;
@@ -532,7 +536,7 @@ private:
             m_goPorts.append(spec.config.targetPort);
             m_specs.append(spec);
         }
-        for (int i = 0; i < 2; ++i) {
+        for (int i = 0; i < (m_run.tcpOnly ? 0 : 2); ++i) {
             PaneSpec spec;
             spec.config.mode = ConnectionMode::UdpServer;
             spec.config.udpLocalPort = freePort(true);
@@ -564,7 +568,7 @@ private:
                 return false;
             },
             10000);
-        return ready && listenIndex == 8 && !m_goPorts.contains(0);
+        return ready && listenIndex == (m_run.tcpOnly ? 16 : 8) && !m_goPorts.contains(0);
     }
 
     std::unique_ptr<MainWindow> measureStart(const QString &projectPath)
@@ -650,8 +654,11 @@ private:
         for (qsizetype i = 0; i < panes.size(); ++i) {
             QObject::connect(panes.at(i)->session(), &PortSession::rxTapped, panes.at(i),
                              [&taps, i](const QByteArray &data) { taps[size_t(i)].add(data.constData(), size_t(data.size())); });
-            panes.at(i)->openConnection();
         }
+        QElapsedTimer connecting;
+        connecting.start();
+        for (SerialPortWidget *pane : panes)
+            pane->openConnection();
         const bool connected = waitUntil(
             [&] { return std::all_of(panes.begin(), panes.end(), [](const SerialPortWidget *p) { return p->isConnectionOpen(); }); },
             10000);
@@ -662,6 +669,7 @@ private:
             }
             return false;
         }
+        report(QStringLiteral("window_load_all_connected"), double(connecting.elapsed()), "ms");
         widths(QStringLiteral("connected"));
 
         // The heartbeat: a 1 ms timer whose longest gap is the longest stall.
@@ -744,6 +752,7 @@ private:
             go += ' ' + QByteArray::number(port);
         clock.start();
         lastCpu = threadCpuUs();
+        const qint64 loadStartCpu = lastCpu;
         heartbeat.start(1);
         m_peers.write(go + '\n');
         const bool finished = waitUntil(
@@ -761,6 +770,7 @@ private:
             },
             qint64(m_run.seconds * 1000) + 60000);
         const qint64 shownMs = clock.elapsed();
+        const qint64 loadCpuUs = threadCpuUs() - loadStartCpu;
         heartbeat.stop();
         widths(QStringLiteral("loaded"));
         for (SerialPortWidget *pane : panes)
@@ -793,6 +803,8 @@ private:
         report(QStringLiteral("window_load_drain_after_peers"), double(shownMs) - m_run.seconds * 1000.0, "ms");
         report(QStringLiteral("window_load_peer_shortfall"), double(shortfall), "bytes");
         report(QStringLiteral("window_load_max_pending"), double(maxPending) / 1e6, "MB");
+        // The window's thread, heartbeat included, as a share of one core.
+        report(QStringLiteral("window_load_cpu_share"), 100.0 * double(loadCpuUs) / 1000.0 / double(qMax<qint64>(1, shownMs)), "%");
         report(QStringLiteral("window_load_longest_stall"), double(longestStall), "ms");
         report(QStringLiteral("window_load_longest_stall_at"), double(longestStallAt), "ms");
         report(QStringLiteral("window_load_longest_stall_cpu"), double(longestStallCpu) / 1000.0, "ms");
@@ -865,6 +877,7 @@ int main(int argc, char *argv[])
     run.columns = qBound(Project::kMinColumnNumber, int(argument(args, QStringLiteral("--columns"), run.columns)),
                          Project::kMaxColumnNumber);
     run.displayBuffer = int(argument(args, QStringLiteral("--buffer"), run.displayBuffer));
+    run.tcpOnly = args.contains(QStringLiteral("--tcp-only"));
     Bench bench(app.applicationFilePath(), run);
     return bench.run();
 }
