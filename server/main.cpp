@@ -1,5 +1,6 @@
 // tessaline-cloud: the self-hostable cloud service of Tessaline.
 #include "accountservice.h"
+#include "buildinfo.h"
 #include "cloudservice.h"
 #include "serviceconfig.h"
 #include "servicelog.h"
@@ -46,7 +47,7 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("tessaline-cloud"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("6.6.7"));
+    QCoreApplication::setApplicationVersion(QLatin1String(BuildInfo::kVersion));
 
     QCommandLineParser parser;
     ServiceOptions::declare(parser);
