@@ -17,6 +17,9 @@ PortSessionXferPort::PortSessionXferPort(PortSession *session, QObject *parent)
 
 PortSessionXferPort::~PortSessionXferPort()
 {
+    // A transfer cannot outlive its port: it ends here, keeping what
+    // arrived, and gives the lock back while this port still stands.
+    delete m_transfer.data();
     if (m_locked)
         lock(false);
 }
@@ -28,22 +31,24 @@ void PortSessionXferPort::attach(FileTransferSession *transfer)
 
 bool PortSessionXferPort::write(const QByteArray &bytes)
 {
-    return m_session->sendBytes(bytes, false);
+    return m_session && m_session->sendBytes(bytes, false);
 }
 
 qint64 PortSessionXferPort::bytesToWrite() const
 {
-    return m_session->controller()->bytesToWrite();
+    return m_session ? m_session->controller()->bytesToWrite() : 0;
 }
 
 bool PortSessionXferPort::isOpen() const
 {
-    return m_session->isConnectionOpen();
+    return m_session && m_session->isConnectionOpen();
 }
 
 void PortSessionXferPort::lock(bool on)
 {
     m_locked = on;
+    if (!m_session)
+        return;
     if (on) {
         m_session->setTransferActive(true);
         // Set after the lock: taking the lock clears any earlier taker.
@@ -60,17 +65,18 @@ void PortSessionXferPort::lock(bool on)
 
 void PortSessionXferPort::writeNote(const QString &text)
 {
-    m_session->writeNote(text);
+    if (m_session)
+        m_session->writeNote(text);
 }
 
 QStringList PortSessionXferPort::clientLabels() const
 {
-    return m_session->controller()->serverClientLabels();
+    return m_session ? m_session->controller()->serverClientLabels() : QStringList();
 }
 
 bool PortSessionXferPort::selectClient(const QString &label)
 {
-    if (!clientLabels().contains(label))
+    if (!m_session || !clientLabels().contains(label))
         return false;
     SendTarget target;
     target.clientLabel = label;
@@ -80,7 +86,7 @@ bool PortSessionXferPort::selectClient(const QString &label)
 
 void PortSessionXferPort::onConnectionChanged()
 {
-    if (!m_transfer || !m_locked || m_session->isConnectionOpen())
+    if (!m_transfer || !m_locked || !m_session || m_session->isConnectionOpen())
         return;
     m_transfer->stop(m_session->isReconnecting() ? FileTransferSession::StopReason::ConnectionLost
                                                  : FileTransferSession::StopReason::ConnectionClosed);

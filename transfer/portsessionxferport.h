@@ -34,7 +34,8 @@ public:
 private:
     void onConnectionChanged();
 
-    PortSession *m_session;
+    // The pane owns both: either may go first when the pane goes.
+    QPointer<PortSession> m_session;
     QPointer<FileTransferSession> m_transfer;
     bool m_locked = false;
 };

@@ -1,5 +1,6 @@
 #include "app/languagechoice.h"
 #include "app/mainwindow.h"
+#include "app/panetransfers.h"
 #include "app/projectfile.h"
 #include "settings/portsettingsdialog.h"
 #include "settings/quicksettingscatalog.h"
@@ -73,6 +74,7 @@ private Q_SLOTS:
     void quickSettingsShapeEveryPane();
     void transfersRunFromTheMenuWithABar();
     void transferRefusedOrCancelledFromTheMenu();
+    void panesGoWhileTransfersRun();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -770,6 +772,43 @@ void MainWindowTest::transferRefusedOrCancelledFromTheMenu()
     QTRY_VERIFY_WITH_TIMEOUT(!cancel->isEnabled(), 2000);
     QTRY_VERIFY_WITH_TIMEOUT(!pane->findChild<FileTransferBar *>(QStringLiteral("fileTransferBar")), 2000);
     QVERIFY(!QFile::exists(folder.filePath(QStringLiteral("never.bin"))));
+}
+
+// Removing a pane, or closing the window, in the middle of a transfer ends
+// it without touching what is already gone and without leaving files.
+void MainWindowTest::panesGoWhileTransfersRun()
+{
+    PtyPair ptyA, ptyB;
+    QVERIFY2(ptyA.start() && ptyB.start(), qPrintable(ptyA.errorText() + ptyB.errorText()));
+    QTemporaryDir folder;
+    auto window = std::make_unique<MainWindow>();
+    window->show();
+    SerialPortWidget *second = window->addPane();
+    QVERIFY(openSerialPane(*window, ptyA.pathA()));
+    ConnectionConfig config = second->connectionConfig();
+    config.mode = ConnectionMode::Serial;
+    config.portName = ptyB.pathA();
+    second->applySettings(config, second->paneOptions(), {});
+    QVERIFY(second->openConnection(ptyB.pathA()));
+    for (SerialPortWidget *pane : window->panes()) {
+        FileTransferDialog *dialog = window->transfers()->openDialog(pane, FileTransferSession::Direction::Receive);
+        QVERIFY(dialog);
+        dialog->setProtocol(XmodemVariant::XmodemCrc);
+        dialog->setFolder(folder.path());
+        dialog->setSaveAs(QStringLiteral("pane%1.bin").arg(pane->paneId()));
+        QVERIFY(dialog->start());
+        QVERIFY(pane->isTransferActive());
+    }
+    window->removePane(second);
+    QPointer<SerialPortWidget> gone = second;
+    QTRY_COMPARE_WITH_TIMEOUT(window->panes().size(), 1, 2000);
+    QTRY_VERIFY_WITH_TIMEOUT(!gone, 2000);
+    QVERIFY(window->panes().constFirst()->isTransferActive());
+    window.reset();
+    // Nothing had arrived: no temporary file is left, and nothing under
+    // the final names.
+    const QStringList left = QDir(folder.path()).entryList(QDir::Files | QDir::Hidden);
+    QVERIFY2(left.isEmpty(), qPrintable(left.join(u',')));
 }
 
 QTEST_MAIN(MainWindowTest)
