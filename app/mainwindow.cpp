@@ -805,6 +805,15 @@ void MainWindow::restoreGeometryFrom(const QSettings &settings)
 
 void MainWindow::closeEvent(QCloseEvent *event)
 {
+    // A firmware image half sent is worse than a window left open.
+    if (m_transfers->anyRunning()
+        && QMessageBox::question(this, tr("Tessaline"),
+                                 tr("A file transfer is running. Closing stops it, and the device may be left with an "
+                                    "incomplete file.\nClose anyway?"))
+               != QMessageBox::Yes) {
+        event->ignore();
+        return;
+    }
     if (!maybeSave()) {
         event->ignore();
         return;

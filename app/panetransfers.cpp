@@ -23,7 +23,7 @@ FileTransferDialog *PaneTransfers::openDialog(SerialPortWidget *pane, FileTransf
         return nullptr;
     }
     // One dialog per pane: two could start two transfers on one port.
-    if (FileTransferDialog *open = m_dialogs.value(pane)) {
+    if (auto *open = qobject_cast<FileTransferDialog *>(m_dialogs.value(pane).data())) {
         if (open->direction() == direction) {
             open->raise();
             open->activateWindow();
@@ -37,8 +37,9 @@ FileTransferDialog *PaneTransfers::openDialog(SerialPortWidget *pane, FileTransf
     auto *dialog = new FileTransferDialog(direction, pane->connectionConfig(), port, pane);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     m_dialogs.insert(pane, dialog);
-    connect(dialog, &QObject::destroyed, this, [this, pane] {
-        if (!m_dialogs.value(pane))
+    connect(dialog, &QObject::destroyed, this, [this, pane](QObject *gone) {
+        // Still a QWidget here, no longer a dialog: compared as a widget.
+        if (m_dialogs.value(pane) == gone)
             m_dialogs.remove(pane);
     });
     auto users = QSharedPointer<int>::create(1);
@@ -95,4 +96,13 @@ FileTransferSession *PaneTransfers::running(SerialPortWidget *pane) const
     // Started or about to start: the dialog hands the transfer over just
     // before starting it.
     return m_running.value(pane).data();
+}
+
+bool PaneTransfers::anyRunning() const
+{
+    for (const QPointer<FileTransferSession> &transfer : m_running) {
+        if (transfer)
+            return true;
+    }
+    return false;
 }

@@ -28,6 +28,7 @@ public:
     // when none runs.
     bool cancel(SerialPortWidget *pane);
     FileTransferSession *running(SerialPortWidget *pane) const;
+    bool anyRunning() const;
 
 signals:
     // A transfer started or ended on some pane.
@@ -36,6 +37,6 @@ signals:
 private:
     void adopt(SerialPortWidget *pane, FileTransferSession *transfer);
 
-    QHash<SerialPortWidget *, QPointer<FileTransferDialog>> m_dialogs;
+    QHash<SerialPortWidget *, QPointer<QWidget>> m_dialogs;
     QHash<SerialPortWidget *, QPointer<FileTransferSession>> m_running;
 };

@@ -155,6 +155,12 @@ A terminal for serial ports and networks.</source>
         <source>Default settings restored.</source>
         <translation>已恢复默认设置。</translation>
     </message>
+    <message>
+        <source>A file transfer is running. Closing stops it, and the device may be left with an incomplete file.
+Close anyway?</source>
+        <translation>文件传输正在进行。关闭会停止传输，设备上可能留下不完整的文件。
+仍要关闭吗？</translation>
+    </message>
 </context>
 <context>
     <name>NewConnectionDialog</name>

@@ -764,9 +764,15 @@ void MainWindowTest::transferRefusedOrCancelledFromTheMenu()
     QVERIFY(pane->isTransferActive());
     auto *cancel = window.findChild<QAction *>(QStringLiteral("acXferCancel"));
     QTRY_VERIFY_WITH_TIMEOUT(cancel->isEnabled(), 2000);
-    // While it runs, a second transfer is refused in the pane.
+    // While it runs, a second transfer is refused in the pane, and closing
+    // the window asks first.
     send->trigger();
     QCOMPARE(error->text(), QString("A file transfer is already running on this port."));
+    QString question;
+    answerNextBox(QMessageBox::No, &question);
+    QVERIFY(!window.close());
+    QVERIFY(question.startsWith("A file transfer is running."));
+    QVERIFY(pane->isTransferActive());
     cancel->trigger();
     QTRY_VERIFY_WITH_TIMEOUT(!pane->isTransferActive(), 5000);
     QTRY_VERIFY_WITH_TIMEOUT(!cancel->isEnabled(), 2000);
