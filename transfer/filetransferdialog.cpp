@@ -110,6 +110,8 @@ void FileTransferDialog::buildForm(const ConnectionConfig &connection)
 
     m_path = new QLineEdit(this);
     m_path->setObjectName(sending ? QStringLiteral("fileEdit") : QStringLiteral("folderEdit"));
+    // Room for a whole typical path: its start says where, its end what.
+    m_path->setMinimumWidth(m_path->fontMetrics().averageCharWidth() * 44);
     auto *browse = new QPushButton(tr("Browse..."), this);
     browse->setObjectName(QStringLiteral("browseButton"));
     connect(browse, &QPushButton::clicked, this, &FileTransferDialog::browse);
