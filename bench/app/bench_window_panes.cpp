@@ -70,6 +70,7 @@
 
 namespace {
 
+using BenchSupport::procStatusKiB;
 using BenchSupport::waitUntil;
 
 constexpr int kPaneCount = 16;
@@ -284,18 +285,6 @@ int runPeers(double seconds, const std::vector<std::string> &specs)
 
 // ------------------------------------------------------------ the window
 
-qint64 statusKiB(const char *key)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith(key))
-            return line.mid(qsizetype(std::strlen(key))).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
-}
-
 qint64 threadCpuUs()
 {
     timespec now{};
@@ -496,7 +485,7 @@ public:
         m_peers.closeWriteChannel();
         if (!m_peers.waitForFinished(10000))
             m_peers.kill();
-        report(QStringLiteral("window_peak_rss"), double(statusKiB("VmHWM:")) / 1024.0, "MiB");
+        report(QStringLiteral("window_peak_rss"), double(procStatusKiB("VmHWM:")) / 1024.0, "MiB");
         return lossless ? 0 : 1;
     }
 
@@ -617,7 +606,7 @@ private:
         reopened = reopened && waitUntil([&] { return watch.visiblePainted(); }, 20000, 1);
         const qint64 open = reopened ? clock.elapsed() : -1;
         report(QStringLiteral("window_open_project"), double(open), "ms");
-        report(QStringLiteral("window_rss_after_start"), double(statusKiB("VmRSS:")) / 1024.0, "MiB");
+        report(QStringLiteral("window_rss_after_start"), double(procStatusKiB("VmRSS:")) / 1024.0, "MiB");
 
         const auto verdict = [](qint64 ms) {
             return ms >= 0 ? QStringLiteral("%1 ms, target %2 ms").arg(ms).arg(kStartTargetMs)

@@ -3,9 +3,11 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
 #include <QTimer>
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 
 // What every benchmark needs: an event loop run until something happened,
@@ -44,6 +46,20 @@ inline bool waitUntil(const std::function<bool()> &done, qint64 timeoutMs, int c
     QTimer::singleShot(std::chrono::milliseconds(timeoutMs), &loop, &QEventLoop::quit);
     loop.exec();
     return met;
+}
+
+// A figure of the process from /proc/self/status in KiB ("VmRSS:" now,
+// "VmHWM:" at its peak); -1 when it cannot be read.
+inline qint64 procStatusKiB(const char *field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(qsizetype(std::strlen(field))).trimmed().split(' ').value(0).toLongLong();
+    }
+    return -1;
 }
 
 } // namespace BenchSupport

@@ -8,6 +8,7 @@
 //   bench_pane_flood --send <text|hex> N  (the sender; prints its port)
 
 #include "common/appidentity.h"
+#include "support/benchsupport.h"
 #include "connection/connectioncontroller.h"
 #include "terminal/receiveingest.h"
 #include "terminal/receiveview.h"
@@ -89,18 +90,6 @@ int runSender(bool text, qint64 total)
     return 0;
 }
 
-qint64 peakRssKiB()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
-}
-
 bool runFlood(const QString &self, bool hex, qint64 total)
 {
     const QString mode = hex ? QStringLiteral("hex") : QStringLiteral("text");
@@ -179,7 +168,7 @@ bool runFlood(const QString &self, bool hex, qint64 total)
     report(prefix + QStringLiteral("read_pauses"), pauses, "times");
     report(prefix + QStringLiteral("view_chars"), double(pane.receiveView()->document()->characterCount()), "chars");
     report(prefix + QStringLiteral("rx_counter"), double(pane.rxCount()), "bytes");
-    report(prefix + QStringLiteral("peak_rss"), double(peakRssKiB()) / 1024.0, "MiB");
+    report(prefix + QStringLiteral("peak_rss"), double(BenchSupport::procStatusKiB("VmHWM:")) / 1024.0, "MiB");
     const bool exact = qint64(pane.rxCount()) == total;
     if (rc != 0 || !exact)
         out() << prefix << "FAILED: received " << pane.rxCount() << " of " << total << Qt::endl;

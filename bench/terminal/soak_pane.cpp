@@ -46,6 +46,7 @@
 
 namespace {
 
+using BenchSupport::procStatusKiB;
 using BenchSupport::runUntil;
 
 
@@ -58,18 +59,6 @@ QTextStream &out()
 void report(const QString &name, double value, const char *unit)
 {
     out() << name << ' ' << QString::number(value, 'f', 2) << ' ' << unit << Qt::endl;
-}
-
-qint64 procStatusKiB(const char *field)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qsizetype(std::strlen(field))).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
 }
 
 double rssMiB() { return double(procStatusKiB("VmRSS:")) / 1024.0; }
