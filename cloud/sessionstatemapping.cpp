@@ -1,54 +1,90 @@
 #include "cloud/sessionstatemapping.h"
 
-#include "connection/connectionconfig.h"
-#include "terminal/paneoptions.h"
+#include "terminal/panesettings.h"
+
+#include <type_traits>
 
 namespace SessionStateMapping {
+
+namespace {
+
+// One member of the synced document tied to the pane field it carries.
+// Values go through the field table, so what comes from the cloud is
+// range-checked like what comes from any other store.
+struct Link
+{
+    const char *fieldId;
+    QVariant (*get)(const SessionState &state);
+    void (*put)(SessionState &state, const QVariant &value);
+};
+
+template <auto Member>
+Link link(const char *fieldId)
+{
+    return {fieldId,
+            [](const SessionState &s) { return QVariant::fromValue(s.*Member); },
+            [](SessionState &s, const QVariant &v) {
+                using T = std::remove_cvref_t<decltype(s.*Member)>;
+                s.*Member = v.value<T>();
+            }};
+}
+
+const QList<Link> &links()
+{
+    using S = SessionState;
+    static const QList<Link> all{
+        link<&S::connMode>("mode"),
+        link<&S::portName>("portName"),
+        link<&S::baudRate>("baudRate"),
+        link<&S::dataBits>("dataBits"),
+        link<&S::stopBits>("stopBits"),
+        link<&S::parity>("parity"),
+        link<&S::flowControl>("flowControl"),
+        link<&S::targetHost>("targetHost"),
+        link<&S::targetHosts>("recentTargetHosts"),
+        link<&S::targetPort>("targetPort"),
+        link<&S::udpLocalPort>("udpLocalPort"),
+        link<&S::udpServerPort>("udpServerPort"),
+        link<&S::receiveMsgFormat>("receiveFormat"),
+        link<&S::sendMsgFormat>("sendFormat"),
+        link<&S::receiveEncoding>("receiveEncoding"),
+        link<&S::sendEncoding>("sendEncoding"),
+        link<&S::sendChecksum>("sendChecksum"),
+        link<&S::rxAutoFeedLine>("rxAutoFeedLine"),
+        link<&S::rxLineEndingMode>("rxLineEnding"),
+        link<&S::txAutoFeedLine>("txAutoFeedLine"),
+        link<&S::txLineEndingMode>("txLineEnding"),
+        link<&S::terminalEnterMode>("terminalEnterMode"),
+        link<&S::autoFeedInterval>("autoFeedInterval"),
+        link<&S::splitterLeft>("splitterLeft"),
+        link<&S::splitterRight>("splitterRight"),
+        link<&S::displaySendMsg>("displaySendMsg"),
+        link<&S::localEcho>("localEcho"),
+        link<&S::displayMsgTime>("displayTime"),
+        link<&S::rxTimeFormat>("rxTimeFormat"),
+        link<&S::txTimeFormat>("txTimeFormat"),
+        link<&S::displayBufferSize>("displayBufferSize"),
+        link<&S::fontFamily>("fontFamily"),
+        link<&S::fontPointSize>("fontSize"),
+        link<&S::sendTextColor>("sendTextColor"),
+        link<&S::receiveTextColor>("receiveTextColor"),
+    };
+    return all;
+}
+
+} // namespace
 
 SessionState fromRecords(const ConnectionConfig &connection, const PaneOptions &pane, bool autoReconnect,
                          bool restoreLastConnection, int language, const QStringList &sendHistory,
                          bool withSendHistory)
 {
+    const PaneSettings settings{connection, pane};
     SessionState s;
-    s.connMode = toInt(connection.mode);
-    s.portName = connection.portName;
-    s.baudRate = connection.baudRate;
-    s.dataBits = int(connection.dataBits);
-    s.stopBits = int(connection.stopBits);
-    s.parity = int(connection.parity);
-    s.flowControl = int(connection.flowControl);
-    s.targetHost = connection.targetHost;
-    s.targetHosts = connection.recentTargetHosts;
-    s.targetPort = connection.targetPort;
-    s.udpLocalPort = connection.udpLocalPort;
-    s.udpServerPort = connection.udpServerPort;
-
-    s.receiveMsgFormat = int(pane.receiveFormat);
-    s.sendMsgFormat = int(pane.sendFormat);
-    s.receiveEncoding = pane.receiveEncoding;
-    s.sendEncoding = pane.sendEncoding;
-    s.sendChecksum = pane.sendChecksum;
-    s.rxAutoFeedLine = pane.rxAutoFeedLine;
-    s.rxLineEndingMode = int(pane.rxLineEnding);
-    s.txAutoFeedLine = pane.txAutoFeedLine;
-    s.txLineEndingMode = int(pane.txLineEnding);
-    s.terminalEnterMode = int(pane.terminalEnterMode);
-    s.autoFeedInterval = pane.autoFeedInterval;
-    s.splitterLeft = pane.splitterLeft;
-    s.splitterRight = pane.splitterRight;
-    s.displaySendMsg = pane.displaySendMsg;
-    s.localEcho = pane.localEcho;
-    s.displayMsgTime = pane.displayTime;
-    s.rxTimeFormat = pane.rxTimeFormat;
-    s.txTimeFormat = pane.txTimeFormat;
-    s.displayBufferSize = pane.displayBufferSize;
-    s.fontFamily = pane.fontFamily;
-    s.fontPointSize = pane.fontSize;
+    for (const Link &l : links())
+        l.put(s, PaneFields::find(QLatin1String(l.fieldId))->get(settings));
     // The document carries a flag here, not the colour: format marks are
     // coloured whenever a colour is set.
     s.formatDisplayColor = !pane.formatDisplayColor.isEmpty();
-    s.sendTextColor = pane.sendTextColor;
-    s.receiveTextColor = pane.receiveTextColor;
 
     s.autoReconnect = autoReconnect;
     s.restoreLastConnection = restoreLastConnection;
@@ -61,42 +97,12 @@ SessionState fromRecords(const ConnectionConfig &connection, const PaneOptions &
 
 void toRecords(const SessionState &s, ConnectionConfig &connection, PaneOptions &pane)
 {
-    connection.mode = connectionModeFromInt(s.connMode);
-    connection.portName = s.portName;
-    connection.baudRate = s.baudRate;
-    connection.dataBits = QSerialPort::DataBits(s.dataBits);
-    connection.stopBits = QSerialPort::StopBits(s.stopBits);
-    connection.parity = QSerialPort::Parity(s.parity);
-    connection.flowControl = QSerialPort::FlowControl(s.flowControl);
-    connection.targetHost = s.targetHost;
-    connection.recentTargetHosts = s.targetHosts;
-    connection.targetPort = s.targetPort;
-    connection.udpLocalPort = quint16(s.udpLocalPort);
-    connection.udpServerPort = quint16(s.udpServerPort);
-
-    pane.receiveFormat = MessageFormat(s.receiveMsgFormat);
-    pane.sendFormat = MessageFormat(s.sendMsgFormat);
-    pane.receiveEncoding = s.receiveEncoding;
-    pane.sendEncoding = s.sendEncoding;
-    pane.sendChecksum = s.sendChecksum;
-    pane.rxAutoFeedLine = s.rxAutoFeedLine;
-    pane.rxLineEnding = LineEnding(s.rxLineEndingMode);
-    pane.txAutoFeedLine = s.txAutoFeedLine;
-    pane.txLineEnding = LineEnding(s.txLineEndingMode);
-    pane.terminalEnterMode = LineEnding(s.terminalEnterMode);
-    pane.autoFeedInterval = s.autoFeedInterval;
-    pane.splitterLeft = s.splitterLeft;
-    pane.splitterRight = s.splitterRight;
-    pane.displaySendMsg = s.displaySendMsg;
-    pane.localEcho = s.localEcho;
-    pane.displayTime = s.displayMsgTime;
-    pane.rxTimeFormat = s.rxTimeFormat;
-    pane.txTimeFormat = s.txTimeFormat;
-    pane.displayBufferSize = s.displayBufferSize;
-    pane.fontFamily = s.fontFamily;
-    pane.fontSize = s.fontPointSize;
-    pane.sendTextColor = s.sendTextColor;
-    pane.receiveTextColor = s.receiveTextColor;
+    PaneSettings settings{connection, pane};
+    // A value the field refuses keeps what the record had.
+    for (const Link &l : links())
+        PaneFields::find(QLatin1String(l.fieldId))->set(settings, l.get(s));
+    connection = settings.connection;
+    pane = settings.options;
 }
 
 } // namespace SessionStateMapping

@@ -5,6 +5,9 @@
 #include "cloud/networkservices.h"
 #include "cloud/refreshtokenprotection.h"
 #include "cloud/sessionstate.h"
+#include "cloud/sessionstatemapping.h"
+#include "connection/connectionconfig.h"
+#include "terminal/paneoptions.h"
 #include "cloud/sessionsynccoordinator.h"
 #include "support/settingssandbox.h"
 
@@ -85,6 +88,7 @@ private slots:
 
     void documentCarriesSendHistoryOnlyWhenAsked();
     void mergeJoinsListsExactly();
+    void cloudValuesAreCheckedLikeStoredOnes();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -432,4 +436,39 @@ void TestCloudSession::mergeJoinsListsExactly()
 }
 
 QTEST_GUILESS_MAIN(TestCloudSession)
+// What the cloud sends goes into the records through the same range checks
+// as the settings store and project files; what is valid comes back as it
+// went out.
+void TestCloudSession::cloudValuesAreCheckedLikeStoredOnes()
+{
+    ConnectionConfig connection;
+    connection.baudRate = 57600;
+    connection.targetHost = QStringLiteral("10.0.0.9");
+    connection.recentTargetHosts = {QStringLiteral("10.0.0.9"), QStringLiteral("example.org")};
+    PaneOptions pane;
+    pane.displayBufferSize = 200000;
+    pane.receiveFormat = MessageFormat::Hex;
+    pane.fontFamily = QStringLiteral("Mono");
+    const SessionState sent = SessionStateMapping::fromRecords(connection, pane, false, true, 2, {}, false);
+    ConnectionConfig backConnection;
+    PaneOptions backPane;
+    SessionStateMapping::toRecords(sent, backConnection, backPane);
+    QCOMPARE(backConnection.baudRate, 57600);
+    QCOMPARE(backConnection.recentTargetHosts, connection.recentTargetHosts);
+    QCOMPARE(backPane.displayBufferSize, 200000);
+    QCOMPARE(backPane.receiveFormat, MessageFormat::Hex);
+    QCOMPARE(backPane.fontFamily, QStringLiteral("Mono"));
+
+    SessionState hostile = sent;
+    hostile.displayBufferSize = -5;   // would switch trimming off
+    hostile.baudRate = 0;
+    hostile.dataBits = 42;            // not a data bit count
+    hostile.targetHost = QString(70000, u'h');
+    SessionStateMapping::toRecords(hostile, backConnection, backPane);
+    QCOMPARE(backPane.displayBufferSize, 1000);
+    QCOMPARE(backConnection.baudRate, 1);
+    QCOMPARE(backConnection.dataBits, connection.dataBits);
+    QCOMPARE(backConnection.targetHost, QStringLiteral("10.0.0.9"));
+}
+
 #include "tst_cloudsession.moc"
