@@ -5,8 +5,6 @@
 #include "transfer/filetransferdialog.h"
 #include "transfer/portsessionxferport.h"
 
-#include <QSharedPointer>
-
 PaneTransfers::PaneTransfers(QObject *parent)
     : QObject(parent)
 {
@@ -31,9 +29,11 @@ FileTransferDialog *PaneTransfers::openDialog(SerialPortWidget *pane, FileTransf
         }
         open->close();
     }
-    // The adapter belongs to the pane and goes once neither the dialog nor
-    // a transfer it started needs it any more.
-    auto *port = new PortSessionXferPort(pane->session(), pane);
+    // One port adapter per pane, living as long as the pane: every
+    // transfer started there goes through it.
+    auto *port = pane->findChild<PortSessionXferPort *>(QString(), Qt::FindDirectChildrenOnly);
+    if (!port)
+        port = new PortSessionXferPort(pane->session(), pane);
     auto *dialog = new FileTransferDialog(direction, pane->connectionConfig(), port, pane);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     m_dialogs.insert(pane, dialog);
@@ -42,19 +42,10 @@ FileTransferDialog *PaneTransfers::openDialog(SerialPortWidget *pane, FileTransf
         if (m_dialogs.value(pane) == gone)
             m_dialogs.remove(pane);
     });
-    auto users = QSharedPointer<int>::create(1);
-    const auto release = [port, users] {
-        if (--*users == 0)
-            port->deleteLater();
-    };
-    connect(dialog, &QObject::destroyed, port, release);
-    connect(dialog, &FileTransferDialog::sessionStarted, this,
-            [this, pane, port, users, release](FileTransferSession *transfer) {
-                ++*users;
-                port->attach(transfer);
-                connect(transfer, &QObject::destroyed, port, release);
-                adopt(pane, transfer);
-            });
+    connect(dialog, &FileTransferDialog::sessionStarted, this, [this, pane, port](FileTransferSession *transfer) {
+        port->attach(transfer);
+        adopt(pane, transfer);
+    });
     dialog->show();
     dialog->raise();
     dialog->activateWindow();
