@@ -137,10 +137,10 @@ void CloudAccountMenu::showStatus(const QString &text, int timeoutMs)
     m_statusBar->showMessage(text, timeoutMs);
 }
 
-void CloudAccountMenu::showNotice(const QString &title, const QString &text, bool warning)
+void CloudAccountMenu::showNotice(const QString &title, const QString &text)
 {
     // Not exec(): a box that waits here would hold up the replies behind it.
-    auto *box = new QMessageBox(warning ? QMessageBox::Warning : QMessageBox::Information, title, text,
+    auto *box = new QMessageBox(QMessageBox::Warning, title, text,
                                 QMessageBox::Ok, m_window);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();

@@ -57,7 +57,7 @@ public:
 private:
     void updateState();
     void showStatus(const QString &text, int timeoutMs);
-    void showNotice(const QString &title, const QString &text, bool warning = true);
+    void showNotice(const QString &title, const QString &text);
     void askConflictChoice();
     void takeDevice(const QJsonObject &response);
     void connectSync();

@@ -58,6 +58,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -557,7 +558,10 @@ private:
                 return false;
             },
             10000);
-        return ready && listenIndex == (m_run.tcpOnly ? 16 : 8) && !m_goPorts.contains(0);
+        const auto listening = std::count_if(m_specs.cbegin(), m_specs.cend(), [](const PaneSpec &spec) {
+            return spec.peerKind == QLatin1String("listen");
+        });
+        return ready && listenIndex == listening && !m_goPorts.contains(0);
     }
 
     std::unique_ptr<MainWindow> measureStart(const QString &projectPath)
