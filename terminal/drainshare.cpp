@@ -26,9 +26,4 @@ qint64 limitMs(qint64 totalMs)
     return qMax<qint64>(1, totalMs / qMax<qsizetype>(1, waiting().size()));
 }
 
-int waitingPanes()
-{
-    return int(waiting().size());
-}
-
 } // namespace DrainShare

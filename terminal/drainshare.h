@@ -14,6 +14,5 @@ void setWaiting(const void *pane, bool waiting);
 // The part of `totalMs` one waiting pane may spend now; never below 1 ms,
 // so every pane moves on.
 qint64 limitMs(qint64 totalMs);
-int waitingPanes();
 
 } // namespace DrainShare
