@@ -274,7 +274,7 @@ bool XmodemCodec::countCan(char byte)
         return false;
     }
     if (++m_canCount >= 2)
-        fail(XmodemError::DeviceCancelled, tr("The device cancelled the transfer."), false);
+        failDeviceCancelled();
     return true;
 }
 
@@ -650,6 +650,12 @@ void XmodemCodec::acceptEot()
     emitBytes(QByteArray(1, ACK) + QByteArray(1, startChar()), kWaitMs);
 }
 
+void XmodemCodec::failDeviceCancelled()
+{
+    // The device said so itself: no cancel sequence goes back.
+    fail(XmodemError::DeviceCancelled, tr("The device cancelled the transfer."), false);
+}
+
 bool XmodemCodec::endsWithCancel(const QByteArray &bytes)
 {
     // Two or more CANs, optionally followed by the backspaces that erase
@@ -809,7 +815,7 @@ void XmodemCodec::receiveTimeout(qint64 nowMs)
             // A device that cancels in the middle of a block, or while a
             // damaged one is being dropped, sends its CANs where data was
             // expected; the silence after them tells them apart from data.
-            fail(XmodemError::DeviceCancelled, tr("The device cancelled the transfer."), false);
+            failDeviceCancelled();
         } else if (retryAllowed()) {
             m_purging = false;
             m_purgedTail.clear();

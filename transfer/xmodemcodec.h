@@ -197,6 +197,7 @@ private:
     void acceptEot();
     void startPurge();
     static bool endsWithCancel(const QByteArray &bytes);
+    void failDeviceCancelled();
     void badBlock();
     void receiveTimeout(qint64 nowMs);
 
