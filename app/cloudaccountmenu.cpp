@@ -120,6 +120,8 @@ void CloudAccountMenu::resumeSignIn()
 void CloudAccountMenu::updateState()
 {
     const bool signedIn = m_session->isSignedIn();
+    if (!signedIn)
+        m_cid.clear();
     m_actions.signIn->setEnabled(!signedIn);
     m_actions.myAccount->setEnabled(signedIn);
     m_actions.syncNow->setEnabled(signedIn && !m_sync->isBusy());
@@ -223,6 +225,13 @@ void CloudAccountMenu::takeDevice(const QJsonObject &response)
     // sync document says which computer wrote it.
     const QJsonObject device = response.value(QLatin1String("device")).toObject();
     const QString cid = device.value(QLatin1String("cid")).toString();
-    if (!cid.isEmpty())
+    if (!cid.isEmpty()) {
+        m_cid = cid;
         m_sync->setWriter(cid, QString::number(AccountSession::deviceValue()));
+        return;
+    }
+    // A renewed sign-in names no computer: ask the profile once.
+    const QString token = response.value(QLatin1String("access_token")).toString();
+    if (m_cid.isEmpty() && !token.isEmpty())
+        m_network->fetchAccountProfile(token);
 }

@@ -74,4 +74,6 @@ private:
     QPointer<AccountDialog> m_signInDialog;
     QPointer<MyAccountDialog> m_myAccountDialog;
     bool m_applying = false;
+    // This computer's identifier at the cloud, once a reply named it.
+    QString m_cid;
 };

@@ -95,7 +95,6 @@ void MyAccountDialog::refresh()
     m_server->setText(NetworkServices::baseUrl());
     m_status->setText(tr("Asking the server…"));
     const QString token = m_session->accessToken();
-    m_network->fetchAccountProfile(token);
     m_network->fetchAccountDevices(token);
     m_network->fetchCloudQuota(token);
 }

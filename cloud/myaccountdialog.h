@@ -19,7 +19,7 @@ class MyAccountDialog : public QDialog
 public:
     MyAccountDialog(NetworkServices *network, AccountSession *session, QWidget *parent = nullptr);
 
-    // Asks for the profile, the devices and the quota.
+    // Asks for the devices and the quota.
     void refresh();
 
     static QString quotaText(const QJsonObject &quota);
