@@ -4,8 +4,7 @@
 // stands where the connection controller will: it moves bytes between the
 // socket and the session and keeps the session's one timer.
 #include "connection/rfc2217clientsession.h"
-#include "support/ptypair.h"
-#include "support/ser2netserver.h"
+#include "support/serveddevice.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
@@ -172,39 +171,30 @@ class Rfc2217PeerTest : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_pty = std::make_unique<PtyPair>();
-        QVERIFY2(m_pty->start(), qPrintable(m_pty->errorText()));
-        m_far = std::make_unique<QSerialPort>();
-        m_far->setPortName(m_pty->pathA());
-        QVERIFY2(m_far->open(QIODevice::ReadWrite), qPrintable(m_far->errorString()));
-        m_ser2net = std::make_unique<Ser2netServer>();
+        m_device = std::make_unique<ServedDevice>();
+        QString error;
+        QVERIFY2(m_device->start(&error), qPrintable(error));
     }
-
-    void cleanup()
-    {
-        m_ser2net.reset();
-        m_far.reset();
-        m_pty.reset();
-    }
+    void cleanup() { m_device.reset(); }
 
     void everyByteBothWaysAndAgainAfterReconnecting()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         SessionDriver driver({}, false);
         const QByteArray data = everyByte(64);
         for (int connection = 1; connection <= 2; ++connection) {
-            driver.connectTo(m_ser2net->port());
+            driver.connectTo(m_device->ser2net.port());
             QTRY_COMPARE_WITH_TIMEOUT(driver.ofKind(SKind::ModeDecided).size(), connection, kWaitMs);
             QCOMPARE(driver.negotiation(), Negotiation::Rfc2217);
             QCOMPARE(driver.ofKind(SKind::ModeDecided).last().text, QStringLiteral("The remote port accepted serial parameter control."));
 
             driver.send(data);
             QByteArray atFar;
-            QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).size() >= data.size(), kWaitMs);
+            QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).size() >= data.size(), kWaitMs);
             QCOMPARE(atFar, data);
 
             driver.received.clear();
-            m_far->write(data);
+            m_device->far.write(data);
             QTRY_VERIFY_WITH_TIMEOUT(driver.received.size() >= data.size(), kWaitMs);
             QCOMPARE(driver.received, data);
 
@@ -214,11 +204,11 @@ private Q_SLOTS:
 
     void parametersReachTheFarPort()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         const Session::SerialParameters first{19200, QSerialPort::Data7, QSerialPort::OddParity, QSerialPort::TwoStop,
                                               QSerialPort::NoFlowControl};
         SessionDriver driver(first, false);
-        driver.connectTo(m_ser2net->port());
+        driver.connectTo(m_device->ser2net.port());
         QTRY_VERIFY_WITH_TIMEOUT(driver.heard(SKind::RemoteBaudRate, 19200), kWaitMs);
         QTRY_VERIFY_WITH_TIMEOUT(driver.heard(SKind::RemoteStopBits, QSerialPort::TwoStop), kWaitMs);
         QVERIFY(driver.heard(SKind::RemoteDataBits, QSerialPort::Data7));
@@ -229,7 +219,7 @@ private Q_SLOTS:
         // The pty keeps speed, stop bits and the odd-parity flag; this kernel
         // pins a pty to 8 bits without a parity bit, so for those the
         // remote's confirmation above is the proof.
-        QStringList line = sttyWords(m_pty->pathB());
+        QStringList line = sttyWords(m_device->pty.pathB());
         QVERIFY2(line.join(u' ').contains(QStringLiteral("speed 19200 baud")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("cstopb")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("parodd")), qPrintable(line.join(u' ')));
@@ -243,7 +233,7 @@ private Q_SLOTS:
         QCOMPARE(sent.left(4), QByteArray::fromHex("fffa2c01"));
         QTRY_VERIFY_WITH_TIMEOUT(driver.heard(SKind::RemoteStopBits, QSerialPort::OneStop), kWaitMs);
         QVERIFY(driver.heard(SKind::RemoteBaudRate, 57600));
-        line = sttyWords(m_pty->pathB());
+        line = sttyWords(m_device->pty.pathB());
         QVERIFY2(line.join(u' ').contains(QStringLiteral("speed 57600 baud")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("-cstopb")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("-parodd")), qPrintable(line.join(u' ')));
@@ -252,11 +242,11 @@ private Q_SLOTS:
 
     void remoteConfigurationIsReported()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         SessionDriver driver(Session::SerialParameters{300, QSerialPort::Data5, QSerialPort::EvenParity,
                                                        QSerialPort::TwoStop, QSerialPort::HardwareControl},
                              true);
-        driver.connectTo(m_ser2net->port());
+        driver.connectTo(m_device->ser2net.port());
         QTRY_VERIFY_WITH_TIMEOUT(driver.heard(SKind::RemoteFlowControl, QSerialPort::NoFlowControl), kWaitMs);
         QVERIFY(driver.heard(SKind::RemoteBaudRate, 115200));
         QCOMPARE(driver.ofKind(SKind::RemoteBaudRate).first().text, QStringLiteral("The remote port is now at 115200 baud."));
@@ -264,14 +254,14 @@ private Q_SLOTS:
         QVERIFY(driver.heard(SKind::RemoteParity, QSerialPort::NoParity));
         QVERIFY(driver.heard(SKind::RemoteStopBits, QSerialPort::OneStop));
         // The pane's own values never went out.
-        QVERIFY(sttyWords(m_pty->pathB()).join(u' ').contains(QStringLiteral("speed 115200 baud")));
+        QVERIFY(sttyWords(m_device->pty.pathB()).join(u' ').contains(QStringLiteral("speed 115200 baud")));
     }
 
     void breakAndControlLinesDoNotWait()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         SessionDriver driver({}, false);
-        driver.connectTo(m_ser2net->port());
+        driver.connectTo(m_device->ser2net.port());
         QTRY_COMPARE_WITH_TIMEOUT(driver.negotiation(), Negotiation::Rfc2217, kWaitMs);
 
         QCOMPARE(driver.setBreak(true), QByteArray::fromHex("fffa2c0505fff0"));
@@ -286,16 +276,16 @@ private Q_SLOTS:
         QVERIFY(!driver.setRts(true).isEmpty());
         driver.send("after the lines");
         QByteArray atFar;
-        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).endsWith("after the lines"), kWaitMs);
-        m_far->write("and back");
+        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).endsWith("after the lines"), kWaitMs);
+        m_device->far.write("and back");
         QTRY_VERIFY_WITH_TIMEOUT(driver.received.endsWith("and back"), kWaitMs);
     }
 
     void plainTelnetServer()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Telnet), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Telnet), qPrintable(m_device->ser2net.errorText()));
         SessionDriver driver({}, false);
-        driver.connectTo(m_ser2net->port());
+        driver.connectTo(m_device->ser2net.port());
         QTRY_COMPARE_WITH_TIMEOUT(driver.ofKind(SKind::ModeDecided).size(), 1, kWaitMs);
         QCOMPARE(driver.negotiation(), Negotiation::PlainTelnet);
         QCOMPARE(driver.ofKind(SKind::ModeDecided).last().text,
@@ -306,9 +296,9 @@ private Q_SLOTS:
         const QByteArray data = everyByte(8);
         driver.send(data);
         QByteArray atFar;
-        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).size() >= data.size(), kWaitMs);
+        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).size() >= data.size(), kWaitMs);
         QCOMPARE(atFar, data);
-        m_far->write(data);
+        m_device->far.write(data);
         QTRY_VERIFY_WITH_TIMEOUT(driver.received.size() >= data.size(), kWaitMs);
         QCOMPARE(driver.received, data);
     }
@@ -344,9 +334,7 @@ private Q_SLOTS:
     }
 
 private:
-    std::unique_ptr<PtyPair> m_pty;
-    std::unique_ptr<QSerialPort> m_far;
-    std::unique_ptr<Ser2netServer> m_ser2net;
+    std::unique_ptr<ServedDevice> m_device;
 };
 
 QTEST_GUILESS_MAIN(Rfc2217PeerTest)

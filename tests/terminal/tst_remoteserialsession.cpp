@@ -2,8 +2,7 @@
 // of a socat pty pair whose other end the test holds, and a plain TCP echo
 // server standing in for a device that speaks no Telnet.
 #include "connection/connectioncontroller.h"
-#include "support/ptypair.h"
-#include "support/ser2netserver.h"
+#include "support/serveddevice.h"
 #include "terminal/portsession.h"
 
 #include <QProcess>
@@ -83,25 +82,17 @@ class RemoteSerialSessionTest : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_pty = std::make_unique<PtyPair>();
-        QVERIFY2(m_pty->start(), qPrintable(m_pty->errorText()));
-        m_far = std::make_unique<QSerialPort>();
-        m_far->setPortName(m_pty->pathA());
-        QVERIFY2(m_far->open(QIODevice::ReadWrite), qPrintable(m_far->errorString()));
-        m_ser2net = std::make_unique<Ser2netServer>();
+        m_device = std::make_unique<ServedDevice>();
+        QString error;
+        QVERIFY2(m_device->start(&error), qPrintable(error));
     }
-    void cleanup()
-    {
-        m_ser2net.reset();
-        m_far.reset();
-        m_pty.reset();
-    }
+    void cleanup() { m_device.reset(); }
 
     void everyByteBothWaysAndBreak()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         PortSession session(1);
-        session.applySettings(config(m_ser2net->port()), PaneOptions(), {});
+        session.applySettings(config(m_device->ser2net.port()), PaneOptions(), {});
         Recorder rx(session);
         QSignalSpy status(&session, &PortSession::statusMessage);
         QVERIFY(session.openConnection());
@@ -112,9 +103,9 @@ private Q_SLOTS:
         QVERIFY(count(status, kAccepted) == 1);
 
         QByteArray atFar;
-        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).size() >= data.size(), kWait);
+        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).size() >= data.size(), kWait);
         QCOMPARE(atFar, data);
-        m_far->write(data);
+        m_device->far.write(data);
         QTRY_VERIFY_WITH_TIMEOUT(rx.bytes.size() >= data.size(), kWait);
         QCOMPARE(rx.bytes, data);
         QCOMPARE(session.rxCount(), quint64(data.size()));
@@ -127,7 +118,7 @@ private Q_SLOTS:
         session.setControlLine(true, false);
         session.setControlLine(false, false);
         QVERIFY(session.sendBytes("after the lines"));
-        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).endsWith("after the lines"), kWait);
+        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).endsWith("after the lines"), kWait);
     }
 
     void parameterChangeReachesThePty_data()
@@ -151,9 +142,9 @@ private Q_SLOTS:
         QFETCH(int, stopBits);
         QFETCH(int, parity);
         QFETCH(QStringList, words);
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         PortSession session(2);
-        session.applySettings(config(m_ser2net->port()), PaneOptions(), {});
+        session.applySettings(config(m_device->ser2net.port()), PaneOptions(), {});
         Recorder rx(session);
         QVERIFY(session.openConnection());
         QTRY_VERIFY_WITH_TIMEOUT(rx.notes.contains(kAccepted), kWait);
@@ -169,7 +160,7 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(rx.notes.contains(QString("The remote port is now at %1 baud.").arg(baudRate)), kWait);
         QString line;
         QTRY_VERIFY2_WITH_TIMEOUT([&] {
-            line = sttyLine(m_pty->pathB());
+            line = sttyLine(m_device->pty.pathB());
             for (const QString &word : words)
                 if (!hasWord(line, word))
                     return false;
@@ -179,9 +170,9 @@ private Q_SLOTS:
 
     void remoteSettingsAreAdopted()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         PortSession session(3);
-        ConnectionConfig mine = config(m_ser2net->port());
+        ConnectionConfig mine = config(m_device->ser2net.port());
         mine.useRemoteSerialConfig = true;
         mine.baudRate = 300;
         mine.dataBits = QSerialPort::Data5;
@@ -201,14 +192,14 @@ private Q_SLOTS:
         QVERIFY(!changed.isEmpty() && !saved.isEmpty());
         QVERIFY(rx.notes.contains("The remote port is now at 115200 baud."));
         // Nothing of ours went out: the pty kept ser2net's own speed.
-        QVERIFY(sttyLine(m_pty->pathB()).contains("speed 115200 baud"));
+        QVERIFY(sttyLine(m_device->pty.pathB()).contains("speed 115200 baud"));
 
         // Editing while the remote keeps its own settings sends nothing.
         ConnectionConfig edited = session.config();
         edited.baudRate = 9600;
         QVERIFY(session.setSerialParameters(edited));
         QTest::qWait(300);
-        QVERIFY(sttyLine(m_pty->pathB()).contains("speed 115200 baud"));
+        QVERIFY(sttyLine(m_device->pty.pathB()).contains("speed 115200 baud"));
     }
 
     void plainTcpEchoServerIsTransparent()
@@ -245,8 +236,8 @@ private Q_SLOTS:
 
     void reconnectNegotiatesAfreshAndKeepsEveryByte()
     {
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_ser2net->errorText()));
-        const quint16 port = m_ser2net->port();
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
+        const quint16 port = m_device->ser2net.port();
         qint64 now = 0;
         PortSession session(5);
         session.setClock([&now] { return now; });
@@ -257,21 +248,21 @@ private Q_SLOTS:
 
         // The far port is talking when the remote goes away.
         const QByteArray first = everyByte(256);
-        m_far->write(first);
+        m_device->far.write(first);
         QTRY_VERIFY_WITH_TIMEOUT(!rx.bytes.isEmpty(), kWait);
-        m_ser2net->stop();
+        m_device->ser2net.stop();
         QTRY_VERIFY_WITH_TIMEOUT(session.isReconnecting(), kWait);
         QVERIFY(session.isStarted());
-        QVERIFY(m_far->waitForBytesWritten(kWait) || m_far->bytesToWrite() == 0);
+        QVERIFY(m_device->far.waitForBytesWritten(kWait) || m_device->far.bytesToWrite() == 0);
         // What the far port said into the void is not replayed later.
         {
             QSerialPort serverSide;
-            serverSide.setPortName(m_pty->pathB());
+            serverSide.setPortName(m_device->pty.pathB());
             QVERIFY2(serverSide.open(QIODevice::ReadWrite), qPrintable(serverSide.errorString()));
             serverSide.clear();
         }
-        QVERIFY2(m_ser2net->start(m_pty->pathB(), Ser2netServer::Protocol::Rfc2217, port),
-                 qPrintable(m_ser2net->errorText()));
+        QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217, port),
+                 qPrintable(m_device->ser2net.errorText()));
 
         now += ReconnectPolicy::kIntervalMs;
         session.onReconnectTick();
@@ -282,12 +273,12 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(!session.isReconnecting(), kWait);
 
         QByteArray atFar;
-        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).size() >= outgoing.size(), kWait);
+        QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).size() >= outgoing.size(), kWait);
         QCOMPARE(atFar, outgoing);
 
         const int second = rx.notes.lastIndexOf(kAccepted);
         const QByteArray after = everyByte(64);
-        m_far->write(after);
+        m_device->far.write(after);
         QTRY_VERIFY_WITH_TIMEOUT(rx.afterNote(second).size() >= after.size(), kWait);
         QTest::qWait(100);
         QCOMPARE(rx.afterNote(second), after);
@@ -304,9 +295,7 @@ private:
         return c;
     }
 
-    std::unique_ptr<PtyPair> m_pty;
-    std::unique_ptr<QSerialPort> m_far;
-    std::unique_ptr<Ser2netServer> m_ser2net;
+    std::unique_ptr<ServedDevice> m_device;
 };
 
 QTEST_GUILESS_MAIN(RemoteSerialSessionTest)
