@@ -29,6 +29,7 @@
 // time, to line them up with `perf record -k mono` samples.
 
 #include "support/benchsupport.h"
+#include "support/loopback.h"
 #include "app/mainwindow.h"
 #include "app/projectfile.h"
 #include "common/appidentity.h"
@@ -71,6 +72,8 @@
 
 namespace {
 
+using BenchSupport::boundPort;
+using BenchSupport::loopbackSocket;
 using BenchSupport::procStatusKiB;
 using BenchSupport::waitUntil;
 
@@ -142,32 +145,6 @@ struct PeerStream
     qint64 offset = 0;  // into text
     StreamSum sum;
 };
-
-int loopbackSocket(int type, quint16 port, bool listen)
-{
-    const int fd = ::socket(AF_INET, type, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    if (fd < 0)
-        return -1;
-    const int rc = listen ? ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address)
-                          : ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    if (rc != 0 || (listen && ::listen(fd, 1) != 0)) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-quint16 boundPort(int fd)
-{
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    return ntohs(address.sin_port);
-}
 
 // Writes what the stream owes by now, without blocking: what the kernel
 // does not take is owed until the next round.

@@ -9,6 +9,7 @@
 
 #include "common/appidentity.h"
 #include "support/benchsupport.h"
+#include "support/loopback.h"
 #include "connection/connectioncontroller.h"
 #include "terminal/receiveingest.h"
 #include "terminal/receiveview.h"
@@ -47,17 +48,12 @@ void report(const QString &name, double value, const char *unit)
 // bytes to the first client with blocking writes.
 int runSender(bool text, qint64 total)
 {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr *>(&address), length) != 0
-        || ::listen(listener, 1) != 0 || ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+    const int listener = BenchSupport::loopbackSocket(SOCK_STREAM, 0, true);
+    if (listener < 0) {
         std::perror("sender");
         return 1;
     }
-    std::printf("%d\n", ntohs(address.sin_port));
+    std::printf("%d\n", BenchSupport::boundPort(listener));
     std::fflush(stdout);
     const int client = ::accept(listener, nullptr, nullptr);
     if (client < 0)

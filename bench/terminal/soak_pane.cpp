@@ -13,6 +13,7 @@
 //
 // The same executable plays the far side when started with --peer.
 #include "support/benchsupport.h"
+#include "support/loopback.h"
 #include "common/appidentity.h"
 #include "connection/connectioncontroller.h"
 #include "terminal/portsession.h"
@@ -46,6 +47,8 @@
 
 namespace {
 
+using BenchSupport::boundPort;
+using BenchSupport::loopbackSocket;
 using BenchSupport::procStatusKiB;
 using BenchSupport::runUntil;
 
@@ -171,12 +174,8 @@ int peerChurn(quint16 port, int seconds, int rate, int workers)
         const qint64 gapNs = 1000000000LL * workers / qMax(rate, 1);
         while (clock.elapsed() < seconds * 1000) {
             const qint64 startedNs = clock.nsecsElapsed();
-            const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-            sockaddr_in address{};
-            address.sin_family = AF_INET;
-            address.sin_port = htons(port);
-            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            if (::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+            const int fd = loopbackSocket(SOCK_STREAM, port, false);
+            if (fd < 0) {
                 ++refused;
             } else {
                 ++connects;
@@ -185,8 +184,8 @@ int peerChurn(quint16 port, int seconds, int rate, int workers)
                 if (n > 0)
                     sent += n;
                 ::shutdown(fd, SHUT_WR);
+                ::close(fd);
             }
-            ::close(fd);
             const qint64 left = gapNs - (clock.nsecsElapsed() - startedNs);
             if (left > 0)
                 ::usleep(useconds_t(left / 1000));
@@ -211,10 +210,7 @@ int peerUdpFlood(quint16 port, int seconds, int rate, int sources)
         if (fd >= 0)
             sockets.append(fd);
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in address = BenchSupport::loopbackAddress(port);
     const QByteArray block = asciiPayload(8 * 1024);
     qint64 datagrams = 0, bytes = 0;
     QElapsedTimer clock;
@@ -222,7 +218,7 @@ int peerUdpFlood(quint16 port, int seconds, int rate, int sources)
     while (clock.elapsed() < seconds * 1000 && !sockets.isEmpty()) {
         const int fd = sockets.at(int(datagrams % sockets.size()));
         const int size = 1 + QRandomGenerator::global()->bounded(block.size());
-        if (::sendto(fd, block.constData(), size_t(size), 0, reinterpret_cast<sockaddr *>(&address), sizeof address) > 0) {
+        if (::sendto(fd, block.constData(), size_t(size), 0, reinterpret_cast<const sockaddr *>(&address), sizeof address) > 0) {
             ++datagrams;
             bytes += size;
         }
@@ -238,15 +234,8 @@ int peerUdpFlood(quint16 port, int seconds, int rate, int sources)
 // Accepts clients and never reads from them.
 int peerSink()
 {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(listener, reinterpret_cast<sockaddr *>(&address), length);
-    ::listen(listener, 4);
-    ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-    std::printf("%d\n", ntohs(address.sin_port));
+    const int listener = loopbackSocket(SOCK_STREAM, 0, true, 4);
+    std::printf("%d\n", boundPort(listener));
     std::fflush(stdout);
     QList<int> clients;
     for (;;) {
@@ -262,15 +251,8 @@ int peerSource(const QString &target, const QString &kind, qint64 limitBytes, in
 {
     int fd = -1;
     if (target == QLatin1String("tcp")) {
-        const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(listener, reinterpret_cast<sockaddr *>(&address), length);
-        ::listen(listener, 1);
-        ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-        std::printf("%d\n", ntohs(address.sin_port));
+        const int listener = loopbackSocket(SOCK_STREAM, 0, true);
+        std::printf("%d\n", boundPort(listener));
         std::fflush(stdout);
         fd = ::accept(listener, nullptr, nullptr);
     } else {
