@@ -26,29 +26,10 @@ constexpr int kWaitMs = 5000;
 
 const QByteArray kOffer = QByteArray::fromHex("fffb2c fffb00 fffd00 fffb03 fffd03");
 
-QByteArray everyByte(int rounds)
+// The far port's line settings word by word ("speed", "19200", "cstopb", ...).
+QStringList sttyWords(const ServedDevice &device)
 {
-    QByteArray out;
-    out.reserve(256 * rounds);
-    for (int r = 0; r < rounds; ++r)
-        for (int i = 0; i < 256; ++i)
-            out.append(char(i));
-    return out;
-}
-
-// The far port's line settings as the kernel holds them, word by word
-// ("speed", "19200", "cstopb", "-parodd", ...).
-QStringList sttyWords(const QString &path)
-{
-    QProcess stty;
-    stty.start(QStringLiteral("stty"), {QStringLiteral("-F"), path, QStringLiteral("-a")});
-    if (!stty.waitForFinished(3000)) {
-        stty.kill();
-        stty.waitForFinished(1000);
-        return {};
-    }
-    return QString::fromLocal8Bit(stty.readAllStandardOutput()).split(QRegularExpression(QStringLiteral("[\\s;]+")),
-                                                                       Qt::SkipEmptyParts);
+    return device.servedLineSettings().split(QRegularExpression(QStringLiteral("[\\s;]+")), Qt::SkipEmptyParts);
 }
 
 // A TCP server of our own that records what it receives and, if asked,
@@ -181,7 +162,7 @@ private Q_SLOTS:
     {
         QVERIFY2(m_device->ser2net.start(m_device->pty.pathB(), Ser2netServer::Protocol::Rfc2217), qPrintable(m_device->ser2net.errorText()));
         SessionDriver driver({}, false);
-        const QByteArray data = everyByte(64);
+        const QByteArray data = ServedDevice::everyByte(64);
         for (int connection = 1; connection <= 2; ++connection) {
             driver.connectTo(m_device->ser2net.port());
             QTRY_COMPARE_WITH_TIMEOUT(driver.ofKind(SKind::ModeDecided).size(), connection, kWaitMs);
@@ -219,7 +200,7 @@ private Q_SLOTS:
         // The pty keeps speed, stop bits and the odd-parity flag; this kernel
         // pins a pty to 8 bits without a parity bit, so for those the
         // remote's confirmation above is the proof.
-        QStringList line = sttyWords(m_device->pty.pathB());
+        QStringList line = sttyWords(*m_device);
         QVERIFY2(line.join(u' ').contains(QStringLiteral("speed 19200 baud")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("cstopb")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("parodd")), qPrintable(line.join(u' ')));
@@ -233,7 +214,7 @@ private Q_SLOTS:
         QCOMPARE(sent.left(4), QByteArray::fromHex("fffa2c01"));
         QTRY_VERIFY_WITH_TIMEOUT(driver.heard(SKind::RemoteStopBits, QSerialPort::OneStop), kWaitMs);
         QVERIFY(driver.heard(SKind::RemoteBaudRate, 57600));
-        line = sttyWords(m_device->pty.pathB());
+        line = sttyWords(*m_device);
         QVERIFY2(line.join(u' ').contains(QStringLiteral("speed 57600 baud")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("-cstopb")), qPrintable(line.join(u' ')));
         QVERIFY2(line.contains(QStringLiteral("-parodd")), qPrintable(line.join(u' ')));
@@ -254,7 +235,7 @@ private Q_SLOTS:
         QVERIFY(driver.heard(SKind::RemoteParity, QSerialPort::NoParity));
         QVERIFY(driver.heard(SKind::RemoteStopBits, QSerialPort::OneStop));
         // The pane's own values never went out.
-        QVERIFY(sttyWords(m_device->pty.pathB()).join(u' ').contains(QStringLiteral("speed 115200 baud")));
+        QVERIFY(sttyWords(*m_device).join(u' ').contains(QStringLiteral("speed 115200 baud")));
     }
 
     void breakAndControlLinesDoNotWait()
@@ -293,7 +274,7 @@ private Q_SLOTS:
         QVERIFY(driver.setSerialParameters({57600}).isEmpty());
         QVERIFY(driver.setDtr(false).isEmpty());
 
-        const QByteArray data = everyByte(8);
+        const QByteArray data = ServedDevice::everyByte(8);
         driver.send(data);
         QByteArray atFar;
         QTRY_VERIFY_WITH_TIMEOUT((atFar += m_device->far.readAll()).size() >= data.size(), kWaitMs);

@@ -14,6 +14,11 @@ struct ServedDevice
 {
     // Makes the line and opens the device's end; on failure `error` says why.
     bool start(QString *error);
+    // The served end's line settings as the kernel holds them ("stty -a",
+    // white space folded: "speed 19200 baud; ..."); empty when stty fails.
+    QString servedLineSettings() const;
+    // Every byte value in order, `rounds` times.
+    static QByteArray everyByte(int rounds);
 
     PtyPair pty;
     QSerialPort far;

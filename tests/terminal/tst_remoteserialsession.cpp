@@ -21,27 +21,6 @@ const QString kTransparent = QStringLiteral("The remote is not an RFC 2217 serve
                                             "The handshake bytes may have reached the remote serial line.");
 const QByteArray kOffer = QByteArray::fromHex("fffb2c fffb00 fffd00 fffb03 fffd03");
 
-QByteArray everyByte(int rounds)
-{
-    QByteArray out;
-    for (int r = 0; r < rounds; ++r)
-        for (int i = 0; i < 256; ++i)
-            out.append(char(i));
-    return out;
-}
-
-QString sttyLine(const QString &path)
-{
-    QProcess stty;
-    stty.start(QStringLiteral("stty"), {QStringLiteral("-F"), path, QStringLiteral("-a")});
-    if (!stty.waitForFinished(3000)) {
-        stty.kill();
-        stty.waitForFinished(1000);
-        return {};
-    }
-    return QString::fromLocal8Bit(stty.readAllStandardOutput()).simplified();
-}
-
 bool hasWord(const QString &line, const QString &word)
 {
     return line.split(QRegularExpression(QStringLiteral("[\\s;]+")), Qt::SkipEmptyParts).contains(word);
@@ -97,7 +76,7 @@ private Q_SLOTS:
         QSignalSpy status(&session, &PortSession::statusMessage);
         QVERIFY(session.openConnection());
         // Sent before the connection is up: waits, goes out after the offer.
-        const QByteArray data = everyByte(32);
+        const QByteArray data = ServedDevice::everyByte(32);
         QVERIFY(session.sendBytes(data));
         QTRY_VERIFY_WITH_TIMEOUT(rx.notes.contains(kAccepted), kWait);
         QVERIFY(count(status, kAccepted) == 1);
@@ -160,7 +139,7 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(rx.notes.contains(QString("The remote port is now at %1 baud.").arg(baudRate)), kWait);
         QString line;
         QTRY_VERIFY2_WITH_TIMEOUT([&] {
-            line = sttyLine(m_device->pty.pathB());
+            line = m_device->servedLineSettings();
             for (const QString &word : words)
                 if (!hasWord(line, word))
                     return false;
@@ -192,14 +171,14 @@ private Q_SLOTS:
         QVERIFY(!changed.isEmpty() && !saved.isEmpty());
         QVERIFY(rx.notes.contains("The remote port is now at 115200 baud."));
         // Nothing of ours went out: the pty kept ser2net's own speed.
-        QVERIFY(sttyLine(m_device->pty.pathB()).contains("speed 115200 baud"));
+        QVERIFY(m_device->servedLineSettings().contains("speed 115200 baud"));
 
         // Editing while the remote keeps its own settings sends nothing.
         ConnectionConfig edited = session.config();
         edited.baudRate = 9600;
         QVERIFY(session.setSerialParameters(edited));
         QTest::qWait(300);
-        QVERIFY(sttyLine(m_device->pty.pathB()).contains("speed 115200 baud"));
+        QVERIFY(m_device->servedLineSettings().contains("speed 115200 baud"));
     }
 
     void plainTcpEchoServerIsTransparent()
@@ -247,7 +226,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(rx.notes.contains(kAccepted), kWait);
 
         // The far port is talking when the remote goes away.
-        const QByteArray first = everyByte(256);
+        const QByteArray first = ServedDevice::everyByte(256);
         m_device->far.write(first);
         QTRY_VERIFY_WITH_TIMEOUT(!rx.bytes.isEmpty(), kWait);
         m_device->ser2net.stop();
@@ -267,7 +246,7 @@ private Q_SLOTS:
         now += ReconnectPolicy::kIntervalMs;
         session.onReconnectTick();
         // Sent while the new connection is still coming up.
-        const QByteArray outgoing = everyByte(4);
+        const QByteArray outgoing = ServedDevice::everyByte(4);
         QVERIFY(session.sendBytes(outgoing));
         QTRY_COMPARE_WITH_TIMEOUT(rx.notes.count(kAccepted), 2, kWait);
         QTRY_VERIFY_WITH_TIMEOUT(!session.isReconnecting(), kWait);
@@ -277,7 +256,7 @@ private Q_SLOTS:
         QCOMPARE(atFar, outgoing);
 
         const int second = rx.notes.lastIndexOf(kAccepted);
-        const QByteArray after = everyByte(64);
+        const QByteArray after = ServedDevice::everyByte(64);
         m_device->far.write(after);
         QTRY_VERIFY_WITH_TIMEOUT(rx.afterNote(second).size() >= after.size(), kWait);
         QTest::qWait(100);
