@@ -111,16 +111,8 @@ ApiReply AccountService::requestCode(const QJsonObject &body, const QString &rem
     if (!ok || !m_storage.recordFailure(addressBucket, now, m_policy.attemptWindowMs))
         return internalError(kType);
 
-    UserRow user;
-    switch (m_storage.userByEmail(email, user)) {
-    case Storage::Found::Error:
-        return internalError(kType);
-    case Storage::Found::Yes:
-        return ApiReply::failure(kType, Http::Conflict, QStringLiteral("email_taken"),
-                                 QStringLiteral("An account with this e-mail address already exists."));
-    case Storage::Found::No:
-        break;
-    }
+    if (const std::optional<ApiReply> taken = refuseTakenEmail(email))
+        return *taken;
     CodeRow existing;
     const Storage::Found found = m_storage.codeFor(email, existing);
     if (found == Storage::Found::Error)
@@ -167,16 +159,8 @@ ApiReply AccountService::registerAccount(const QJsonObject &body, const QString 
         username = email.section(u'@', 0, 0).left(kMaxName);
 
     const qint64 now = m_clock();
-    UserRow user;
-    switch (m_storage.userByEmail(email, user)) {
-    case Storage::Found::Error:
-        return internalError(kType);
-    case Storage::Found::Yes:
-        return ApiReply::failure(kType, Http::Conflict, QStringLiteral("email_taken"),
-                                 QStringLiteral("An account with this e-mail address already exists."));
-    case Storage::Found::No:
-        break;
-    }
+    if (const std::optional<ApiReply> taken = refuseTakenEmail(email))
+        return *taken;
     CodeRow stored;
     switch (m_storage.codeFor(email, stored)) {
     case Storage::Found::Error:
@@ -200,8 +184,8 @@ ApiReply AccountService::registerAccount(const QJsonObject &body, const QString 
                           {{QStringLiteral("tries_left"), left}});
     }
 
-    user = UserRow{0, email, username, m_hasher.hash(password),
-                   m_policy.approvalMode ? QStringLiteral("pending") : QStringLiteral("active"), now};
+    UserRow user{0, email, username, m_hasher.hash(password),
+                 m_policy.approvalMode ? QStringLiteral("pending") : QStringLiteral("active"), now};
     if (!m_storage.begin())
         return internalError(kType);
     if (!m_storage.insertUser(user) || !m_storage.deleteCode(email) || !m_storage.commit()) {
@@ -213,6 +197,21 @@ ApiReply AccountService::registerAccount(const QJsonObject &body, const QString 
     if (m_policy.approvalMode)
         return pendingReview();
     return issueSession(user, deviceName, clientVersion);
+}
+
+std::optional<ApiReply> AccountService::refuseTakenEmail(const QString &email)
+{
+    UserRow user;
+    switch (m_storage.userByEmail(email, user)) {
+    case Storage::Found::Error:
+        return internalError(kType);
+    case Storage::Found::Yes:
+        return ApiReply::failure(kType, Http::Conflict, QStringLiteral("email_taken"),
+                                 QStringLiteral("An account with this e-mail address already exists."));
+    case Storage::Found::No:
+        break;
+    }
+    return std::nullopt;
 }
 
 // --- sign-in and tokens ---------------------------------------------------------

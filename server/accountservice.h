@@ -7,6 +7,7 @@
 #include <QList>
 #include <QString>
 
+#include <optional>
 #include <variant>
 
 class CodeMailer;
@@ -80,6 +81,9 @@ private:
     bool findOrBindDevice(qint64 userId, const QString &name, const QString &clientVersion, qint64 now,
                           DeviceRow &device, bool &limitHit);
     ApiReply signInEnded(const QString &code);
+    // The refusal when `email` already has an account (or cannot be looked
+    // up); nothing when it is free.
+    std::optional<ApiReply> refuseTakenEmail(const QString &email);
 
     Storage &m_storage;
     const PasswordHasher &m_hasher;
