@@ -10,15 +10,25 @@ void JsonFields::fail(const QString &code, const QString &description)
         m_failure = ApiReply::failure(m_type, Http::BadRequest, code, description);
 }
 
-QString JsonFields::string(const char *name, int maxLength, bool required)
+std::optional<QJsonValue> JsonFields::member(const char *name, bool required)
 {
     const QString key = QString::fromLatin1(name);
     const QJsonValue value = m_object.value(key);
     if (value.isUndefined() || value.isNull()) {
         if (required)
             fail(QStringLiteral("missing_field"), QStringLiteral("The request lacks \"%1\".").arg(key));
-        return {};
+        return std::nullopt;
     }
+    return value;
+}
+
+QString JsonFields::string(const char *name, int maxLength, bool required)
+{
+    const std::optional<QJsonValue> found = member(name, required);
+    if (!found)
+        return {};
+    const QJsonValue &value = *found;
+    const QString key = QString::fromLatin1(name);
     if (!value.isString()) {
         fail(QStringLiteral("invalid_field"), QStringLiteral("\"%1\" must be a string.").arg(key));
         return {};
@@ -34,13 +44,11 @@ QString JsonFields::string(const char *name, int maxLength, bool required)
 
 qint64 JsonFields::integer(const char *name, bool required, qint64 fallback)
 {
-    const QString key = QString::fromLatin1(name);
-    const QJsonValue value = m_object.value(key);
-    if (value.isUndefined() || value.isNull()) {
-        if (required)
-            fail(QStringLiteral("missing_field"), QStringLiteral("The request lacks \"%1\".").arg(key));
+    const std::optional<QJsonValue> found = member(name, required);
+    if (!found)
         return fallback;
-    }
+    const QJsonValue &value = *found;
+    const QString key = QString::fromLatin1(name);
     const double number = value.toDouble(std::nan(""));
     // Whole numbers only, and only those a double holds exactly.
     if (!value.isDouble() || std::trunc(number) != number || std::fabs(number) > 9007199254740991.0) {
@@ -52,13 +60,11 @@ qint64 JsonFields::integer(const char *name, bool required, qint64 fallback)
 
 QJsonObject JsonFields::object(const char *name, bool required)
 {
-    const QString key = QString::fromLatin1(name);
-    const QJsonValue value = m_object.value(key);
-    if (value.isUndefined() || value.isNull()) {
-        if (required)
-            fail(QStringLiteral("missing_field"), QStringLiteral("The request lacks \"%1\".").arg(key));
+    const std::optional<QJsonValue> found = member(name, required);
+    if (!found)
         return {};
-    }
+    const QJsonValue &value = *found;
+    const QString key = QString::fromLatin1(name);
     if (!value.isObject()) {
         fail(QStringLiteral("invalid_field"), QStringLiteral("\"%1\" must be an object.").arg(key));
         return {};

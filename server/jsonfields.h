@@ -3,6 +3,7 @@
 #include "apireply.h"
 
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QString>
 
 #include <optional>
@@ -25,6 +26,9 @@ public:
 
 private:
     void fail(const QString &code, const QString &description);
+    // The member `name`, or nothing when it is absent or null (a failure
+    // when it is required).
+    std::optional<QJsonValue> member(const char *name, bool required);
 
     QJsonObject m_object;
     QString m_type;
