@@ -79,7 +79,7 @@ int main(int argc, char *argv[])
     report("console_tap_pane_unwatched", nsPerByte(pane.session(), data), "ns/byte");
 
     qint64 chars = 0;
-    const auto watcher = QObject::connect(&pane, &SerialPortWidget::consoleTraffic,
+    const auto watcher = QObject::connect(pane.session(), &PortSession::consoleTraffic,
                                           [&chars](const QString &, bool, const QString &text) { chars += text.size(); });
     report("console_tap_pane_watched", nsPerByte(pane.session(), data), "ns/byte");
     QObject::disconnect(watcher);
