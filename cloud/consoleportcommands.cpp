@@ -98,6 +98,9 @@ ConsoleOutcome send(const PortList &ports, const QJsonObject &payload, bool hex)
                                            : QStringLiteral("the text cannot be written in the port's encoding"));
     if (bytes.value().isEmpty())
         return ConsoleOutcome::failure(ConsoleError::kInvalidPayload, QStringLiteral("empty payload"));
+    if (session.isPeerBacklogged())
+        return ConsoleOutcome::failure(ConsoleError::kInternalError,
+                                       QStringLiteral("the device is not reading what was sent before"));
     if (!session.sendBytes(bytes.value()))
         return ConsoleOutcome::failure(ConsoleError::kInternalError, QStringLiteral("the port did not take the data"));
     return ConsoleOutcome::success({{QStringLiteral("bytes"), bytes.value().size()}});

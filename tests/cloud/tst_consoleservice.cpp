@@ -222,7 +222,7 @@ void ConsoleServiceTest::lostSocketFallsBackToPollingAtOnceAndComesBack()
     QTRY_COMPARE_WITH_TIMEOUT(lost.size(), 1, kWait);
     QTRY_VERIFY_WITH_TIMEOUT(m_peer->count("GET", "/console/commands/poll") > polls, 1000);
     QCOMPARE(m_peer->matching("GET", "/console/commands/poll").last().query.queryItemValue("limit"), QString("16"));
-    QVERIFY(m_peer->count("POST", "/console/heartbeat") >= 2);
+    QTRY_VERIFY_WITH_TIMEOUT(m_peer->count("POST", "/console/heartbeat") >= 2, 1000);
     QCOMPARE(scheduled.size(), 1);
     QTRY_VERIFY_WITH_TIMEOUT(m_service->socket()->isReady(), kWait);
     QCOMPARE(m_peer->hellos, 2);
