@@ -14,6 +14,7 @@
 #include <QJsonArray>
 #include <QSerialPort>
 #include <QSettings>
+#include <QTcpServer>
 #include <QtTest>
 
 namespace {
@@ -62,6 +63,7 @@ private Q_SLOTS:
     void helloAnswerOpensOrClosesTheSocket_data();
     void helloAnswerOpensOrClosesTheSocket();
     void lostSocketFallsBackToPollingAtOnceAndComesBack();
+    void unreachableServiceIsRetriedOncePerAttempt();
     void pendingResultIsDeliveredUntilConfirmed();
     void commandDeliveredBySocketAndPollRunsOnce();
     void remoteSendReachesTheFarEnd_data();
@@ -227,6 +229,29 @@ void ConsoleServiceTest::lostSocketFallsBackToPollingAtOnceAndComesBack()
     QTRY_VERIFY_WITH_TIMEOUT(m_service->socket()->isReady(), kWait);
     QCOMPARE(m_peer->hellos, 2);
     QCOMPARE(m_service->socket()->attempt(), 0);
+}
+
+void ConsoleServiceTest::unreachableServiceIsRetriedOncePerAttempt()
+{
+    QTcpServer closed;
+    QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
+    const QString nowhere = QStringLiteral("http://127.0.0.1:%1").arg(closed.serverPort());
+    closed.close();
+    ConsoleSocket socket;
+    socket.setBackoff(ConsoleBackoff(5, 40));
+    QSignalSpy scheduled(&socket, &ConsoleSocket::reconnectScheduled);
+    QList<int> attempts;
+    connect(&socket, &ConsoleSocket::reconnectScheduled, this, [&] { attempts.append(socket.attempt()); });
+    socket.start(nowhere, "token", {{"type", "hello"}});
+    QTRY_VERIFY_WITH_TIMEOUT(scheduled.size() >= 4, kWait);
+    socket.stop();
+    // However the refusal is reported, each attempt is counted and
+    // rescheduled once, with waits under their ceilings.
+    QCOMPARE(attempts.mid(0, 4), (QList<int>{1, 2, 3, 4}));
+    for (int i = 0; i < 4; ++i)
+        QVERIFY(scheduled.at(i).at(0).toLongLong() <= (5 << i));
+    QVERIFY(!socket.isRunning());
+    QVERIFY(!socket.isReady());
 }
 
 void ConsoleServiceTest::pendingResultIsDeliveredUntilConfirmed()
