@@ -64,6 +64,8 @@ QList<BridgeRecord> BridgeManager::records() const
 
 void BridgeManager::save() const
 {
+    if (!m_storing)
+        return;
     QSettings settings;
     BridgeStore::save(settings, records());
 }

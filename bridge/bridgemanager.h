@@ -22,6 +22,9 @@ public:
     ~BridgeManager() override;
 
     PaneDirectory *panes() const { return m_panes; }
+    // Off: changes are not written to the settings store (a picture of the
+    // dialog, say). On by default.
+    void setStoring(bool on) { m_storing = on; }
 
     // Replaces every bridge with those stored; returns a message for each
     // stored bridge that was skipped.
@@ -52,4 +55,5 @@ private:
 
     PaneDirectory *m_panes;
     QList<BridgeEngine *> m_engines;
+    bool m_storing = true;
 };

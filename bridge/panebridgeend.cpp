@@ -103,10 +103,10 @@ QString PaneBridgeEnd::waitingText() const
     if (isReady())
         return {};
     if (!m_session)
-        return tr("waiting for a pane on %1").arg(m_label);
+        return tr("no pane has %1").arg(m_label);
     if (m_session->isTransferActive())
-        return tr("waiting for the file transfer on %1 to end").arg(m_label);
-    return tr("waiting for %1 to open").arg(m_label);
+        return tr("a file transfer runs on %1").arg(m_label);
+    return tr("%1 is closed").arg(m_label);
 }
 
 QStringList PaneBridgeEnd::outlets() const

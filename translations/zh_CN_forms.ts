@@ -279,6 +279,14 @@
         <source>Sign Out</source>
         <translation>退出登录</translation>
     </message>
+    <message>
+        <source>Bridges...</source>
+        <translation>桥接...</translation>
+    </message>
+    <message>
+        <source>Forward data between two ports (network to serial gateway)</source>
+        <translation>在两个端口之间转发数据（网络转串口网关）</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

@@ -12,7 +12,6 @@
 #include "support/settingssandbox.h"
 #include "terminal/portsession.h"
 
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSerialPort>
@@ -303,11 +302,13 @@ void BridgeEngineTest::pauseSourceLosesNothingAndKeepsTheQueueBounded()
     QVERIFY(client);
     QTRY_COMPARE_WITH_TIMEOUT(listener(engine)->outlets().size(), 1, kWait);
 
-    constexpr qint64 kBytes = 6 * 1024 * 1024;
+    // More than every buffer on the way holds, so the client's not reading
+    // reaches the bridge's queue.
+    constexpr qint64 kBytes = 16 * 1024 * 1024;
     const QByteArray down = randomBytes(kBytes, 4);
     Peer far(m_far.get(), down);
     Peer slow(client.get());
-    slow.readSlowly(32 * 1024, 10);
+    slow.readSlowly(0, 10);
     qint64 largestQueue = 0;
     QTimer watch;
     connect(&watch, &QTimer::timeout, this, [&] {
@@ -315,6 +316,16 @@ void BridgeEngineTest::pauseSourceLosesNothingAndKeepsTheQueueBounded()
     });
     watch.start(1);
     far.start();
+    // The bridge holds the pane's reading: the line waits, memory does not grow.
+    QTRY_VERIFY_WITH_TIMEOUT(m_session->controller()->isReadPaused(), kWait);
+    const quint64 whenHeld = engine.counters(BridgeRecord::kBToA).bytes;
+    QTest::qWait(200);
+    QCOMPARE(engine.counters(BridgeRecord::kBToA).bytes, whenHeld);
+    QVERIFY(!far.allSent());
+    // Slowly, then at full speed: everything arrives, in order.
+    slow.readSlowly(32 * 1024, 10);
+    QTRY_VERIFY_WITH_TIMEOUT(slow.received.size() >= 2 * 1024 * 1024, kWait);
+    slow.readFast();
     QTRY_VERIFY_WITH_TIMEOUT(slow.received.size() >= kBytes, 120000);
     QVERIFY(slow.received == down);
     const BridgeEngine::Counters c = engine.counters(BridgeRecord::kBToA);
@@ -323,7 +334,6 @@ void BridgeEngineTest::pauseSourceLosesNothingAndKeepsTheQueueBounded()
     // Bounded: the high watermark and at most one read of the pane on top.
     QVERIFY2(largestQueue <= record.egress.highWatermark + PortTransport::kReadBufferSize,
              qPrintable(QString::number(largestQueue)));
-    QVERIFY(largestQueue >= record.egress.highWatermark);  // the slow client did hold it back
 }
 
 void BridgeEngineTest::dropPoliciesCountExactlyWhatASlowClientMisses_data()
@@ -357,7 +367,8 @@ void BridgeEngineTest::dropPoliciesCountExactlyWhatASlowClientMisses()
         down += QByteArray::number(i).rightJustified(10, '0') + QByteArray(kFrame - 10, char('A' + i % 26));
     Peer far(m_far.get(), down);
     Peer slow(client.get());
-    slow.readSlowly(8 * 1024, 10);
+    // The slowest reader: nothing until the line has said everything.
+    slow.readSlowly(0, 10);
     far.start();
     QTRY_VERIFY_WITH_TIMEOUT(far.allSent() && engine.counters(BridgeRecord::kBToA).frames == quint64(kFrames), 120000);
     slow.readFast();
@@ -400,7 +411,7 @@ void BridgeEngineTest::disconnectPolicyDropsTheSlowClient()
     const QByteArray down = randomBytes(kBytes, 5);
     Peer far(m_far.get(), down);
     Peer slow(client.get());
-    slow.readSlowly(8 * 1024, 10);
+    slow.readSlowly(0, 10);
     far.start();
     QTRY_VERIFY_WITH_TIMEOUT(far.allSent() && engine.counters(BridgeRecord::kBToA).bytes == quint64(kBytes), 120000);
     slow.readFast();
@@ -437,13 +448,11 @@ void BridgeEngineTest::cableLoopTripsTheFloodGuard()
     QTimer talk;
     quint32 seed = 10;
     connect(&talk, &QTimer::timeout, this, [&] { client->write(randomBytes(2048, seed++)); });
-    QElapsedTimer clock;
-    clock.start();
     talk.start(20);
+    // One second of loop is the configured time; the exact moment is the
+    // guard's own test, on a virtual clock.
     QTRY_COMPARE_WITH_TIMEOUT(engine.state(), BridgeEngine::State::Suspended, 10000);
     talk.stop();
-    const qint64 took = clock.elapsed();
-    QVERIFY2(took < 1000 + 3000, qPrintable(QString::number(took)));
     QVERIFY2(engine.stateText().contains(PaneDirectory::endpointLabel(m_session->config())),
              qPrintable(engine.stateText()));
     QVERIFY(engine.stateText().contains(QStringLiteral("Enable")));
