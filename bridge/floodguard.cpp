@@ -1,6 +1,7 @@
 #include "bridge/floodguard.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -41,7 +42,7 @@ void FloodGuard::noteWritten(int end, QByteArrayView bytes)
     }
 }
 
-qsizetype FloodGuard::echoedPrefix(EndState &state, QByteArrayView bytes) const
+qsizetype FloodGuard::echoedPrefix(EndState &state, QByteArrayView bytes, qint64 nowMs) const
 {
     const QByteArrayView window(state.window);
     // Most often an echo goes on where the last one stopped.
@@ -59,9 +60,13 @@ qsizetype FloodGuard::echoedPrefix(EndState &state, QByteArrayView bytes) const
     const qsizetype probe = std::min(kEchoProbeBytes, bytes.size());
     if (probe < kShortestProbe)
         return 0;
-    const qsizetype at = window.lastIndexOf(bytes.first(probe));
-    if (at < 0)
+    if (nowMs < state.nextSearchMs)
+        return -1;
+    state.nextSearchMs = nowMs + kSearchIntervalMs;
+    const void *found = ::memmem(window.data(), size_t(window.size()), bytes.data(), size_t(probe));
+    if (!found)
         return 0;
+    const qsizetype at = qsizetype(static_cast<const char *>(found) - window.data());
     const qsizetype matched = commonPrefix(bytes, window.sliced(at));
     state.expected = state.windowStart + at + matched;
     return matched;
@@ -72,7 +77,9 @@ std::optional<FloodGuard::Trip> FloodGuard::noteReceived(int end, QByteArrayView
     if (!m_options.echoCheck || end < 0 || end > 1 || bytes.isEmpty())
         return std::nullopt;
     EndState &state = m_ends[size_t(end)];
-    const qsizetype echoed = state.window.isEmpty() ? 0 : echoedPrefix(state, bytes);
+    const qsizetype echoed = state.window.isEmpty() ? 0 : echoedPrefix(state, bytes, nowMs);
+    if (echoed < 0)
+        return std::nullopt;
     state.received.add(bytes.size(), nowMs);
     state.echoed.add(echoed, nowMs);
 

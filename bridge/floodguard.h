@@ -45,6 +45,11 @@ public:
     // Less echo than this over the whole time is a device's echo of a
     // command now and then, not a loop.
     static constexpr qint64 kMinEchoBytesPerSecond = 64;
+    // A search of the window costs far more than following an echo along:
+    // between searches, reads that do not go on from a known echo are not
+    // judged at all, so a busy bridge pays for a hundred searches a second
+    // at most, and a loop is still seen in every read once found.
+    static constexpr qint64 kSearchIntervalMs = 10;
 
     FloodGuard() : FloodGuard(Options{}) {}
     explicit FloodGuard(const Options &options);
@@ -64,9 +69,12 @@ private:
         RateHistory received;
         RateHistory echoed;
         qint64 streakSinceMs = -1;  // first echo of the current streak
+        qint64 nextSearchMs = 0;
     };
 
-    qsizetype echoedPrefix(EndState &state, QByteArrayView bytes) const;
+    // The echoed bytes at the start of `bytes`; -1 when the read is not
+    // judged (a search would come too soon after the last one).
+    qsizetype echoedPrefix(EndState &state, QByteArrayView bytes, qint64 nowMs) const;
 
     Options m_options;
     std::array<EndState, 2> m_ends;

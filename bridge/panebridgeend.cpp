@@ -120,7 +120,7 @@ bool PaneBridgeEnd::write(const QString &outlet, const QByteArray &bytes)
     // A closed serial port would be opened by a send: not the bridge's call.
     if (!isReady())
         return false;
-    return m_session->sendBytes(bytes);
+    return m_session->forwardBytes(bytes);
 }
 
 qint64 PaneBridgeEnd::backlog(const QString &outlet) const

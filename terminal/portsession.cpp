@@ -654,6 +654,16 @@ Result PortSession::sendText(const QString &text, QString *normalisedHex)
 
 bool PortSession::sendBytes(const QByteArray &data, bool echo)
 {
+    return send(data, echo, true);
+}
+
+bool PortSession::forwardBytes(const QByteArray &data)
+{
+    return send(data, true, false);
+}
+
+bool PortSession::send(const QByteArray &data, bool echo, bool showEchoAtOnce)
+{
     if (data.isEmpty())
         return false;
     if (isPeerBacklogged()) {
@@ -666,7 +676,8 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
         const DisplayChunk chunk{QDateTime::currentDateTime(), ChunkDirection::Sent, data};
         logChunk(chunk);
         m_ingest.queueSent(data, chunk.time);
-        emit echoQueued();
+        if (showEchoAtOnce)
+            emit echoQueued();
     }
     const bool wasOpen = isConnectionOpen();
     if (!m_controller->send(m_config, data, m_target))

@@ -137,6 +137,10 @@ public:
     // A peer that is not reading (PortTransport::kWriteHighWatermark
     // unsent) is not sent more: the send is refused with a message.
     bool sendBytes(const QByteArray &data, bool echo = true);
+    // Bytes another port's traffic brings (a bridge): sent, counted, logged
+    // and echoed like a send, but shown with the view's next refresh rather
+    // than at once, so that a steady stream is drawn in the view's budget.
+    bool forwardBytes(const QByteArray &data);
     bool isPeerBacklogged() const;
     void onSendData();
     void restartAutoSend();
@@ -235,6 +239,7 @@ public Q_SLOTS:
 
 private:
     void rememberTargetHost();
+    bool send(const QByteArray &data, bool echo, bool showEchoAtOnce);
     int autoSendIntervalMs() const;
     bool refuseDuringTransfer(const QString &what);
     bool sendRemoteBreak(bool on);
