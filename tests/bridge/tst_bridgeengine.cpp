@@ -12,12 +12,14 @@
 #include "support/settingssandbox.h"
 #include "terminal/portsession.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSerialPort>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QUdpSocket>
@@ -481,6 +483,9 @@ void BridgeEngineTest::udpTargetsGetEachFrameAsOneDatagram()
     record.framing[BridgeRecord::kAToB].mode = BridgeFramer::Mode::Delimiter;
     record.framing[BridgeRecord::kAToB].delimiter = "\r\n";
     record.framing[BridgeRecord::kAToB].keepDelimiter = false;
+    QTemporaryDir captures;
+    record.capture.enabled = true;
+    record.capture.folder = captures.path();
     QVERIFY2(record.validate(), qPrintable(record.validate().errorText()));
     BridgeEngine engine(record, m_panes.get());
     engine.start();
@@ -525,6 +530,15 @@ void BridgeEngineTest::udpTargetsGetEachFrameAsOneDatagram()
     }
     QCOMPARE(engine.counters(BridgeRecord::kAToB).frames, quint64(kLines));
     QCOMPARE(engine.counters(BridgeRecord::kAToB).droppedFrames, quint64(0));
+
+    // The capture log has every frame, in hex, once the bridge stops.
+    const QString captureFile = engine.captureFile();
+    engine.stop();
+    QFile capture(captureFile);
+    QVERIFY2(capture.open(QIODevice::ReadOnly), qPrintable(captureFile));
+    const QByteArray log = capture.readAll();
+    QCOMPARE(log.count("A \xe2\x86\x92 B "), qsizetype(kLines));
+    QVERIFY(log.contains(" A \xe2\x86\x92 B 10: 54 3D 32 30 20 73 65 71 3D 30\n"));  // "T=20 seq=0"
 }
 
 void BridgeEngineTest::aMissingPaneIsWaitedForAndLinkedWhileAttached()

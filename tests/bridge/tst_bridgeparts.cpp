@@ -3,12 +3,17 @@
 // egress queue under each overflow policy, the flood guard and the rate
 // history.
 
+#include "bridge/bridgecapturelog.h"
 #include "bridge/bridgeframer.h"
 #include "bridge/egressqueue.h"
 #include "bridge/floodguard.h"
 #include "bridge/ratehistory.h"
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QRandomGenerator>
+#include <QTemporaryDir>
 #include <QTest>
 
 using Frame = BridgeFramer::Frame;
@@ -75,6 +80,8 @@ private Q_SLOTS:
     void loopedOutputTripsTheEchoCheckAfterItsTime();
     void unrelatedTrafficAndACommandEchoDoNotTrip_data();
     void unrelatedTrafficAndACommandEchoDoNotTrip();
+
+    void captureLogWritesFramesAndDropsAndRotates();
 };
 
 void BridgePartsTest::framesDoNotDependOnHowReadsSplitThem_data()
@@ -408,6 +415,46 @@ void BridgePartsTest::unrelatedTrafficAndACommandEchoDoNotTrip()
             QVERIFY(!guard.noteReceived(1, randomBytes(1024, quint32(now + 1)), now + 5));
         }
     }
+}
+
+void BridgePartsTest::captureLogWritesFramesAndDropsAndRotates()
+{
+    QTemporaryDir folder;
+    QVERIFY(folder.isValid());
+    QDateTime now(QDate(2024, 3, 5), QTime(10, 20, 30, 456));
+    BridgeCaptureLog capture([&now] { return now; });
+    BridgeCaptureOptions options;
+    options.enabled = true;
+    options.folder = folder.path();
+    options.rotateSizeBytes = 4096;
+    QVERIFY(capture.open(options, QStringLiteral("plc/gateway")));
+    // The name stands for the bridge, made safe for a file name.
+    QCOMPARE(QFileInfo(capture.filePath()).fileName(), QStringLiteral("bridge_plc_gateway-20240305.log"));
+    QVERIFY(capture.frame(0, QByteArray("Hi\x00\xff", 4)));
+    QVERIFY(capture.drop(1, 3, 300, QStringLiteral("127.0.0.1:5555"), QStringLiteral("the queue reached its high watermark")));
+    QVERIFY(capture.flush());
+    QFile file(capture.filePath());
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(file.readAll());
+    QVERIFY2(text.contains(QStringLiteral("[2024-03-05 10:20:30.456] A → B 4: 48 69 00 FF\n")), qPrintable(text));
+    QVERIFY2(text.contains(QStringLiteral("[2024-03-05 10:20:30.456] B → A dropped 3 frames, 300 bytes (127.0.0.1:5555): "
+                                          "the queue reached its high watermark\n")),
+             qPrintable(text));
+    file.close();
+
+    // Past the size, a later save starts a new file and keeps the old one.
+    for (int i = 0; i < 100; ++i)
+        QVERIFY(capture.frame(1, QByteArray(20, char(i))));
+    now = now.addSecs(60);
+    QVERIFY(capture.flush());
+    QVERIFY(capture.frame(0, "after"));
+    QVERIFY(capture.flush());
+    capture.close();
+    const QStringList files = QDir(folder.path()).entryList(QDir::Files);
+    QCOMPARE(files.size(), 2);
+    QFile current(folder.filePath(QStringLiteral("bridge_plc_gateway-20240305.log")));
+    QVERIFY(current.open(QIODevice::ReadOnly));
+    QVERIFY(current.readAll().contains("A \xe2\x86\x92 B 5: 61 66 74 65 72"));
 }
 
 QTEST_APPLESS_MAIN(BridgePartsTest)
