@@ -125,6 +125,7 @@ private Q_SLOTS:
     void dropPoliciesCountExactlyWhatASlowClientMisses();
     void disconnectPolicyDropsTheSlowClient();
     void cableLoopTripsTheFloodGuard();
+    void aSustainedFloodSuspendsTheBridgeUntilEnabled();
     void udpTargetsGetEachFrameAsOneDatagram();
     void aMissingPaneIsWaitedForAndLinkedWhileAttached();
 
@@ -463,6 +464,63 @@ void BridgeEngineTest::cableLoopTripsTheFloodGuard()
     QTRY_VERIFY_WITH_TIMEOUT(client->state() == QAbstractSocket::UnconnectedState, kWait);
     loop.kill();
     loop.waitForFinished(5000);
+}
+
+void BridgeEngineTest::aSustainedFloodSuspendsTheBridgeUntilEnabled()
+{
+    openPane();
+    BridgeRecord record = gatewayRecord(PaneDirectory::endpointLabel(m_session->config()));
+    record.direction = BridgeDirection::AToB;
+    record.flood = {false, 1000, 3};
+    qint64 now = 0;
+    BridgeEngine engine(record, m_panes.get());
+    engine.setClock([&now] { return now; });
+    engine.start();
+    auto client = connectClient(engine);
+    QVERIFY(client);
+    QTRY_COMPARE_WITH_TIMEOUT(listener(engine)->outlets().size(), 1, kWait);
+
+    // Twice the limit in each of three seconds: the seconds are judged once
+    // they are over, so the bridge runs until the fourth one begins.
+    for (int second = 0; second < 3; ++second) {
+        now = second * 1000 + 500;
+        client->write(QByteArray(2000, 'x'));
+        QTRY_COMPARE_WITH_TIMEOUT(engine.counters(BridgeRecord::kAToB).bytes, quint64(2000) * (second + 1), kWait);
+        QCOMPARE(engine.state(), BridgeEngine::State::Running);
+    }
+    QByteArray atFar;
+    QTRY_VERIFY_WITH_TIMEOUT((atFar += m_far->readAll()).size() == 6000, kWait);
+    QCOMPARE(atFar, QByteArray(6000, 'x'));
+    atFar.clear();
+    now = 3100;
+    client->write("y");
+    QTRY_COMPARE_WITH_TIMEOUT(engine.state(), BridgeEngine::State::Suspended, kWait);
+    // Why, which way, and how to go on.
+    const QString text = engine.stateText();
+    QVERIFY2(text.contains(QStringLiteral("A → B")) && text.contains(QStringLiteral("bytes/s"))
+                 && text.contains(QStringLiteral("for 3 s")) && text.contains(QStringLiteral("Enable")),
+             qPrintable(text));
+    QVERIFY(m_session->bridgeLinks().isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(client->state() == QAbstractSocket::UnconnectedState, kWait);
+
+    // Enable resumes with fresh counters and rates; a quiet line stays up.
+    now = 10'000;
+    engine.start();
+    QCOMPARE(engine.state(), BridgeEngine::State::Running);
+    QCOMPARE(engine.counters(BridgeRecord::kAToB).bytes, quint64(0));
+    client = connectClient(engine);
+    QVERIFY(client);
+    QTRY_COMPARE_WITH_TIMEOUT(listener(engine)->outlets().size(), 1, kWait);
+    for (int second = 0; second < 5; ++second) {
+        now = 10'000 + second * 1000 + 500;
+        client->write("ping\n");
+        QTRY_COMPARE_WITH_TIMEOUT((atFar += m_far->readAll()).count("ping\n"), qsizetype(second + 1), kWait);
+    }
+    // The frame that tripped the guard may have been on its way already.
+    if (atFar.startsWith('y'))
+        atFar.remove(0, 1);
+    QCOMPARE(atFar, QByteArray("ping\n").repeated(5));
+    QCOMPARE(engine.state(), BridgeEngine::State::Running);
 }
 
 void BridgeEngineTest::udpTargetsGetEachFrameAsOneDatagram()

@@ -1,14 +1,17 @@
 // The bridges' widgets: the edit dialog refuses a field with its message,
-// the list shows each bridge's state and switches it, a linked pane shows
-// its badge, and the window restores stored bridges at start and opens the
-// list from Tools.
+// the list shows each bridge's state, counters and rates and switches it, a
+// linked pane shows its badge, the window restores stored bridges at start
+// and opens the list from Tools, and both dialogs can be pictured.
 
 #include "app/mainwindow.h"
+#include "app/screenshotdialogs.h"
 #include "bridge/bridgeeditdialog.h"
 #include "bridge/bridgeengine.h"
 #include "bridge/bridgemanager.h"
 #include "bridge/bridgesdialog.h"
 #include "bridge/bridgestore.h"
+#include "bridge/listenerbridgeend.h"
+#include "bridge/ratesparkline.h"
 #include "bridge/panedirectory.h"
 #include "support/settingssandbox.h"
 #include "terminal/serialportwidget.h"
@@ -21,7 +24,9 @@
 #include <QSettings>
 #include <QStatusBar>
 #include <QTableWidget>
+#include <QTcpSocket>
 #include <QTest>
+#include <QUdpSocket>
 
 namespace {
 
@@ -49,8 +54,10 @@ private Q_SLOTS:
 
     void editDialogRefusesAFieldWithItsMessage();
     void listShowsStateAndSwitchesBridges();
+    void listShowsCountersAndTheRateOfEachSecond();
     void aLinkedPaneShowsItsBadge();
     void windowRestoresBridgesAndOpensTheList();
+    void dialogsHaveScreenshotNames();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -129,6 +136,44 @@ void BridgeUiTest::listShowsStateAndSwitchesBridges()
     QVERIFY(!dialog.findChild<QPushButton *>(QStringLiteral("editButton"))->isEnabled());
 }
 
+void BridgeUiTest::listShowsCountersAndTheRateOfEachSecond()
+{
+    QUdpSocket target;
+    QVERIFY(target.bind(QHostAddress::LocalHost, 0));
+    BridgeRecord record = gatewayTo({}, false);
+    record.ends[BridgeRecord::kB].kind = BridgeEndSpec::Kind::Udp;
+    record.ends[BridgeRecord::kB].udpTargets = {QStringLiteral("127.0.0.1:%1").arg(target.localPort())};
+    record.direction = BridgeDirection::AToB;
+    BridgeManager manager;
+    QVERIFY(manager.add(record));
+    qint64 now = 500;
+    manager.engine(0)->setClock([&now] { return now; });
+    manager.setEnabled(0, true);
+    QCOMPARE(manager.engine(0)->state(), BridgeEngine::State::Running);
+    BridgesDialog dialog(&manager);
+    auto *table = dialog.findChild<QTableWidget *>(QStringLiteral("bridgeTable"));
+    auto *counters = dialog.findChild<QLabel *>(QStringLiteral("countersAToB"));
+    auto *sparkline = dialog.findChild<RateSparkline *>(QStringLiteral("sparklineAToB"));
+    QVERIFY(table && counters && sparkline);
+    QCOMPARE(table->item(0, BridgesDialog::BToAColumn)->text(), QStringLiteral("—"));
+
+    QTcpSocket client;
+    const auto *listener = qobject_cast<ListenerBridgeEnd *>(manager.engine(0)->end(BridgeRecord::kA));
+    client.connectToHost(QHostAddress::LocalHost, listener->listeningPort());
+    QVERIFY(client.waitForConnected(5000));
+    client.write(QByteArray(1500, 'r'));
+    QTRY_COMPARE_WITH_TIMEOUT(manager.engine(0)->counters(BridgeRecord::kAToB).bytes, quint64(1500), 5000);
+    // The list follows on its own once a second; the second is over now.
+    now = 1200;
+    const QString bytes = QStringLiteral("Bytes: %1").arg(QLocale().toString(1500));
+    QTRY_VERIFY2_WITH_TIMEOUT(counters->text().contains(bytes), qPrintable(counters->text()), 5000);
+    QCOMPARE(sparkline->points().size(), RateHistory::kSeconds);
+    QCOMPARE(sparkline->points().last(), 1500);
+    QCOMPARE(sparkline->points().first(), 0);
+    QCOMPARE(table->item(0, BridgesDialog::AToBColumn)->text(), RateSparkline::rateText(1500));
+    QCOMPARE(RateSparkline::rateText(1500), QStringLiteral("%1 KB/s").arg(QLocale().toString(1.5, 'f', 1)));
+}
+
 void BridgeUiTest::aLinkedPaneShowsItsBadge()
 {
     SerialPortWidget pane(1);
@@ -181,6 +226,21 @@ void BridgeUiTest::windowRestoresBridgesAndOpensTheList()
     auto *dialog = window.findChild<BridgesDialog *>();
     QVERIFY(dialog && dialog->isVisible());
     QCOMPARE(dialog->findChild<QTableWidget *>(QStringLiteral("bridgeTable"))->rowCount(), 1);
+}
+
+void BridgeUiTest::dialogsHaveScreenshotNames()
+{
+    const ScreenshotDialogs table = ScreenshotDialogs::standard();
+    QWidget parent;
+    const std::unique_ptr<QWidget> list(table.create(QStringLiteral("bridges"), &parent));
+    QVERIFY(qobject_cast<BridgesDialog *>(list.get()));
+    // A picture of the list: a bridge that listens on nothing.
+    auto *rows = list->findChild<QTableWidget *>(QStringLiteral("bridgeTable"));
+    QCOMPARE(rows->rowCount(), 1);
+    QCOMPARE(rows->item(0, BridgesDialog::StateColumn)->text(), QStringLiteral("Disabled"));
+    QVERIFY(QSettings().value(BridgeStore::key(0, QStringLiteral("Name"))).isNull());
+    const std::unique_ptr<QWidget> edit(table.create(QStringLiteral("bridge-edit"), &parent));
+    QVERIFY(qobject_cast<BridgeEditDialog *>(edit.get()));
 }
 
 QTEST_MAIN(BridgeUiTest)
