@@ -13,6 +13,9 @@
 #include "settings/portsettingsdialog.h"
 #include "settings/quicksettingsdialog.h"
 #include "app/windowplacement.h"
+#include "bridge/bridgemanager.h"
+#include "bridge/bridgesdialog.h"
+#include "bridge/panedirectory.h"
 #include "terminal/serialportwidget.h"
 #include "tools/asciicode.h"
 #include "tools/hexparser.h"
@@ -54,6 +57,7 @@ MainWindow::MainWindow(QWidget *parent)
     , ui(new Ui::MainWindow)
 {
     ui->setupUi(this);
+    m_bridges = new BridgeManager(this);
     // Panes keep their minimum size: many of them on a small screen scroll
     // instead of pushing the window past the screen.
     auto *areaLayout = new QVBoxLayout(ui->portArea);
@@ -111,6 +115,10 @@ MainWindow::MainWindow(QWidget *parent)
         rebuildLayout();
         setCurrentFile({});
     }
+    // Bridges come back once their panes are there; what cannot be read is
+    // said, and skipped.
+    if (const QStringList skipped = m_bridges->load(settings); !skipped.isEmpty())
+        statusBar()->showMessage(skipped.join(QLatin1Char(' ')), 15000);
     m_transfers = new PaneTransfers(this);
     m_cloudMenu = new CloudAccountMenu(
         {ui->acAccountSignIn, ui->acAccountMe, ui->acAccountSyncNow, ui->acAccountSyncSettings, ui->acAccountSignOut},
@@ -158,6 +166,7 @@ SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
     pane->setAutoReconnect(ui->acAutoReconnect->isChecked());
     pane->applyQuickSettings(m_lastUsed.quickSettings, m_quickView);
     m_panes.append(pane);
+    m_bridges->panes()->add(pane->session());
     connect(pane, &SerialPortWidget::statusMessage, this,
             [this](const QString &text, int timeoutMs) { statusBar()->showMessage(text, timeoutMs); });
     connect(pane, &SerialPortWidget::settingsChanged, this, [this, pane] {
@@ -755,6 +764,13 @@ void MainWindow::on_acToolsModbus_triggered()
         });
     }
     raiseDialog(m_modbusBuilder);
+}
+
+void MainWindow::on_acToolsBridge_triggered()
+{
+    if (!m_bridgesDialog)
+        m_bridgesDialog = new BridgesDialog(m_bridges, this);
+    raiseDialog(m_bridgesDialog);
 }
 
 void MainWindow::on_acXferSend_triggered()

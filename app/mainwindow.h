@@ -10,6 +10,8 @@
 #include <QPointer>
 
 class AsciiCode;
+class BridgeManager;
+class BridgesDialog;
 class CloudAccountMenu;
 class CloudConsoleMenu;
 struct SessionState;
@@ -42,6 +44,7 @@ public:
     SerialPortWidget *currentPane() const;
     SerialPortWidget *addPane();
     PaneTransfers *transfers() const { return m_transfers; }
+    BridgeManager *bridges() const { return m_bridges; }
     CloudAccountMenu *cloudMenu() const { return m_cloudMenu; }
     CloudConsoleMenu *consoleMenu() const { return m_consoleMenu; }
     // The settings that travel with the account, and taking them from the
@@ -114,6 +117,7 @@ private Q_SLOTS:
     void on_acToolCalc_triggered();
     void on_acToolsAscii_triggered();
     void on_acToolsModbus_triggered();
+    void on_acToolsBridge_triggered();
     void on_acXferSend_triggered();
     void on_acXferReceive_triggered();
     void on_acXferCancel_triggered();
@@ -168,6 +172,9 @@ private:
     ToolBox *m_toolBox = nullptr;
     AsciiCode *m_asciiCode = nullptr;
     ModbusBuilderDialog *m_modbusBuilder = nullptr;
+    // Made before the first pane, which registers its session with it.
+    BridgeManager *m_bridges = nullptr;
+    BridgesDialog *m_bridgesDialog = nullptr;
     PaneTransfers *m_transfers = nullptr;
     CloudAccountMenu *m_cloudMenu = nullptr;
     CloudConsoleMenu *m_consoleMenu = nullptr;

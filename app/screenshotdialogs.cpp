@@ -1,6 +1,10 @@
 #include "app/screenshotdialogs.h"
 
 #include "app/newconnectiondialog.h"
+#include "bridge/bridgeeditdialog.h"
+#include "bridge/bridgeengine.h"
+#include "bridge/bridgemanager.h"
+#include "bridge/bridgesdialog.h"
 #include "cloud/accountdialog.h"
 #include "cloud/accountsession.h"
 #include "cloud/myaccountdialog.h"
@@ -47,6 +51,29 @@ ScreenshotDialogs ScreenshotDialogs::standard()
         auto *dialog = new NewConnectionDialog(ConnectionConfig{}, ConnectionConfig{}, parent);
         dialog->showNetworkPage();
         return dialog;
+    });
+    table.add(QStringLiteral("bridges"), [](QWidget *parent) -> QWidget * {
+        // Bridges owned by the dialog, disabled, so that the picture shows a
+        // list without listening on anything.
+        auto *manager = new BridgeManager;
+        manager->setStoring(false);
+        BridgeRecord gateway;
+        gateway.name = QStringLiteral("PLC gateway");
+        gateway.enabled = false;
+        gateway.ends[BridgeRecord::kA].kind = BridgeEndSpec::Kind::Listener;
+        gateway.ends[BridgeRecord::kB].pane = QStringLiteral("ser-/dev/ttyUSB0");
+        manager->add(gateway);
+        auto *dialog = new BridgesDialog(manager, parent);
+        manager->setParent(dialog);
+        return dialog;
+    });
+    table.add(QStringLiteral("bridge-edit"), [](QWidget *parent) -> QWidget * {
+        BridgeRecord gateway;
+        gateway.name = QStringLiteral("PLC gateway");
+        gateway.ends[BridgeRecord::kA].kind = BridgeEndSpec::Kind::Listener;
+        gateway.ends[BridgeRecord::kB].pane = QStringLiteral("ser-/dev/ttyUSB0");
+        return new BridgeEditDialog(gateway, {QStringLiteral("ser-/dev/ttyUSB0"), QStringLiteral("tcpc-10.0.0.5:502")},
+                                    parent);
     });
     table.add(QStringLiteral("port-settings"), [](QWidget *parent) -> QWidget * {
         return new PortSettingsDialog(PaneSettings{}, parent);

@@ -130,6 +130,7 @@ void MultiClientServer::stop()
     const QList<QTcpSocket *> clients = m_clients;
     m_clients.clear();
     m_labels.clear();
+    m_byLabel.clear();
     for (QTcpSocket *socket : clients) {
         socket->disconnect(this);
         socket->abort();
@@ -149,11 +150,9 @@ bool MultiClientServer::writeToClient(const QByteArray &data, const QString &pee
 {
     if (data.isEmpty())
         return false;
-    for (QTcpSocket *socket : std::as_const(m_clients)) {
-        if (m_labels.value(socket) == peer)
-            return !isBacklogged(socket) && socket->write(data) > 0;
-    }
-    return false;
+    // Labels are unique: address and port of a live connection.
+    QTcpSocket *socket = m_byLabel.value(peer);
+    return socket && !isBacklogged(socket) && socket->write(data) > 0;
 }
 
 qint64 MultiClientServer::writeToAll(const QByteArray &data)
@@ -176,6 +175,24 @@ qint64 MultiClientServer::writeToAll(const QByteArray &data)
 bool MultiClientServer::isBacklogged(const QTcpSocket *socket)
 {
     return socket->bytesToWrite() >= kClientWriteHighWatermark;
+}
+
+qint64 MultiClientServer::clientBytesToWrite(const QString &peer) const
+{
+    const QTcpSocket *socket = m_byLabel.value(peer);
+    return socket ? socket->bytesToWrite() : 0;
+}
+
+bool MultiClientServer::disconnectClient(const QString &peer)
+{
+    QTcpSocket *socket = m_byLabel.value(peer);
+    if (!socket)
+        return false;
+    // What it still had to say is not wanted either.
+    socket->disconnect(this);
+    socket->abort();
+    removeClient(socket);
+    return true;
 }
 
 qint64 MultiClientServer::largestClientBacklog() const
@@ -243,6 +260,7 @@ void MultiClientServer::handleNewConnection()
         const QString label = labelFor(socket->peerAddress(), socket->peerPort());
         m_clients.append(socket);
         m_labels.insert(socket, label);
+        m_byLabel.insert(label, socket);
         admitted = true;
         emit clientArrived(label);
     }
@@ -270,7 +288,14 @@ void MultiClientServer::clientDisconnected()
         if (!m_labels.contains(socket))
             return; // a listener stopped the server meanwhile
     }
+    removeClient(socket);
+}
+
+void MultiClientServer::removeClient(QTcpSocket *socket)
+{
     const QString label = m_labels.take(socket);
+    if (m_byLabel.value(label) == socket)
+        m_byLabel.remove(label);
     m_clients.removeOne(socket);
     socket->disconnect(this);
     socket->deleteLater();

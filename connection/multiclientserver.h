@@ -51,6 +51,11 @@ public:
     static constexpr qint64 kClientWriteHighWatermark = 1024 * 1024;
 
     qint64 bytesToWrite() const;
+    // What one client, by label, still has to take; 0 when there is none.
+    qint64 clientBytesToWrite(const QString &peer) const;
+    // Closes one client at once, as if it had left; false when none has
+    // that label.
+    bool disconnectClient(const QString &peer);
     // The most any one client still has to take.
     qint64 largestClientBacklog() const;
     int clientCount() const { return int(m_clients.size()); }
@@ -80,10 +85,12 @@ private:
     static bool isBacklogged(const QTcpSocket *socket);
     void applyClientOptions(QTcpSocket *socket) const;
     void deliver(QTcpSocket *socket);
+    void removeClient(QTcpSocket *socket);
     void refuse(QTcpSocket *socket, const QString &reason);
 
     QList<QTcpSocket *> m_clients;
     QHash<QTcpSocket *, QString> m_labels;
+    QHash<QString, QTcpSocket *> m_byLabel;
     QStringList m_allowlist;
     bool m_exclusive = false;
     bool m_readPaused = false;

@@ -376,6 +376,9 @@ bool PortSession::openConnection(const QString &portName, bool silent)
             emit statusMessage(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort), 3000);
     }
     changeConnState(true);
+    // A hold taken while closed, perhaps under another mode, holds this
+    // transport too.
+    m_controller->setReadPaused(m_config.mode, m_readPauseApplied);
     emit settingsChanged();
     return true;
 }
@@ -406,8 +409,11 @@ void PortSession::closeConnection()
     m_userClosing = true;
     disarmReconnect();
     m_controller->close(m_config.mode, m_config.portName);
-    if (m_ingest.readThrottle().isReadingPaused()) {
-        m_ingest.readThrottle().reset();
+    m_ingest.readThrottle().reset();
+    // The next open (perhaps of another mode) starts unpaused; holds that
+    // remain are applied to it again.
+    if (m_readPauseApplied) {
+        m_readPauseApplied = false;
         m_controller->setReadPaused(m_config.mode, false);
     }
     changeConnState(false);
@@ -588,17 +594,29 @@ void PortSession::ingestReceived(const QByteArray &data, const QString &peer)
 
 void PortSession::applyReadThrottle()
 {
-    switch (m_ingest.readThrottleAction()) {
-    case ReadThrottle::Action::PauseReading:
+    if (m_ingest.readThrottleAction() == ReadThrottle::Action::PauseReading)
         qCDebug(lcTerminal) << "display behind, pausing reads at" << m_ingest.pendingBytes() << "bytes";
-        m_controller->setReadPaused(m_config.mode, true);
-        break;
-    case ReadThrottle::Action::ResumeReading:
-        m_controller->setReadPaused(m_config.mode, false);
-        break;
-    case ReadThrottle::Action::None:
-        break;
-    }
+    updateReadPause();
+}
+
+void PortSession::updateReadPause()
+{
+    const bool paused = m_ingest.readThrottle().isReadingPaused() || !m_readHolds.isEmpty();
+    if (paused == m_readPauseApplied)
+        return;
+    m_readPauseApplied = paused;
+    m_controller->setReadPaused(m_config.mode, paused);
+}
+
+void PortSession::setReadHold(const QObject *holder, bool held)
+{
+    if (held == m_readHolds.contains(holder))
+        return;
+    if (held)
+        m_readHolds.append(holder);
+    else
+        m_readHolds.removeAll(holder);
+    updateReadPause();
 }
 
 QList<DisplayChunk> PortSession::takeForView(qint64 byteBudget, qint64 timeLimitMs)
@@ -682,6 +700,16 @@ Result PortSession::sendText(const QString &text, QString *normalisedHex)
 
 bool PortSession::sendBytes(const QByteArray &data, bool echo)
 {
+    return send(data, echo, true);
+}
+
+bool PortSession::forwardBytes(const QByteArray &data)
+{
+    return send(data, true, false);
+}
+
+bool PortSession::send(const QByteArray &data, bool echo, bool showEchoAtOnce)
+{
     if (data.isEmpty())
         return false;
     if (isPeerBacklogged()) {
@@ -694,7 +722,8 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
         const DisplayChunk chunk{QDateTime::currentDateTime(), ChunkDirection::Sent, data};
         logChunk(chunk);
         m_ingest.queueSent(data, chunk.time);
-        emit echoQueued();
+        if (showEchoAtOnce)
+            emit echoQueued();
     }
     const bool wasOpen = isConnectionOpen();
     if (!m_controller->send(m_config, data, m_target))
@@ -769,6 +798,8 @@ QString PortSession::transferRefusal(ClientChoice clientChoice) const
         return tr("File transfer needs an ordered, reliable connection. UDP cannot provide one.");
     if (!isConnectionOpen())
         return tr("The connection is not open.");
+    if (!m_bridgeLinks.isEmpty())
+        return tr("This port is part of a bridge link. Remove the link before transferring a file.");
     if (m_viewState == ViewState::Paused)
         return tr("The view is paused. Resume it before transferring a file.");
     if (m_config.mode == ConnectionMode::TcpServer) {
@@ -780,6 +811,35 @@ QString PortSession::transferRefusal(ClientChoice clientChoice) const
             return tr("Several clients are connected. Select the one to transfer with.");
     }
     return QString();
+}
+
+void PortSession::setBridgeLink(const QObject *bridge, const QString &name)
+{
+    for (auto &link : m_bridgeLinks) {
+        if (link.first == bridge) {
+            if (link.second == name)
+                return;
+            link.second = name;
+            emit bridgeLinksChanged();
+            return;
+        }
+    }
+    m_bridgeLinks.append({bridge, name});
+    emit bridgeLinksChanged();
+}
+
+void PortSession::clearBridgeLink(const QObject *bridge)
+{
+    if (m_bridgeLinks.removeIf([bridge](const auto &link) { return link.first == bridge; }) > 0)
+        emit bridgeLinksChanged();
+}
+
+QStringList PortSession::bridgeLinks() const
+{
+    QStringList names;
+    for (const auto &link : m_bridgeLinks)
+        names.append(link.second);
+    return names;
 }
 
 // ---------------------------------------------------------------- data log

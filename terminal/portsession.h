@@ -126,6 +126,10 @@ public:
     ViewState viewState() const { return m_viewState; }
     // Pausing keeps the newest received bytes aside; resuming queues them.
     void setPaused(bool paused);
+    // Another consumer of the received bytes (a bridge) that cannot keep
+    // up holds reading, beside the view's own throttle: the transport stays
+    // paused while any holder or the view wants it.
+    void setReadHold(const QObject *holder, bool held);
 
     // ---- Send ----
     // The text auto send and line stepping work on.
@@ -142,6 +146,10 @@ public:
     // A peer that is not reading (PortTransport::kWriteHighWatermark
     // unsent) is not sent more: the send is refused with a message.
     bool sendBytes(const QByteArray &data, bool echo = true);
+    // Bytes another port's traffic brings (a bridge): sent, counted, logged
+    // and echoed like a send, but shown with the view's next refresh rather
+    // than at once, so that a steady stream is drawn in the view's budget.
+    bool forwardBytes(const QByteArray &data);
     bool isPeerBacklogged() const;
     void onSendData();
     void restartAutoSend();
@@ -156,6 +164,11 @@ public:
     // is not refused for several clients being connected.
     enum class ClientChoice { Required, ChosenByCaller };
     QString transferRefusal(ClientChoice clientChoice = ClientChoice::Required) const;
+    // Bridges forwarding this port's traffic, by name; a linked port
+    // refuses file transfers and its pane shows a badge.
+    void setBridgeLink(const QObject *bridge, const QString &name);
+    void clearBridgeLink(const QObject *bridge);
+    QStringList bridgeLinks() const;
     // Shows a refusal or failure in the pane and the status bar.
     void reportFailure(const QString &text);
 
@@ -214,6 +227,7 @@ Q_SIGNALS:
     void note(const QString &text);
     // The remote port's line or modem state changed.
     void remoteLinesChanged();
+    void bridgeLinksChanged();
 
 private:
     void connectController();
@@ -222,6 +236,8 @@ private:
     void onControllerError(const QString &message);
     void onPeerArrived(const QString &peer);
     void applyReadThrottle();
+    // Pauses or resumes the transport when the view's throttle or a hold changed.
+    void updateReadPause();
     void logChunk(const DisplayChunk &chunk);
     void noteLogResult(const Result &result);
     void startLog();
@@ -232,6 +248,7 @@ public Q_SLOTS:
 
 private:
     void rememberTargetHost();
+    bool send(const QByteArray &data, bool echo, bool showEchoAtOnce);
     int autoSendIntervalMs() const;
     bool refuseDuringTransfer(const QString &what);
     bool isConsoleListening() const;
@@ -257,6 +274,9 @@ private:
     bool m_consoleDecoderLive = false;
     ViewState m_viewState = ViewState::Normal;
     ReceiveTaker m_receiveTaker;
+    QList<const QObject *> m_readHolds;
+    bool m_readPauseApplied = false;
+    QList<QPair<const QObject *, QString>> m_bridgeLinks;
 
     // Send
     QString m_sendText;

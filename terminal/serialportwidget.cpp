@@ -202,6 +202,7 @@ void SerialPortWidget::connectSession()
 {
     PortSession *s = m_session;
     connect(s, &PortSession::statusMessage, this, &SerialPortWidget::statusMessage);
+    connect(s, &PortSession::bridgeLinksChanged, this, &SerialPortWidget::updateBridgeBadge);
     connect(s, &PortSession::failure, this, &SerialPortWidget::showFailure);
     connect(s, &PortSession::failureCleared, ui.errorLabel, &QWidget::hide);
     connect(s, &PortSession::stateChanged, this, [this] { changeConnState(m_session->isStarted()); });
@@ -781,6 +782,17 @@ void SerialPortWidget::showFailure(const QString &text)
 }
 
 // ----------------------------------------------------------- transfer lock
+
+void SerialPortWidget::updateBridgeBadge()
+{
+    const QStringList links = m_session->bridgeLinks();
+    ui.bridgeBadge->setVisible(!links.isEmpty());
+    if (links.isEmpty())
+        return;
+    ui.bridgeBadge->setText(tr("⇄ Bridged: %1").arg(links.join(QStringLiteral(", "))));
+    ui.bridgeBadge->setToolTip(tr("This port is part of a bridge link (Tools > Bridges...): what it receives is "
+                                  "forwarded, and file transfers are refused while the link runs."));
+}
 
 void SerialPortWidget::addStrip(QWidget *strip)
 {

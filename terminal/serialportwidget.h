@@ -162,6 +162,7 @@ private:
     void updateSendTarget();
     void updateControlLineAvailability();
     void onTransferStateChanged(bool active);
+    void updateBridgeBadge();
     void onTerminalKeys(const QString &text);
 
     SerialPortWidgetUi ui;

@@ -228,6 +228,13 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     stripLayout = new QVBoxLayout;
     stripLayout->setContentsMargins(0, 0, 0, 0);
     viewsLayout->addLayout(stripLayout);
+    // A strip, not a tool bar item: showing it changes the pane's height,
+    // never its width.
+    bridgeBadge = named(new QLabel(views), "bridgeBadge");
+    bridgeBadge->setStyleSheet(QStringLiteral("color: #1f618d; background: #eaf2f8; padding: 1px 4px;"));
+    bridgeBadge->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    bridgeBadge->hide();
+    stripLayout->addWidget(bridgeBadge);
 
     viewSplitter = named(new QSplitter(Qt::Vertical, views), "viewSplitter");
     viewSplitter->setChildrenCollapsible(false);

@@ -35,6 +35,7 @@ public:
     QSplitter *splitter = nullptr;         // options left, views right
     QSplitter *viewSplitter = nullptr;     // receive above, send below
     QVBoxLayout *stripLayout = nullptr;    // progress strips above the views
+    QLabel *bridgeBadge = nullptr;         // shown while bridges link the port
 
     // Connection
     QGroupBox *connectionGroup = nullptr;

@@ -303,6 +303,14 @@
         <source>Watchers may open and close the ports and change their serial parameters</source>
         <translation>查看者可以打开和关闭端口并更改其串口参数</translation>
     </message>
+    <message>
+        <source>Bridges...</source>
+        <translation>桥接...</translation>
+    </message>
+    <message>
+        <source>Forward data between two ports (network to serial gateway)</source>
+        <translation>在两个端口之间转发数据（网络转串口网关）</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

@@ -189,6 +189,10 @@
         <source>The data log is being written again.</source>
         <translation>数据日志已恢复写入。</translation>
     </message>
+    <message>
+        <source>This port is part of a bridge link. Remove the link before transferring a file.</source>
+        <translation>此端口属于一个桥接链路。请先移除该链路再传输文件。</translation>
+    </message>
 </context>
 <context>
     <name>ReceiveFindBar</name>
@@ -458,6 +462,14 @@
     <message>
         <source>Close</source>
         <translation>关闭</translation>
+    </message>
+    <message>
+        <source>⇄ Bridged: %1</source>
+        <translation>⇄ 已桥接：%1</translation>
+    </message>
+    <message>
+        <source>This port is part of a bridge link (Tools &gt; Bridges...): what it receives is forwarded, and file transfers are refused while the link runs.</source>
+        <translation>此端口属于一个桥接链路（工具 &gt; 桥接...）：它收到的数据会被转发，链路运行期间拒绝文件传输。</translation>
     </message>
 </context>
 <context>
