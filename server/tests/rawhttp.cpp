@@ -5,7 +5,16 @@
 #include <QJsonDocument>
 #include <QTcpSocket>
 
-RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
+QByteArray RawResponse::header(const QByteArray &name) const
+{
+    for (const auto &[key, value] : headers) {
+        if (key == name)
+            return value;
+    }
+    return {};
+}
+
+RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, const QHostAddress &from)
 {
     // Driven by the event loop, so a service running in this process
     // answers while we wait.
@@ -47,6 +56,8 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
             loop.quit();
     });
     QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    if (!from.isNull())
+        socket.bind(from);
     socket.connectToHost(QHostAddress::LocalHost, port);
     loop.exec();
     if (!complete) {
@@ -59,19 +70,20 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
 }
 
 RawResponse httpRequest(quint16 port, const QByteArray &method, const QByteArray &path, const QByteArray &body,
-                        const QString &token)
+                        const QString &token, const QByteArray &extraHeaders, const QHostAddress &from)
 {
-    QByteArray raw = method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
+    QByteArray raw = method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + extraHeaders;
     if (!token.isEmpty())
         raw += "Authorization: Bearer " + token.toUtf8() + "\r\n";
     if (method == "POST" || method == "PUT")
         raw += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n";
     raw += "\r\n" + body;
-    return rawExchange(port, raw);
+    return rawExchange(port, raw, 5000, from);
 }
 
 RawResponse httpJson(quint16 port, const QByteArray &method, const QByteArray &path, const QJsonObject &body,
-                     const QString &token)
+                     const QString &token, const QByteArray &extraHeaders, const QHostAddress &from)
 {
-    return httpRequest(port, method, path, QJsonDocument(body).toJson(QJsonDocument::Compact), token);
+    return httpRequest(port, method, path, QJsonDocument(body).toJson(QJsonDocument::Compact), token, extraHeaders,
+                       from);
 }
