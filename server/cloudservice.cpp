@@ -103,6 +103,9 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
 
     FrontLimits front;
     front.http.maxBodyBytes = config.maxBodyBytes;
+    front.http.headTimeoutMs = config.headTimeoutSeconds * 1000;
+    front.http.bodyTimeoutMs = config.bodyTimeoutSeconds * 1000;
+    front.http.idleTimeoutMs = config.idleTimeoutSeconds * 1000;
     front.maxConnections = config.maxConnections;
     front.maxConnectionsPerAddress = config.maxConnectionsPerAddress;
     TrustedProxies proxies;

@@ -43,6 +43,10 @@ const Option kOptions[] = {
     {"argon2-passes", "TSL_CLOUD_ARGON2_PASSES", "count", "Passes of one password hash (Argon2id; default 2)."},
     {"access-ttl", "TSL_CLOUD_ACCESS_TTL", "seconds", "Lifetime of access tokens (default 900)."},
     {"max-body", "TSL_CLOUD_MAX_BODY", "bytes", "Largest request body accepted (default 1048576)."},
+    {"head-timeout", "TSL_CLOUD_HEAD_TIMEOUT", "seconds", "Time for a whole request head (default 10)."},
+    {"body-timeout", "TSL_CLOUD_BODY_TIMEOUT", "seconds", "Time for a whole request body (default 30)."},
+    {"idle-timeout", "TSL_CLOUD_IDLE_TIMEOUT", "seconds",
+     "Time a kept-alive connection may wait for its next request (default 60)."},
     {"max-connections", "TSL_CLOUD_MAX_CONNECTIONS", "count", "Open connections at most (default 1000)."},
     {"max-connections-per-address", "TSL_CLOUD_MAX_CONNECTIONS_PER_ADDRESS", "count",
      "Open connections per client address at most (default 128)."},
@@ -159,6 +163,9 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
                                     {"argon2-passes", 1, 16},
                                     {"access-ttl", 60, 7 * 24 * 3600},
                                     {"max-body", 1024, 64 * 1024 * 1024},
+                                    {"head-timeout", 1, 3600},
+                                    {"body-timeout", 1, 3600},
+                                    {"idle-timeout", 1, 3600},
                                     {"max-connections", 1, 1'000'000},
                                     {"max-connections-per-address", 1, 1'000'000},
                                     {"database-threads", 1, 64},
@@ -185,6 +192,12 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
             config.accessTtlSeconds = static_cast<int>(number);
         else if (name == QLatin1String("max-body"))
             config.maxBodyBytes = number;
+        else if (name == QLatin1String("head-timeout"))
+            config.headTimeoutSeconds = static_cast<int>(number);
+        else if (name == QLatin1String("body-timeout"))
+            config.bodyTimeoutSeconds = static_cast<int>(number);
+        else if (name == QLatin1String("idle-timeout"))
+            config.idleTimeoutSeconds = static_cast<int>(number);
         else if (name == QLatin1String("max-connections"))
             config.maxConnections = static_cast<int>(number);
         else if (name == QLatin1String("max-connections-per-address"))

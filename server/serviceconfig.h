@@ -39,6 +39,9 @@ struct ServiceConfig
     Argon2Cost argon2;
     int accessTtlSeconds = 900;
     qint64 maxBodyBytes = 1024 * 1024;
+    int headTimeoutSeconds = 10;  // a whole request head
+    int bodyTimeoutSeconds = 30;  // a whole request body
+    int idleTimeoutSeconds = 60;  // a kept-alive connection between requests
     int maxConnections = 1000;
     int maxConnectionsPerAddress = 128;
     QStringList trustedProxies;  // "ADDRESS" or "ADDRESS/PREFIX"
