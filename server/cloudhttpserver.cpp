@@ -326,6 +326,7 @@ void CloudHttpServer::answer(HttpConnection *connection, const ApiRequest &reque
                              const QElapsedTimer &timer)
 {
     connection->respond(responseOf(reply));
+    ++m_answered;
     qCInfo(lcHttp).noquote() << QStringLiteral("%1 %2 %3 %4 %5 ms %6")
                                     .arg(QString::fromLatin1(request.method.left(16)), request.path.left(200))
                                     .arg(reply.status)

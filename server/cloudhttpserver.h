@@ -62,6 +62,7 @@ public:
     void addSocketEndpoint(const QString &path, SocketEndpoint endpoint);
 
     int openConnections() const { return m_open; }
+    quint64 answeredRequests() const { return m_answered; }
 
 private:
     struct SignInLine
@@ -100,6 +101,7 @@ private:
     QHash<HttpConnection *, std::list<HttpConnection *>::iterator> m_idlePosition;
     QHash<QString, SignInLine> m_signIns;  // by client address
     QHash<QString, QTcpSocket *> m_handedOver;  // in the WebSocket handshake, by peer "address port"
+    quint64 m_answered = 0;
     int m_refusedSinceLog = 0;
     QElapsedTimer m_refusalLog;
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 Q_LOGGING_CATEGORY(lcService, "cloud.service", QtInfoMsg)
 Q_LOGGING_CATEGORY(lcHttp, "cloud.http", QtInfoMsg)
@@ -13,6 +14,8 @@ Q_LOGGING_CATEGORY(lcMail, "cloud.mail", QtInfoMsg)
 namespace ServiceLog {
 
 namespace {
+
+thread_local int quietDepth = 0;
 
 const char *levelWord(QtMsgType type)
 {
@@ -28,6 +31,8 @@ const char *levelWord(QtMsgType type)
 
 void writeLine(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
+    if (quietDepth > 0 && (!context.category || std::strcmp(context.category, "default") == 0))
+        return;
     // Peers' bytes reach messages as request paths, addresses, e-mail
     // addresses and database texts; one escape here covers every field.
     const QByteArray line = QStringLiteral("%1 %2 %3: %4\n")
@@ -41,6 +46,16 @@ void writeLine(QtMsgType type, const QMessageLogContext &context, const QString 
 }
 
 } // namespace
+
+QuietQtWarnings::QuietQtWarnings()
+{
+    ++quietDepth;
+}
+
+QuietQtWarnings::~QuietQtWarnings()
+{
+    --quietDepth;
+}
 
 QString escaped(const QString &text)
 {

@@ -22,4 +22,16 @@ bool install(const QString &level);
 // Every line the service writes passes through it.
 QString escaped(const QString &text);
 
+// While one lives on a thread, Qt's own warnings from that thread (the
+// "default" category) are dropped: for known noise, such as the SQL driver
+// failing to free the statements of a connection already known to be lost.
+class QuietQtWarnings
+{
+public:
+    QuietQtWarnings();
+    ~QuietQtWarnings();
+    QuietQtWarnings(const QuietQtWarnings &) = delete;
+    QuietQtWarnings &operator=(const QuietQtWarnings &) = delete;
+};
+
 } // namespace ServiceLog

@@ -136,8 +136,12 @@ bool Storage::beginWork()
     const qint64 now = QDeadlineTimer::current().deadline();
     if (now < m_retryAtMs)
         return false;
-    m_statements.clear();  // prepared on the old connection
-    m_db.close();
+    {
+        // Prepared on the old connection; the driver cannot free them there.
+        ServiceLog::QuietQtWarnings quiet;
+        m_statements.clear();
+        m_db.close();
+    }
     QString error;
     if (connect(&error)) {
         qCInfo(lcStore) << "database connection re-opened";
