@@ -568,16 +568,15 @@ std::variant<Caller, ApiReply> AccountService::authenticate(const QByteArray &au
     if (row.expiresAt < m_clock())
         return ApiReply::failure(type, Http::Unauthorized, QStringLiteral("token_expired"),
                                  QStringLiteral("Your sign-in has expired. Please sign in again."));
-    return Caller{row.userId, row.sessionId, row.deviceId};
+    return Caller{row.userId, row.sessionId, row.deviceId, row.email, row.username, row.userCreatedAt};
 }
 
 // --- profile and devices ----------------------------------------------------------
 
 ApiReply AccountService::me(const Caller &caller)
 {
-    UserRow user;
-    if (m_storage.userById(caller.userId, user) != Storage::Found::Yes)
-        return internalError(kType);
+    // The token's lookup read the account along.
+    const UserRow user{caller.userId, caller.email, caller.username, {}, {}, caller.createdAt};
     QJsonObject members{{QStringLiteral("user"), userJson(user)}};
     QList<DeviceRow> list;
     if (!m_storage.devices(caller.userId, list))

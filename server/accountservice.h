@@ -54,6 +54,9 @@ struct Caller
     qint64 userId = 0;
     qint64 sessionId = 0;
     qint64 deviceId = 0;
+    QString email;
+    QString username;
+    qint64 createdAt = 0;  // of the account
 };
 
 // Registration, sign-in, tokens and devices. Knows nothing of HTTP: it takes

@@ -35,7 +35,7 @@ struct FrontLimits
     // then sees the failures of those before it), up to a line of
     // maxWaitingSignIns, beyond which they are answered 429.
     int maxSignInsPerAddress = 2;
-    int maxWaitingSignIns = 64;
+    int maxWaitingSignIns = 128;
 };
 
 // The HTTP and WebSocket front on one port, on the event loop: it accepts

@@ -108,6 +108,7 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     front.http.idleTimeoutMs = config.idleTimeoutSeconds * 1000;
     front.maxConnections = config.maxConnections;
     front.maxConnectionsPerAddress = config.maxConnectionsPerAddress;
+    front.maxWaitingSignIns = config.maxConnectionsPerAddress;  // each waits on a connection of its own
     TrustedProxies proxies;
     for (const QString &proxy : config.trustedProxies)
         proxies.add(proxy);

@@ -722,15 +722,17 @@ bool Storage::insertAccessToken(qint64 sessionId, const QString &hash, qint64 ex
 Storage::Found Storage::accessToken(const QString &hash, AccessRow &out)
 {
     QSqlQuery &q = prepare(QStringLiteral(
-        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at"
-        " FROM access_tokens a JOIN sessions s ON s.id = a.session_id WHERE a.token_hash = ?"));
+        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at, u.email, u.username, u.created_at"
+        " FROM access_tokens a JOIN sessions s ON s.id = a.session_id JOIN users u ON u.id = s.user_id"
+        " WHERE a.token_hash = ?"));
     q.addBindValue(hash);
     if (!run(q, "access token"))
         return Found::Error;
     if (!q.next())
         return Found::No;
     out = AccessRow{q.value(0).toLongLong(), q.value(1).toLongLong(), nullableId(q.value(2)),
-                    q.value(3).toLongLong()};
+                    q.value(3).toLongLong(), q.value(4).toString(), q.value(5).toString(),
+                    q.value(6).toLongLong()};
     return Found::Yes;
 }
 
@@ -779,22 +781,49 @@ Storage::Found Storage::syncItem(qint64 userId, const QString &ns, const QString
 
 Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, const QString &key,
                                           qint64 baseRevision, const QString &payload, qint64 now, int maxItems,
-                                          SyncItemRow &result)
+                                          const QString &month, qint64 bytes, SyncItemRow &result)
 {
-    // The update is conditional on the base revision, so of two writers
-    // with the same base exactly one wins, whichever instance serves them.
-    QSqlQuery &update = prepare(QStringLiteral(
-        "UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
-        " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ?"));
-    update.addBindValue(payload);
-    update.addBindValue(now);
-    update.addBindValue(userId);
-    update.addBindValue(ns);
-    update.addBindValue(key);
-    update.addBindValue(baseRevision);
-    if (!run(update, "update sync item"))
-        return SyncWrite::Error;
-    if (update.numRowsAffected() == 1) {
+    // The usual write, the next revision of a stored item, conditional on
+    // the base revision, so of two writers with the same base exactly one
+    // wins, whichever instance serves them. On PostgreSQL it is one
+    // statement with its traffic (one round trip, one commit to wait for);
+    // SQLite, in the process, takes the same two steps in a transaction.
+    bool updated = false;
+    if (m_dialect == SqlDialect::Postgres) {
+        QSqlQuery &q = prepare(QStringLiteral(
+            "WITH written AS (UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
+            " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ? RETURNING user_id),"
+            " counted AS (INSERT INTO traffic (user_id, month, bytes) SELECT user_id, ?, ? FROM written"
+            " ON CONFLICT (user_id, month) DO UPDATE SET bytes = traffic.bytes + excluded.bytes)"
+            " SELECT COUNT(*) FROM written"));
+        for (const QVariant &value : {QVariant(payload), QVariant(now), QVariant(userId), QVariant(ns), QVariant(key),
+                                      QVariant(baseRevision), QVariant(month), QVariant(bytes)})
+            q.addBindValue(value);
+        if (!run(q, "update sync item") || !q.next())
+            return SyncWrite::Error;
+        updated = q.value(0).toInt() == 1;
+    } else {
+        if (!begin())
+            return SyncWrite::Error;
+        QSqlQuery &update = prepare(QStringLiteral(
+            "UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
+            " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ?"));
+        for (const QVariant &value :
+             {QVariant(payload), QVariant(now), QVariant(userId), QVariant(ns), QVariant(key), QVariant(baseRevision)})
+            update.addBindValue(value);
+        if (!run(update, "update sync item")) {
+            rollback();
+            return SyncWrite::Error;
+        }
+        updated = update.numRowsAffected() == 1;
+        if (updated && (!addTraffic(userId, month, bytes) || !commit())) {
+            rollback();
+            return SyncWrite::Error;
+        }
+        if (!updated)
+            rollback();
+    }
+    if (updated) {
         result = SyncItemRow{ns, key, baseRevision + 1, payload, now};
         return SyncWrite::Written;
     }
@@ -807,12 +836,18 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
         break;
     }
     // A new item: whatever base the writer had, there is nothing to lose.
+    if (!begin())
+        return SyncWrite::Error;
     QSqlQuery &count = prepare(QStringLiteral("SELECT COUNT(*) FROM sync_items WHERE user_id = ?"));
     count.addBindValue(userId);
-    if (!run(count, "count sync items") || !count.next())
+    if (!run(count, "count sync items") || !count.next()) {
+        rollback();
         return SyncWrite::Error;
-    if (count.value(0).toInt() >= maxItems)
+    }
+    if (count.value(0).toInt() >= maxItems) {
+        rollback();
         return SyncWrite::LimitReached;
+    }
     QSqlQuery &insert = prepare(QStringLiteral(
         "INSERT INTO sync_items (user_id, namespace, item_key, revision, payload, updated_at)"
         " VALUES (?, ?, ?, 1, ?, ?) ON CONFLICT (user_id, namespace, item_key) DO NOTHING"));
@@ -821,12 +856,19 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
     insert.addBindValue(key);
     insert.addBindValue(payload);
     insert.addBindValue(now);
-    if (!run(insert, "insert sync item"))
+    if (!run(insert, "insert sync item")) {
+        rollback();
         return SyncWrite::Error;
+    }
     if (insert.numRowsAffected() == 1) {
+        if (!addTraffic(userId, month, bytes) || !commit()) {
+            rollback();
+            return SyncWrite::Error;
+        }
         result = SyncItemRow{ns, key, 1, payload, now};
         return SyncWrite::Written;
     }
+    rollback();
     // Another writer created it a moment ago.
     return syncItem(userId, ns, key, result) == Found::Yes ? SyncWrite::Conflict : SyncWrite::Error;
 }

@@ -66,6 +66,9 @@ struct AccessRow
     qint64 userId = 0;
     qint64 deviceId = 0;
     qint64 expiresAt = 0;
+    QString email;  // the account's, read along: most requests need no more of it
+    QString username;
+    qint64 userCreatedAt = 0;
 };
 
 struct SyncItemRow
@@ -172,9 +175,11 @@ public:
     bool syncItems(qint64 userId, const QString &ns, QList<SyncItemRow> &out);
     Found syncItem(qint64 userId, const QString &ns, const QString &key, SyncItemRow &out);
     // Writes when the stored revision equals `baseRevision` (or the item is
-    // new); on a conflict `result` holds the stored item.
+    // new), counting `bytes` of traffic in `month` with it, in one commit;
+    // on a conflict `result` holds the stored item.
     SyncWrite writeSyncItem(qint64 userId, const QString &ns, const QString &key, qint64 baseRevision,
-                            const QString &payload, qint64 now, int maxItems, SyncItemRow &result);
+                            const QString &payload, qint64 now, int maxItems, const QString &month, qint64 bytes,
+                            SyncItemRow &result);
 
     // Traffic per calendar month ("2026-11")
     bool addTraffic(qint64 userId, const QString &month, qint64 bytes);

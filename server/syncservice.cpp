@@ -71,19 +71,9 @@ ApiReply SyncService::put(const Caller &caller, const QString &ns, const QString
         return ApiReply::failure(kType, Http::TooManyRequests, QStringLiteral("quota_exceeded"),
                                  QStringLiteral("This month's cloud traffic allowance is used up."));
     }
-    // The write and its traffic are one transaction: one commit to wait for.
-    if (!m_storage.begin())
-        return internalError(kType);
     SyncItemRow stored;
-    const Storage::SyncWrite written = m_storage.writeSyncItem(caller.userId, ns, key, base, QString::fromUtf8(text),
-                                                               m_clock(), m_policy.maxItemsPerAccount, stored);
-    if (written != Storage::SyncWrite::Written) {
-        m_storage.rollback();
-    } else if (!m_quota.record(caller.userId, text.size()) || !m_storage.commit()) {
-        m_storage.rollback();
-        return internalError(kType);
-    }
-    switch (written) {
+    switch (m_storage.writeSyncItem(caller.userId, ns, key, base, QString::fromUtf8(text), m_clock(),
+                                    m_policy.maxItemsPerAccount, m_quota.currentMonth(), text.size(), stored)) {
     case Storage::SyncWrite::Error:
         return internalError(kType);
     case Storage::SyncWrite::LimitReached:

@@ -6,6 +6,13 @@
 
 #include <QJsonDocument>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+constexpr int kHashNiceness = 10;
+}
+
 WorkReply WorkReply::from(const ApiReply &reply)
 {
     return WorkReply{reply.httpStatus, QJsonDocument(reply.body).toJson(QJsonDocument::Compact), reply.code(),
@@ -152,6 +159,10 @@ void WorkerPool::runDatabaseThread(int index)
 
 void WorkerPool::runHashThread()
 {
+    // Hashing yields the cores to everything else: a burst of sign-ins
+    // waits a little longer rather than holding up requests that need no
+    // hash, or the event loop.
+    ::setpriority(PRIO_PROCESS, pid_t(::gettid()), kHashNiceness);
     for (;;) {
         HashTask task;
         {
