@@ -12,6 +12,21 @@
 namespace {
 const QString kRevisionKey = QStringLiteral("AccountSyncRevision");
 const QString kLastSyncKey = QStringLiteral("AccountLastSyncAt");
+
+// The service refuses a refresh token for good with these: the sign-in has ended.
+bool endsTheSignIn(const QString &code)
+{
+    return code == QLatin1String("invalid_refresh_token") || code == QLatin1String("refresh_token_expired")
+           || code == QLatin1String("refresh_token_reused");
+}
+
+// Refusals of requests made with an access token: answers to some other
+// account request, never to a refresh.
+bool refusesAnAccessToken(const QString &code)
+{
+    return code == QLatin1String("unauthorized") || code == QLatin1String("invalid_token")
+           || code == QLatin1String("token_expired");
+}
 } // namespace
 
 SessionSyncCoordinator::SessionSyncCoordinator(NetworkServices *network, AccountSession *session,
@@ -109,6 +124,13 @@ void SessionSyncCoordinator::start(bool manual)
     }
     m_manual = manual;
     if (!m_session->isAccessTokenValid()) {
+        // The refresh sent a moment ago failed and the session holds new
+        // ones back for a few seconds: no reply would come to wait for.
+        if (!m_refreshFailure.isEmpty() && m_session->isRefreshPending()) {
+            emit failed(m_refreshFailure);
+            return;
+        }
+        m_refreshFailure.clear();
         if (!m_session->requestRefresh()) {
             emit signInExpired(!manual);
             return;
@@ -123,14 +145,34 @@ void SessionSyncCoordinator::start(bool manual)
 
 void SessionSyncCoordinator::handleAccountResponse(const QJsonObject &response)
 {
-    Q_UNUSED(response);
+    const bool ok = response.value(QLatin1String("status")).toBool();
+    const bool carriesToken = ok && !response.value(QLatin1String("access_token")).toString().isEmpty();
+    if (carriesToken)
+        m_refreshFailure.clear();
     if (m_phase != Phase::WaitingForToken)
         return;
-    m_phase = Phase::Idle;
-    if (m_session->isAccessTokenValid())
-        start(m_manual);
-    else
-        emit signInExpired(!m_manual);
+    const QString code = response.value(QLatin1String("code")).toString();
+    if (ok && !carriesToken)
+        return;  // another account reply (a profile, say): still waiting
+    if (!ok && refusesAnAccessToken(code))
+        return;
+    if (ok || endsTheSignIn(code)) {
+        m_phase = Phase::Idle;
+        if (m_session->isAccessTokenValid())
+            start(m_manual);
+        else
+            emit signInExpired(!m_manual);
+        return;
+    }
+    // The refresh failed without ending the sign-in (the service was busy
+    // or could not reach its database): this sync ends, the next may work.
+    refreshFailed(response.value(QLatin1String("description")).toString());
+}
+
+void SessionSyncCoordinator::refreshFailed(const QString &message)
+{
+    fail(message);
+    m_refreshFailure = message.isEmpty() ? tr("Request failed.") : message;
 }
 
 void SessionSyncCoordinator::write(const SessionState &state, qint64 baseRevision)
@@ -248,6 +290,11 @@ void SessionSyncCoordinator::fail(const QString &message)
 void SessionSyncCoordinator::handleNetworkError(const QString &domain, const QString &message, const QString &detail)
 {
     Q_UNUSED(detail);
+    if (domain == QLatin1String("account") && m_phase == Phase::WaitingForToken) {
+        // The refresh never reached the service or its reply never came back.
+        refreshFailed(message);
+        return;
+    }
     if (domain != QLatin1String("sync") || (m_phase != Phase::Listing && m_phase != Phase::Writing))
         return;
     fail(message);

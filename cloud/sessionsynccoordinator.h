@@ -74,8 +74,10 @@ signals:
 
 public slots:
     void handleSyncResponse(const QJsonObject &response);
+    // Domain "sync", and domain "account" while a sync waits for its token.
     void handleNetworkError(const QString &domain, const QString &message, const QString &detail);
-    // Every account reply passes here, so a sync waiting for a token goes on.
+    // Every account reply passes here, so a sync waiting for a token goes on
+    // (or ends, when the refresh failed).
     void handleAccountResponse(const QJsonObject &response);
 
 private:
@@ -86,6 +88,7 @@ private:
     void onCloudNewer(const QJsonObject &item);
     void finishSucceeded(qint64 revision);
     void fail(const QString &message);
+    void refreshFailed(const QString &message);
     qint64 storedRevision() const;
     bool includeSendHistory() const;
 
@@ -97,5 +100,6 @@ private:
     Phase m_phase = Phase::Idle;
     bool m_manual = false;
     QJsonObject m_cloudItem;  // the newer cloud copy while a choice is pending
+    QString m_refreshFailure; // why the last refresh this sync waited for failed
     QTimer *m_autoTimer;
 };

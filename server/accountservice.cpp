@@ -8,6 +8,7 @@
 #include "tokens.h"
 
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QRegularExpression>
 
 namespace {
@@ -43,6 +44,26 @@ ApiReply tooManyAttempts()
 {
     return ApiReply::failure(kType, Http::TooManyRequests, QStringLiteral("too_many_attempts"),
                              QStringLiteral("Too many attempts. Please wait a few minutes and try again."));
+}
+
+ApiReply waitBeforeSignIn(qint64 waitMs)
+{
+    const qint64 seconds = (waitMs + 999) / 1000;
+    ApiReply reply = ApiReply::failure(
+        kType, Http::TooManyRequests, QStringLiteral("too_many_attempts"),
+        QStringLiteral("Too many failed sign-ins. Please wait %1 seconds and try again.").arg(seconds),
+        {{QStringLiteral("retry_after"), seconds}});
+    reply.retryAfterSeconds = int(seconds);
+    return reply;
+}
+
+// The wait after `failures` failures of a bucket that allows `free` of them.
+qint64 delayAfter(int failures, int free, const AccountPolicy &policy)
+{
+    if (failures < free)
+        return 0;
+    const int doublings = qMin(failures - free, 30);
+    return qMin(policy.firstDelayMs << doublings, policy.maxDelayMs);
 }
 
 ApiReply pendingReview()
@@ -138,7 +159,7 @@ ApiReply AccountService::requestCode(const QJsonObject &body, const QString &rem
                                 {QStringLiteral("code_expires_in"), seconds(m_policy.codeTtlMs)}});
 }
 
-ApiReply AccountService::registerAccount(const QJsonObject &body, const QString &remoteAddress)
+ApiOutcome AccountService::registerAccount(const QJsonObject &body, const QString &remoteAddress)
 {
     Q_UNUSED(remoteAddress);
     JsonFields fields(body, kType);
@@ -183,16 +204,37 @@ ApiReply AccountService::registerAccount(const QJsonObject &body, const QString 
                                    : QStringLiteral("The code is wrong. Please ask for a new one."),
                           {{QStringLiteral("tries_left"), left}});
     }
+    const UserRow user{0, email, username, QString(),
+                       m_policy.approvalMode ? QStringLiteral("pending") : QStringLiteral("active"), now};
+    return PasswordStep{{PasswordWork::Kind::Hash, password, {}},
+                        [user, deviceName, clientVersion](ServiceSet &services, const PasswordResult &result) {
+                            return services.accounts.finishRegistration(user, deviceName, clientVersion, result);
+                        }};
+}
 
-    UserRow user{0, email, username, m_hasher.hash(password),
-                 m_policy.approvalMode ? QStringLiteral("pending") : QStringLiteral("active"), now};
+ApiOutcome AccountService::finishRegistration(const UserRow &registered, const QString &deviceName,
+                                              const QString &clientVersion, const PasswordResult &result)
+{
+    UserRow user = registered;
+    user.passwordHash = result.newHash;
     if (!m_storage.begin())
         return internalError(kType);
-    if (!m_storage.insertUser(user) || !m_storage.deleteCode(email) || !m_storage.commit()) {
+    // The code was checked before the hash was made; another request may
+    // have used it meanwhile.
+    if (const std::optional<ApiReply> taken = refuseTakenEmail(user.email)) {
+        m_storage.rollback();
+        return *taken;
+    }
+    CodeRow code;
+    if (m_storage.codeFor(user.email, code) != Storage::Found::Yes) {
+        m_storage.rollback();
+        return badRequest(QStringLiteral("code_invalid"), QStringLiteral("Please ask for a code first."));
+    }
+    if (!m_storage.insertUser(user) || !m_storage.deleteCode(user.email) || !m_storage.commit()) {
         m_storage.rollback();
         return internalError(kType);
     }
-    qCInfo(lcService).noquote() << "registered account" << user.id << email
+    qCInfo(lcService).noquote() << "registered account" << user.id << user.email
                                 << (m_policy.approvalMode ? "(waiting for approval)" : "");
     if (m_policy.approvalMode)
         return pendingReview();
@@ -216,44 +258,91 @@ std::optional<ApiReply> AccountService::refuseTakenEmail(const QString &email)
 
 // --- sign-in and tokens ---------------------------------------------------------
 
-ApiReply AccountService::login(const QJsonObject &body, const QString &remoteAddress)
+struct AccountService::SignInAttempt
+{
+    QString address;
+    QString email;
+    bool known = false;
+    UserRow user;
+    QString deviceName;
+    QString clientVersion;
+};
+
+qint64 AccountService::signInWait(const QString &address, const QString &email, qint64 now)
+{
+    qint64 wait = 0;
+    const struct
+    {
+        QString bucket;
+        int free;
+    } buckets[] = {{QStringLiteral("pair:%1 %2").arg(address, email), m_policy.freeFailuresPerPair},
+                   {QStringLiteral("address:%1").arg(address), m_policy.freeFailuresPerAddress}};
+    for (const auto &bucket : buckets) {
+        SignInFailures failures;
+        switch (m_storage.signInFailures(bucket.bucket, now, m_policy.attemptWindowMs, failures)) {
+        case Storage::Found::Error:
+            return -1;
+        case Storage::Found::No:
+            break;
+        case Storage::Found::Yes:
+            wait = qMax(wait, failures.lastFailureAt + delayAfter(failures.failures, bucket.free, m_policy) - now);
+            break;
+        }
+    }
+    return wait;
+}
+
+ApiOutcome AccountService::login(const QJsonObject &body, const QString &remoteAddress)
 {
     JsonFields fields(body, kType);
-    const QString email = normaliseEmail(fields.string("email", kMaxEmail));
+    SignInAttempt attempt;
+    attempt.address = remoteAddress;
+    attempt.email = normaliseEmail(fields.string("email", kMaxEmail));
     const QString password = fields.string("password", kMaxPassword);
-    const QString deviceName = fields.string("device_name", kMaxName, false).trimmed();
-    const QString clientVersion = fields.string("client_version", kMaxVersion, false).trimmed();
+    attempt.deviceName = fields.string("device_name", kMaxName, false).trimmed();
+    attempt.clientVersion = fields.string("client_version", kMaxVersion, false).trimmed();
     if (fields.failed())
         return fields.failure();
 
-    const qint64 now = m_clock();
-    const QString addressBucket = QStringLiteral("login-address:") + remoteAddress;
-    const QString accountBucket = QStringLiteral("login-account:") + email;
-    bool ok = true;
-    if (limitReached(addressBucket, m_policy.maxFailuresPerAddress, now, ok)
-        || limitReached(accountBucket, m_policy.maxFailuresPerAccount, now, ok))
-        return tooManyAttempts();
-    if (!ok)
+    const qint64 wait = signInWait(attempt.address, attempt.email, m_clock());
+    if (wait < 0)
         return internalError(kType);
-
-    UserRow user;
-    const Storage::Found found = m_storage.userByEmail(email, user);
+    if (wait > 0)
+        return waitBeforeSignIn(wait);
+    const Storage::Found found = m_storage.userByEmail(attempt.email, attempt.user);
     if (found == Storage::Found::Error)
         return internalError(kType);
+    attempt.known = found == Storage::Found::Yes;
     // An unknown address costs as much time as a wrong password.
-    const bool passwordOk = m_hasher.verify(password, found == Storage::Found::Yes ? user.passwordHash : m_hasher.decoy())
-                            && found == Storage::Found::Yes;
-    if (!passwordOk) {
-        if (!m_storage.recordFailure(addressBucket, now, m_policy.attemptWindowMs)
-            || !m_storage.recordFailure(accountBucket, now, m_policy.attemptWindowMs))
+    const QString stored = attempt.known ? attempt.user.passwordHash : m_hasher.decoy();
+    return PasswordStep{{PasswordWork::Kind::Verify, password, stored},
+                        [attempt](ServiceSet &services, const PasswordResult &result) {
+                            return services.accounts.finishLogin(attempt, result);
+                        }};
+}
+
+ApiOutcome AccountService::finishLogin(const SignInAttempt &attempt, const PasswordResult &result)
+{
+    const qint64 now = m_clock();
+    const QString pairBucket = QStringLiteral("pair:%1 %2").arg(attempt.address, attempt.email);
+    if (!attempt.known || !result.matches) {
+        if (!m_storage.recordSignInFailure(pairBucket, now, m_policy.attemptWindowMs)
+            || !m_storage.recordSignInFailure(QStringLiteral("address:%1").arg(attempt.address), now,
+                                              m_policy.attemptWindowMs))
             return internalError(kType);
         return ApiReply::failure(kType, Http::Unauthorized, QStringLiteral("invalid_credentials"),
                                  QStringLiteral("The e-mail address or the password is wrong."));
     }
-    if (user.state == QLatin1String("pending"))
+    if (!result.newHash.isEmpty()) {
+        // An older kind or cost of hash: replaced now that the password is known.
+        if (!m_storage.replacePasswordHash(attempt.user.id, attempt.user.passwordHash, result.newHash))
+            return internalError(kType);
+        qCInfo(lcService) << "rehashed the password of account" << attempt.user.id;
+    }
+    if (attempt.user.state == QLatin1String("pending"))
         return pendingReview();
-    m_storage.clearFailures(accountBucket);
-    return issueSession(user, deviceName, clientVersion);
+    m_storage.clearSignInFailures(pairBucket);
+    return issueSession(attempt.user, attempt.deviceName, attempt.clientVersion);
 }
 
 bool AccountService::findOrBindDevice(qint64 userId, const QString &name, const QString &clientVersion, qint64 now,
@@ -281,6 +370,32 @@ bool AccountService::findOrBindDevice(qint64 userId, const QString &name, const 
     return m_storage.insertDevice(userId, device);
 }
 
+namespace {
+
+// The pair a rotation handed out, readable only with the rotated token.
+QString sealedPair(const QString &rotatedToken, const AccountService::IssuedTokens &tokens)
+{
+    const QByteArray plain = QJsonDocument(QJsonObject{{QStringLiteral("access_token"), tokens.accessToken},
+                                                       {QStringLiteral("refresh_token"), tokens.refreshToken},
+                                                       {QStringLiteral("expires_at"), tokens.accessExpiresAt}})
+                                 .toJson(QJsonDocument::Compact);
+    return QString::fromLatin1(Tokens::sealed(rotatedToken, plain).toBase64());
+}
+
+bool openPair(const QString &rotatedToken, const QString &sealed, AccountService::IssuedTokens &out)
+{
+    if (sealed.isEmpty())
+        return false;
+    const QJsonObject pair =
+        QJsonDocument::fromJson(Tokens::sealed(rotatedToken, QByteArray::fromBase64(sealed.toLatin1()))).object();
+    out.accessToken = pair.value(QLatin1String("access_token")).toString();
+    out.refreshToken = pair.value(QLatin1String("refresh_token")).toString();
+    out.accessExpiresAt = pair.value(QLatin1String("expires_at")).toInteger();
+    return !out.accessToken.isEmpty() && !out.refreshToken.isEmpty();
+}
+
+} // namespace
+
 ApiReply AccountService::issueSession(const UserRow &user, const QString &deviceName, const QString &clientVersion)
 {
     const qint64 now = m_clock();
@@ -289,38 +404,39 @@ ApiReply AccountService::issueSession(const UserRow &user, const QString &device
     DeviceRow device;
     bool limitHit = false;
     qint64 sessionId = 0;
+    IssuedTokens tokens;
     // A sign-in names its computer; a full device list does not stop the
     // sign-in, the computer stays unbound until one is removed.
     const bool ok = (deviceName.isEmpty() || findOrBindDevice(user.id, deviceName, clientVersion, now, device, limitHit))
                     && m_storage.insertSession(user.id, limitHit ? 0 : device.id, now, sessionId)
-                    && m_storage.trimSessions(user.id, m_policy.maxSessions);
+                    && m_storage.trimSessions(user.id, m_policy.maxSessions) && issueTokens(sessionId, now, tokens)
+                    && m_storage.commit();
     if (!ok) {
         m_storage.rollback();
         return internalError(kType);
     }
-    ApiReply reply = tokenReply(user, sessionId, limitHit ? 0 : device.id, now);
-    if (!reply.isOk() || !m_storage.commit()) {
-        m_storage.rollback();
-        return internalError(kType);
-    }
+    ApiReply reply = tokenReply(user, tokens, now);
     if (device.id > 0 && !limitHit)
         reply.body.insert(QStringLiteral("device"), deviceJson(device));
     return reply;
 }
 
-ApiReply AccountService::tokenReply(const UserRow &user, qint64 sessionId, qint64 deviceId, qint64 now)
+bool AccountService::issueTokens(qint64 sessionId, qint64 now, IssuedTokens &out)
 {
-    Q_UNUSED(deviceId);
-    const QString refreshToken = Tokens::random();
-    const QString accessToken = Tokens::random();
-    if (!m_storage.insertRefreshToken(sessionId, Tokens::hash(refreshToken), now, now + m_policy.refreshTtlMs)
-        || !m_storage.insertAccessToken(sessionId, Tokens::hash(accessToken), now + m_policy.accessTtlMs))
-        return internalError(kType);
+    out.refreshToken = Tokens::random();
+    out.accessToken = Tokens::random();
+    out.accessExpiresAt = now + m_policy.accessTtlMs;
+    return m_storage.insertRefreshToken(sessionId, Tokens::hash(out.refreshToken), now, now + m_policy.refreshTtlMs)
+           && m_storage.insertAccessToken(sessionId, Tokens::hash(out.accessToken), out.accessExpiresAt);
+}
+
+ApiReply AccountService::tokenReply(const UserRow &user, const IssuedTokens &tokens, qint64 now)
+{
     return ApiReply::ok(kType, {{QStringLiteral("user"), userJson(user)},
-                                {QStringLiteral("access_token"), accessToken},
-                                {QStringLiteral("refresh_token"), refreshToken},
+                                {QStringLiteral("access_token"), tokens.accessToken},
+                                {QStringLiteral("refresh_token"), tokens.refreshToken},
                                 {QStringLiteral("token_type"), QStringLiteral("Bearer")},
-                                {QStringLiteral("expires_in"), seconds(m_policy.accessTtlMs)}});
+                                {QStringLiteral("expires_in"), seconds(qMax<qint64>(0, tokens.accessExpiresAt - now))}});
 }
 
 ApiReply AccountService::signInEnded(const QString &code)
@@ -347,19 +463,8 @@ ApiReply AccountService::refresh(const QJsonObject &body)
     }
     if (row.expiresAt < now)
         return signInEnded(QStringLiteral("refresh_token_expired"));
-    bool won = false;
-    if (!row.rotated && !m_storage.rotateRefreshToken(row.id, now, won))
-        return internalError(kType);
-    if (row.rotated || !won) {
-        // A used token came back: whoever holds the chain may have stolen
-        // it, so the whole chain ends, the rightful holder's tokens too.
-        qCWarning(lcService) << "refresh token reused; ended session" << row.sessionId << "of account" << row.userId;
-        if (!m_storage.deleteSession(row.sessionId))
-            return internalError(kType);
-        return ApiReply::failure(kType, Http::Unauthorized, QStringLiteral("refresh_token_reused"),
-                                 QStringLiteral("This sign-in was ended for safety because its token was used twice. "
-                                                "Please sign in again."));
-    }
+    if (row.rotated)
+        return refreshAgain(row, token, now);
     UserRow user;
     switch (m_storage.userById(row.userId, user)) {
     case Storage::Found::Error:
@@ -369,14 +474,64 @@ ApiReply AccountService::refresh(const QJsonObject &body)
     case Storage::Found::Yes:
         break;
     }
+    // The rotation, the new pair and its sealed copy are one transaction:
+    // whoever loses a race on the token finds the copy in place.
     if (!m_storage.begin())
         return internalError(kType);
-    ApiReply reply = tokenReply(user, row.sessionId, row.deviceId, now);
-    if (!reply.isOk() || !m_storage.trimRotated(row.sessionId, m_policy.keepRotatedTokens) || !m_storage.commit()) {
+    bool won = false;
+    if (!m_storage.rotateRefreshToken(row.id, now, won)) {
         m_storage.rollback();
         return internalError(kType);
     }
-    return reply;
+    if (!won) {
+        m_storage.rollback();
+        if (m_storage.refreshToken(Tokens::hash(token), row) != Storage::Found::Yes)
+            return signInEnded(QStringLiteral("invalid_refresh_token"));
+        return refreshAgain(row, token, now);
+    }
+    IssuedTokens tokens;
+    const bool ok = issueTokens(row.sessionId, now, tokens)
+                    && m_storage.setRefreshSuccessor(row.id, sealedPair(token, tokens))
+                    && m_storage.trimRotated(row.sessionId, m_policy.keepRotatedTokens) && m_storage.commit();
+    if (!ok) {
+        m_storage.rollback();
+        return internalError(kType);
+    }
+    return tokenReply(user, tokens, now);
+}
+
+ApiReply AccountService::refreshAgain(const RefreshRow &row, const QString &token, qint64 now)
+{
+    IssuedTokens tokens;
+    if (now - row.rotatedAt <= m_policy.refreshGraceMs && openPair(token, row.successor, tokens)) {
+        // The same token again right after its rotation, while the pair it
+        // brought is unused: most likely that reply was lost on the way.
+        // The holder gets the same pair. Once the new refresh token has
+        // been used, its holder evidently had the pair: no grace then.
+        RefreshRow successor;
+        const Storage::Found found = m_storage.refreshToken(Tokens::hash(tokens.refreshToken), successor);
+        if (found == Storage::Found::Error)
+            return internalError(kType);
+        if (found == Storage::Found::Yes && !successor.rotated) {
+            UserRow user;
+            switch (m_storage.userById(row.userId, user)) {
+            case Storage::Found::Error:
+                return internalError(kType);
+            case Storage::Found::No:
+                return signInEnded(QStringLiteral("invalid_refresh_token"));
+            case Storage::Found::Yes:
+                return tokenReply(user, tokens, now);
+            }
+        }
+    }
+    // A used token came back: whoever holds the chain may have stolen it,
+    // so the whole chain ends, the rightful holder's tokens too.
+    qCWarning(lcService) << "refresh token reused; ended session" << row.sessionId << "of account" << row.userId;
+    if (!m_storage.deleteSession(row.sessionId))
+        return internalError(kType);
+    return ApiReply::failure(kType, Http::Unauthorized, QStringLiteral("refresh_token_reused"),
+                             QStringLiteral("This sign-in was ended for safety because its token was used twice. "
+                                            "Please sign in again."));
 }
 
 ApiReply AccountService::logout(const QJsonObject &body)
@@ -413,16 +568,15 @@ std::variant<Caller, ApiReply> AccountService::authenticate(const QByteArray &au
     if (row.expiresAt < m_clock())
         return ApiReply::failure(type, Http::Unauthorized, QStringLiteral("token_expired"),
                                  QStringLiteral("Your sign-in has expired. Please sign in again."));
-    return Caller{row.userId, row.sessionId, row.deviceId};
+    return Caller{row.userId, row.sessionId, row.deviceId, row.email, row.username, row.userCreatedAt};
 }
 
 // --- profile and devices ----------------------------------------------------------
 
 ApiReply AccountService::me(const Caller &caller)
 {
-    UserRow user;
-    if (m_storage.userById(caller.userId, user) != Storage::Found::Yes)
-        return internalError(kType);
+    // The token's lookup read the account along.
+    const UserRow user{caller.userId, caller.email, caller.username, {}, {}, caller.createdAt};
     QJsonObject members{{QStringLiteral("user"), userJson(user)}};
     QList<DeviceRow> list;
     if (!m_storage.devices(caller.userId, list))

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "apioutcome.h"
 #include "apireply.h"
 #include "servicetime.h"
 
@@ -15,6 +16,7 @@ class PasswordHasher;
 class Storage;
 struct UserRow;
 struct DeviceRow;
+struct RefreshRow;
 
 // Limits and lifetimes of the account side; every bound on what peers can
 // make the service store is here.
@@ -27,9 +29,19 @@ struct AccountPolicy
     qint64 codeResendMs = 60 * 1000;
     int maxPendingCodes = 10000;           // beyond: "try_later"
     int maxCodeRequestsPerAddress = 20;    // per attempt window
-    int maxFailuresPerAccount = 10;        // failed sign-ins per window
-    int maxFailuresPerAddress = 50;
-    qint64 attemptWindowMs = 15 * 60 * 1000;
+    qint64 attemptWindowMs = 15 * 60 * 1000;  // also: failures are forgotten this long after the last
+    // Failed sign-ins make the next attempt wait, never lock: after
+    // `freeFailures` the wait starts at firstDelayMs and doubles with each
+    // failure up to maxDelayMs. Counted per (address, account) pair, which
+    // nobody elsewhere can push, and per address, which bounds guessing
+    // across accounts.
+    int freeFailuresPerPair = 3;
+    int freeFailuresPerAddress = 20;
+    qint64 firstDelayMs = 1000;
+    qint64 maxDelayMs = 60 * 1000;
+    // A refresh token just rotated may come again this long (a reply lost
+    // on the way) and gets the same new pair; later it ends the chain.
+    qint64 refreshGraceMs = 30 * 1000;
     int maxDevices = 20;                   // beyond: "device_limit_reached"
     int maxSessions = 20;                  // beyond: the oldest sign-in ends
     int keepRotatedTokens = 100;           // per session, for reuse detection
@@ -42,10 +54,15 @@ struct Caller
     qint64 userId = 0;
     qint64 sessionId = 0;
     qint64 deviceId = 0;
+    QString email;
+    QString username;
+    qint64 createdAt = 0;  // of the account
 };
 
 // Registration, sign-in, tokens and devices. Knows nothing of HTTP: it takes
-// decoded bodies and answers envelopes of the "account" family.
+// decoded bodies and answers envelopes of the "account" family. Password
+// hashing is left to its caller (registration and sign-in hand back a
+// PasswordStep), so the database work around it can run elsewhere.
 class AccountService
 {
 public:
@@ -53,8 +70,8 @@ public:
                    ServiceClock clock);
 
     ApiReply requestCode(const QJsonObject &body, const QString &remoteAddress);
-    ApiReply registerAccount(const QJsonObject &body, const QString &remoteAddress);
-    ApiReply login(const QJsonObject &body, const QString &remoteAddress);
+    ApiOutcome registerAccount(const QJsonObject &body, const QString &remoteAddress);
+    ApiOutcome login(const QJsonObject &body, const QString &remoteAddress);
     ApiReply refresh(const QJsonObject &body);
     ApiReply logout(const QJsonObject &body);
 
@@ -74,9 +91,27 @@ public:
     static QString normaliseEmail(const QString &email);
     static bool isValidEmail(const QString &email);
 
+    // A new pair of tokens as handed out.
+    struct IssuedTokens
+    {
+        QString accessToken;
+        QString refreshToken;
+        qint64 accessExpiresAt = 0;
+    };
+
 private:
+    struct SignInAttempt;
+
+    // How long sign-ins from `address` for `email` must wait: 0 when they
+    // may go ahead; -1 on a storage failure.
+    qint64 signInWait(const QString &address, const QString &email, qint64 now);
+    ApiOutcome finishLogin(const SignInAttempt &attempt, const PasswordResult &result);
+    ApiOutcome finishRegistration(const UserRow &user, const QString &deviceName, const QString &clientVersion,
+                                  const PasswordResult &result);
     ApiReply issueSession(const UserRow &user, const QString &deviceName, const QString &clientVersion);
-    ApiReply tokenReply(const UserRow &user, qint64 sessionId, qint64 deviceId, qint64 now);
+    bool issueTokens(qint64 sessionId, qint64 now, IssuedTokens &out);
+    ApiReply tokenReply(const UserRow &user, const IssuedTokens &tokens, qint64 now);
+    ApiReply refreshAgain(const RefreshRow &row, const QString &token, qint64 now);
     bool limitReached(const QString &bucket, int limit, qint64 now, bool &ok);
     bool findOrBindDevice(qint64 userId, const QString &name, const QString &clientVersion, qint64 now,
                           DeviceRow &device, bool &limitHit);

@@ -22,3 +22,20 @@ ApiReply internalError(const QString &type)
     return ApiReply::failure(type, Http::InternalError, QStringLiteral("internal_error"),
                              QStringLiteral("The service hit an internal error. Please try again later."));
 }
+
+ApiReply databaseUnavailable(const QString &type)
+{
+    ApiReply reply = ApiReply::failure(type, Http::Unavailable, QStringLiteral("database_unavailable"),
+                                       QStringLiteral("The service cannot reach its database just now. Please try "
+                                                      "again in a moment."));
+    reply.retryAfterSeconds = 1;
+    return reply;
+}
+
+ApiReply busy(const QString &type)
+{
+    ApiReply reply = ApiReply::failure(type, Http::Unavailable, QStringLiteral("busy"),
+                                       QStringLiteral("The service is busy. Please try again in a moment."));
+    reply.retryAfterSeconds = 1;
+    return reply;
+}

@@ -10,6 +10,7 @@ struct ApiReply
 {
     int httpStatus = 200;
     QJsonObject body;
+    int retryAfterSeconds = 0;  // sent as Retry-After when above 0
 
     bool isOk() const { return body.value(QLatin1String("status")).toBool(); }
     QString code() const { return body.value(QLatin1String("code")).toString(); }
@@ -37,3 +38,8 @@ inline constexpr int Unavailable = 503;
 // The reply for a storage failure: the details go to the service log, the
 // client reads only that something went wrong on our side.
 ApiReply internalError(const QString &type);
+// The database cannot be reached just now (it is restarting, say); the
+// request may be repeated.
+ApiReply databaseUnavailable(const QString &type);
+// Too much is waiting already; the request may be repeated in a moment.
+ApiReply busy(const QString &type);

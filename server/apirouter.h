@@ -1,14 +1,18 @@
 #pragma once
 
+#include "apioutcome.h"
 #include "apireply.h"
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <QUrlQuery>
 
-class AccountService;
-class QuotaService;
-class SyncService;
+#include <variant>
+
+class PasswordHasher;
+struct Caller;
+struct Route;
 
 // A request as the API sees it, apart from any HTTP library.
 struct ApiRequest
@@ -18,27 +22,38 @@ struct ApiRequest
     QUrlQuery query;
     QByteArray authorization;
     QByteArray body;
-    QString remoteAddress;
+    QString remoteAddress;  // the client, as the front determined it
 };
 
-// Maps method and path under "/api/v3" to the domain services: parses the
-// body, authenticates, calls, and hands back the envelope. Every path gets
-// an envelope, unknown ones a 404 in the family their path names.
-class ApiRouter
+// The route a request found: where its handler is and what the path held.
+struct RouteMatch
 {
-public:
-    static constexpr const char *kPrefix = "/api/v3/";
-
-    ApiRouter(AccountService &accounts, SyncService &sync, QuotaService &quota);
-
-    ApiReply handle(const ApiRequest &request);
-
-    // The envelope family of a path: "account", "sync", "quota" (for
-    // "cloud"), "console", "relay", or "error" outside them.
-    static QString familyOf(const QString &path);
-
-private:
-    AccountService &m_accounts;
-    SyncService &m_sync;
-    QuotaService &m_quota;
+    const Route *route = nullptr;
+    QStringList args;  // the path segments matched by "*"
+    QString family;
+    // A password guess: the front lets only a few of these per address run at once.
+    bool isSignIn() const;
 };
+
+// Maps method and path under "/api/v3" to the domain services. Finding the
+// route is cheap and happens where requests are read; running it (parsing
+// the body, authenticating, calling the service) happens on a database
+// thread with that thread's services. Every path gets an envelope,
+// unknown ones a 404 in the family their path names.
+namespace ApiRouter {
+
+inline constexpr const char *kPrefix = "/api/v3/";
+
+// The route of `request`, or the envelope that refuses it (404, 405).
+std::variant<ApiReply, RouteMatch> resolve(const ApiRequest &request);
+ApiOutcome execute(const RouteMatch &match, const ApiRequest &request, ServiceSet &services);
+
+// The envelope family of a path: "account", "sync", "quota" (for
+// "cloud"), "console", "relay", or "error" outside them.
+QString familyOf(const QString &path);
+
+// Runs an outcome to its answer on the calling thread, doing password
+// work on the spot: for tests and the command line, not for serving.
+ApiReply finish(ApiOutcome outcome, ServiceSet &services, const PasswordHasher &hasher);
+
+} // namespace ApiRouter

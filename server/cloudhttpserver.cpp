@@ -1,170 +1,117 @@
 #include "cloudhttpserver.h"
 
 #include "apirouter.h"
+#include "connectionlistener.h"
 #include "servicelog.h"
+#include "workerpool.h"
 
-#include <QElapsedTimer>
-#include <QHttpServerRequest>
-#include <QHttpServerResponder>
 #include <QJsonDocument>
+#include <QPointer>
 #include <QTcpSocket>
-#include <QTimer>
+#include <QUrl>
 #include <QWebSocket>
+#include <QWebSocketServer>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
-// Watches one connection: refuses a request whose declared or actual body
-// passes the cap before it is buffered whole, closes idle connections, and
-// steps aside once the connection becomes a WebSocket.
-class ConnectionGuard : public QObject
+QByteArray envelope(const QString &type, const QString &code, const QString &description)
+{
+    return QJsonDocument(QJsonObject{{QStringLiteral("type"), type},
+                                     {QStringLiteral("status"), false},
+                                     {QStringLiteral("code"), code},
+                                     {QStringLiteral("description"), description}})
+        .toJson(QJsonDocument::Compact);
+}
+
+HttpResponse responseOf(const WorkReply &reply)
+{
+    HttpResponse response;
+    response.status = reply.status;
+    response.body = reply.body;
+    if (reply.retryAfterSeconds > 0)
+        response.headers.append({QByteArrayLiteral("Retry-After"), QByteArray::number(reply.retryAfterSeconds)});
+    return response;
+}
+
+QHostAddress peerOf(qintptr descriptor)
+{
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    if (::getpeername(int(descriptor), reinterpret_cast<sockaddr *>(&storage), &length) != 0)
+        return {};
+    QHostAddress address;
+    address.setAddress(reinterpret_cast<const sockaddr *>(&storage));
+    return ClientAddress::normalised(address);
+}
+
+// A complete WebSocket opening handshake, as RFC 6455 has it.
+bool isWebSocketHandshake(const HttpRequest &request)
+{
+    return request.method == "GET" && request.minorVersion == 1 && request.hasToken("upgrade", "websocket")
+           && request.hasToken("connection", "upgrade") && request.header("sec-websocket-version") == "13"
+           && QByteArray::fromBase64(request.header("sec-websocket-key"), QByteArray::AbortOnBase64DecodingErrors).size()
+                  == 16
+           && request.body.isEmpty() && !request.hasHeader("transfer-encoding");
+}
+
+// Calls back when its parent is deleted.
+class GoneNotice : public QObject
 {
 public:
-    ConnectionGuard(QTcpSocket *socket, HttpLimits limits)
-        : QObject(socket), m_socket(socket), m_limits(limits), m_idle(new QTimer(this))
-    {
-        m_idle->setSingleShot(true);
-        m_idle->setInterval(limits.idleTimeoutMs);
-        connect(m_idle, &QTimer::timeout, socket, &QTcpSocket::abort);
-        m_idle->start();
-        connect(socket, &QTcpSocket::readyRead, this, &ConnectionGuard::onReadyRead);
-    }
-
-    bool refused() const { return m_refused; }
-    void requestDone()
-    {
-        m_seen = 0;
-        m_headerChecked = false;
-    }
+    GoneNotice(QObject *parent, std::function<void()> gone) : QObject(parent), m_gone(std::move(gone)) {}
+    ~GoneNotice() override { m_gone(); }
 
 private:
-    void onReadyRead()
-    {
-        if (!m_socket->isOpen())
-            return;
-        if (m_refused) {
-            m_socket->readAll();  // nothing more is parsed on this connection
-            return;
-        }
-        m_idle->start();
-        m_seen += m_socket->bytesAvailable();
-        if (!m_headerChecked) {
-            const QByteArray head = m_socket->peek(m_limits.maxHeaderBytes);
-            const qsizetype end = head.indexOf("\r\n\r\n");
-            if (end >= 0) {
-                m_headerChecked = true;
-                // "POST /api/v3/account/login HTTP/1.1": the path names the
-                // family of a refusal's envelope.
-                m_family = ApiRouter::familyOf(QString::fromLatin1(head.left(head.indexOf("\r\n")).split(' ').value(1)));
-                const QByteArray lower = head.left(end).toLower();
-                if (lower.contains("\r\nupgrade:")) {
-                    // A WebSocket handshake: the socket server owns it now.
-                    m_idle->stop();
-                    disconnect(m_socket, nullptr, this, nullptr);
-                    deleteLater();
-                    return;
-                }
-                const qsizetype at = lower.indexOf("\r\ncontent-length:");
-                if (at >= 0) {
-                    const qsizetype lineEnd = lower.indexOf("\r\n", at + 2);
-                    bool ok = false;
-                    const qint64 declared = lower.mid(at + 17, lineEnd - at - 17).trimmed().toLongLong(&ok);
-                    if (!ok || declared > m_limits.maxBodyBytes)
-                        return refuse();
-                }
-            } else if (head.size() >= m_limits.maxHeaderBytes) {
-                return refuse();
-            }
-        }
-        if (m_seen > m_limits.maxBodyBytes + m_limits.maxHeaderBytes)
-            refuse();
-    }
-
-    void refuse()
-    {
-        m_refused = true;
-        m_socket->readAll();
-        const QByteArray body = QJsonDocument(QJsonObject{
-                                                  {QStringLiteral("type"), m_family},
-                                                  {QStringLiteral("status"), false},
-                                                  {QStringLiteral("code"), QStringLiteral("payload_too_large")},
-                                                  {QStringLiteral("description"),
-                                                   QStringLiteral("The request is larger than this service accepts (%1 bytes).")
-                                                       .arg(m_limits.maxBodyBytes)}})
-                                    .toJson(QJsonDocument::Compact);
-        m_socket->write("HTTP/1.1 413 Payload Too Large\r\nContent-Type: application/json\r\nContent-Length: "
-                        + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
-        qCInfo(lcHttp).noquote() << "refused an oversized request from" << m_socket->peerAddress().toString();
-        m_socket->disconnectFromHost();
-    }
-
-    QTcpSocket *m_socket;
-    HttpLimits m_limits;
-    QTimer *m_idle;
-    qint64 m_seen = 0;
-    bool m_headerChecked = false;
-    bool m_refused = false;
-    QString m_family = QStringLiteral("error");
+    std::function<void()> m_gone;
 };
 
-QByteArray methodName(QHttpServerRequest::Method method)
+// All X-Forwarded-For values in order, as one list.
+QByteArray forwardedFor(const HttpRequest &request)
 {
-    switch (method) {
-    case QHttpServerRequest::Method::Get: return "GET";
-    case QHttpServerRequest::Method::Put: return "PUT";
-    case QHttpServerRequest::Method::Delete: return "DELETE";
-    case QHttpServerRequest::Method::Post: return "POST";
-    case QHttpServerRequest::Method::Head: return "HEAD";
-    case QHttpServerRequest::Method::Options: return "OPTIONS";
-    case QHttpServerRequest::Method::Patch: return "PATCH";
-    case QHttpServerRequest::Method::Connect: return "CONNECT";
-    case QHttpServerRequest::Method::Trace: return "TRACE";
-    default: return "UNKNOWN";
+    QByteArray out;
+    for (const auto &[name, value] : request.headers) {
+        if (name == "x-forwarded-for")
+            out += (out.isEmpty() ? QByteArray() : QByteArrayLiteral(",")) + value;
     }
+    return out;
 }
 
 } // namespace
 
-CloudHttpServer::CloudHttpServer(ApiRouter &router, HttpLimits limits, QObject *parent)
-    : QAbstractHttpServer(parent), m_router(router), m_limits(limits)
+CloudHttpServer::CloudHttpServer(WorkerPool &pool, FrontLimits limits, TrustedProxies trustedProxies, QObject *parent)
+    : QObject(parent),
+      m_pool(pool),
+      m_limits(limits),
+      m_trusted(std::move(trustedProxies)),
+      m_listener(new ConnectionListener(this)),
+      m_webSockets(new QWebSocketServer(QStringLiteral("tessaline-cloud"), QWebSocketServer::NonSecureMode, this))
 {
-    connect(this, &QAbstractHttpServer::newWebSocketConnection, this, &CloudHttpServer::onNewWebSocket);
+    connect(m_listener, &ConnectionListener::accepted, this, &CloudHttpServer::onAccepted);
+    connect(m_listener, &ConnectionListener::descriptorsExhausted, this, [this] {
+        qCWarning(lcHttp) << "out of file descriptors with" << m_open
+                          << "connections open; accepting rests (raise LimitNOFILE or lower --max-connections)";
+    });
+    connect(m_webSockets, &QWebSocketServer::newConnection, this, &CloudHttpServer::onNewWebSocket);
+    m_refusalLog.start();
+}
+
+CloudHttpServer::~CloudHttpServer()
+{
+    // Connections go first, while the maps they report to still exist.
+    const QList<HttpConnection *> connections = m_slotOf.keys();
+    for (HttpConnection *connection : connections) {
+        disconnect(connection, nullptr, this, nullptr);
+        delete connection;
+    }
 }
 
 quint16 CloudHttpServer::start(const QHostAddress &address, quint16 port, QString *error)
 {
-    auto *tcp = new QTcpServer(this);
-    if (!tcp->listen(address, port)) {
-        *error = tcp->errorString();
-        delete tcp;
-        return 0;
-    }
-    // Connected before bind(), so this runs before the HTTP parser takes the
-    // socket and the guard's byte watch runs before the parser's.
-    connect(tcp, &QTcpServer::pendingConnectionAvailable, this, [this, tcp] {
-        const QList<QTcpSocket *> sockets = tcp->findChildren<QTcpSocket *>(Qt::FindDirectChildrenOnly);
-        for (QTcpSocket *socket : sockets) {
-            if (socket->property("tsl.guarded").toBool())
-                continue;
-            socket->setProperty("tsl.guarded", true);
-            new ConnectionGuard(socket, m_limits);
-        }
-        // At the limit new connections wait in the kernel's backlog; the
-        // count is of live sockets, so nothing has to report its end.
-        if (sockets.size() >= m_limits.maxConnections && tcp->isListening()) {
-            qCWarning(lcHttp) << "connection limit reached; accepting paused";
-            tcp->pauseAccepting();
-            auto *check = new QTimer(tcp);
-            connect(check, &QTimer::timeout, tcp, [this, tcp, check] {
-                if (tcp->findChildren<QTcpSocket *>(Qt::FindDirectChildrenOnly).size() < m_limits.maxConnections) {
-                    tcp->resumeAccepting();
-                    check->deleteLater();
-                }
-            });
-            check->start(1000);
-        }
-    });
-    bind(tcp);
-    return tcp->serverPort();
+    return m_listener->listen(address, port, error);
 }
 
 void CloudHttpServer::addSocketEndpoint(const QString &path, SocketEndpoint endpoint)
@@ -172,60 +119,282 @@ void CloudHttpServer::addSocketEndpoint(const QString &path, SocketEndpoint endp
     m_socketEndpoints.insert(path, std::move(endpoint));
 }
 
-bool CloudHttpServer::handleRequest(const QHttpServerRequest &request, QTcpSocket *socket)
+// --- connections -------------------------------------------------------------
+
+void CloudHttpServer::onAccepted(qintptr descriptor)
 {
-    // Qt HttpServer 6.4 shows a WebSocket handshake here first and hands the
-    // socket to the WebSocket side only when it is reported handled; an
-    // answer written now would land inside the WebSocket stream.
-    if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0)
-        return true;
-    for (QObject *child : socket->children()) {
-        // The guard has no meta-object of its own, so findChild cannot tell it apart.
-        if (auto *guard = dynamic_cast<ConnectionGuard *>(child)) {
-            if (guard->refused())
-                return true;
-            guard->requestDone();
-        }
+    const QHostAddress peer = peerOf(descriptor);
+    const QString key = ClientAddress::limitKey(peer);
+    const bool trusted = m_trusted.contains(peer);
+    if (!trusted && m_perAddress.value(key) >= m_limits.maxConnectionsPerAddress) {
+        refuseAtOnce(descriptor, peer);
+        return;
     }
-    QElapsedTimer elapsed;
-    elapsed.start();
-    ApiRequest api{methodName(request.method()), request.url().path(), request.query(), request.value("authorization"),
-                   request.body(), request.remoteAddress().toString()};
-    const ApiReply reply = m_router.handle(api);
-    QHttpServerResponder responder = makeResponder(request, socket);
-    responder.write(QJsonDocument(reply.body), static_cast<QHttpServerResponder::StatusCode>(reply.httpStatus));
-    qCInfo(lcHttp).noquote() << QStringLiteral("%1 %2 %3 %4 %5 ms %6")
-                                    .arg(QString::fromLatin1(api.method), api.path.left(200))
-                                    .arg(reply.httpStatus)
-                                    .arg(reply.code().isEmpty() ? QStringLiteral("ok") : reply.code())
-                                    .arg(elapsed.nsecsElapsed() / 1e6, 0, 'f', 1)
-                                    .arg(api.remoteAddress);
-    return true;
+    if (m_open >= m_limits.maxConnections && !m_idle.empty())
+        m_idle.front()->close();  // the longest idle makes room
+    if (m_open >= m_limits.maxConnections) {
+        // Cannot happen while the listener follows updateListener(); kept
+        // so that the cap holds whatever the order of events.
+        ::close(int(descriptor));
+        updateListener();
+        return;
+    }
+    auto *socket = new QTcpSocket;
+    if (!socket->setSocketDescriptor(descriptor)) {
+        ::close(int(descriptor));
+        delete socket;
+        return;
+    }
+    auto *connection = new HttpConnection(socket, m_limits.http, this);
+    takeSlot(trusted ? QString() : key);
+    m_slotOf.insert(connection, trusted ? QString() : key);
+    connect(connection, &HttpConnection::requestReceived, this,
+            [this, connection](const HttpRequest &request) { onRequest(connection, request); });
+    connect(connection, &HttpConnection::refused, this,
+            [this, connection](const HttpRequestParser::Event &refusal) { onRefused(connection, refusal); });
+    connect(connection, &HttpConnection::idleChanged, this,
+            [this, connection](bool idle) { onIdleChanged(connection, idle); });
+    connect(connection, &HttpConnection::finished, this, [this, connection] {
+        onIdleChanged(connection, false);
+        if (m_slotOf.contains(connection))
+            releaseSlot(m_slotOf.take(connection));
+    });
+    connection->start();
+    updateListener();
 }
 
-void CloudHttpServer::missingHandler(const QHttpServerRequest &request, QTcpSocket *socket)
+void CloudHttpServer::refuseAtOnce(qintptr descriptor, const QHostAddress &peer)
 {
-    // handleRequest takes every request; kept for the interface.
-    Q_UNUSED(request);
-    Q_UNUSED(socket);
+    const QByteArray body = envelope(QStringLiteral("error"), QStringLiteral("too_many_connections"),
+                                     QStringLiteral("Too many connections from your address. Please close some."));
+    const QByteArray response = "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nContent-Length: "
+                                + QByteArray::number(body.size()) + "\r\nConnection: close\r\nRetry-After: 5\r\n\r\n"
+                                + body;
+    // A fresh socket's send buffer takes this whole; if not, so be it.
+    [[maybe_unused]] const auto sent = ::send(int(descriptor), response.constData(), size_t(response.size()),
+                                              MSG_DONTWAIT | MSG_NOSIGNAL);
+    ::close(int(descriptor));
+    // Under a flood one line now and then says how many went.
+    ++m_refusedSinceLog;
+    if (m_refusedSinceLog == 1 || m_refusalLog.elapsed() >= 10000) {
+        qCWarning(lcHttp).noquote() << QStringLiteral("refused %1 connection(s) over the per-address cap, last from %2")
+                                           .arg(m_refusedSinceLog)
+                                           .arg(peer.toString());
+        m_refusedSinceLog = 0;
+        m_refusalLog.restart();
+    }
+}
+
+void CloudHttpServer::takeSlot(const QString &key)
+{
+    ++m_open;
+    if (!key.isEmpty())
+        ++m_perAddress[key];
+}
+
+void CloudHttpServer::releaseSlot(const QString &key)
+{
+    --m_open;
+    if (!key.isEmpty()) {
+        auto count = m_perAddress.find(key);
+        if (count != m_perAddress.end() && --*count <= 0)
+            m_perAddress.erase(count);
+    }
+    m_listener->resume();  // also: a descriptor came free
+    updateListener();
+}
+
+void CloudHttpServer::updateListener()
+{
+    // At the cap, accepting goes on only while an idle connection can make room.
+    if (m_open >= m_limits.maxConnections && m_idle.empty())
+        m_listener->pause();
+    else if (m_listener->isPaused())
+        m_listener->resume();
+}
+
+void CloudHttpServer::onIdleChanged(HttpConnection *connection, bool idle)
+{
+    const auto position = m_idlePosition.find(connection);
+    if (position != m_idlePosition.end()) {
+        m_idle.erase(*position);
+        m_idlePosition.erase(position);
+    }
+    if (idle)
+        m_idlePosition.insert(connection, m_idle.insert(m_idle.end(), connection));
+    updateListener();
+}
+
+// --- requests ------------------------------------------------------------------
+
+void CloudHttpServer::onRefused(HttpConnection *connection, const HttpRequestParser::Event &refusal)
+{
+    const QString path = QUrl::fromPercentEncoding(refusal.request.path());
+    const QString family = refusal.request.target.isEmpty() ? QStringLiteral("error") : ApiRouter::familyOf(path);
+    HttpResponse response;
+    response.status = refusal.status;
+    response.body = envelope(family, refusal.code, refusal.description);
+    response.close = true;
+    connection->respond(response);
+    qCInfo(lcHttp).noquote() << QStringLiteral("%1 %2 %3 %4 %5")
+                                    .arg(QString::fromLatin1(refusal.request.method.left(16)), path.left(200))
+                                    .arg(refusal.status)
+                                    .arg(refusal.code, connection->peerAddress().toString());
+}
+
+void CloudHttpServer::onRequest(HttpConnection *connection, const HttpRequest &request)
+{
+    QElapsedTimer timer;
+    timer.start();
+    ApiRequest api;
+    api.method = request.method;
+    api.path = QUrl::fromPercentEncoding(request.path());
+    api.query = QUrlQuery(QString::fromLatin1(request.query()));
+    api.authorization = request.header("authorization");
+    api.body = request.body;
+    api.remoteAddress = m_trusted.clientOf(connection->peerAddress(), forwardedFor(request)).toString();
+
+    if (api.path == QLatin1String(kHealthPath) && (api.method == "GET" || api.method == "HEAD")) {
+        const QJsonObject health{{QStringLiteral("type"), QStringLiteral("health")},
+                                 {QStringLiteral("status"), true},
+                                 {QStringLiteral("database"), m_pool.databaseReachable()
+                                                                  ? QStringLiteral("reachable")
+                                                                  : QStringLiteral("unreachable")}};
+        answer(connection, api, WorkReply::from(ApiReply{Http::Ok, health}), timer);
+        return;
+    }
+    if (m_socketEndpoints.contains(api.path)) {
+        upgrade(connection, request, api.path);
+        return;
+    }
+    std::variant<ApiReply, RouteMatch> resolved = ApiRouter::resolve(api);
+    if (auto *reply = std::get_if<ApiReply>(&resolved)) {
+        answer(connection, api, WorkReply::from(*reply), timer);
+        return;
+    }
+    const RouteMatch match = std::get<RouteMatch>(std::move(resolved));
+    QPointer<HttpConnection> alive(connection);
+    auto run = [this, alive, api, match, timer] {
+        m_pool.submit(match.family,
+                      [api, match](WorkerContext &context) {
+                          return ApiRouter::execute(match, api, context.services());
+                      },
+                      [this, alive, api, match, timer](const WorkReply &reply) {
+                          if (match.isSignIn())
+                              finishSignIn(api.remoteAddress);
+                          if (alive)
+                              answer(alive, api, reply, timer);
+                      });
+    };
+    if (!match.isSignIn()) {
+        run();
+        return;
+    }
+    // Guesses from one address take turns, so each sees the failures
+    // before it and the delays they earned hold.
+    SignInLine &line = m_signIns[api.remoteAddress];
+    if (line.running < m_limits.maxSignInsPerAddress) {
+        ++line.running;
+        run();
+    } else if (int(line.waiting.size()) < m_limits.maxWaitingSignIns) {
+        line.waiting.push_back(run);
+    } else {
+        ApiReply refusal = ApiReply::failure(match.family, Http::TooManyRequests, QStringLiteral("too_many_attempts"),
+                                             QStringLiteral("Too many sign-ins at once from your address. Please "
+                                                            "wait a moment and try again."));
+        refusal.retryAfterSeconds = 1;
+        answer(connection, api, WorkReply::from(refusal), timer);
+    }
+}
+
+void CloudHttpServer::finishSignIn(const QString &address)
+{
+    const auto line = m_signIns.find(address);
+    if (line == m_signIns.end())
+        return;
+    if (!line->waiting.empty()) {
+        const std::function<void()> next = std::move(line->waiting.front());
+        line->waiting.pop_front();
+        next();  // its turn: `running` stays as it was
+        return;
+    }
+    if (--line->running <= 0)
+        m_signIns.erase(line);
+}
+
+void CloudHttpServer::answer(HttpConnection *connection, const ApiRequest &request, const WorkReply &reply,
+                             const QElapsedTimer &timer)
+{
+    connection->respond(responseOf(reply));
+    ++m_answered;
+    qCInfo(lcHttp).noquote() << QStringLiteral("%1 %2 %3 %4 %5 ms %6")
+                                    .arg(QString::fromLatin1(request.method.left(16)), request.path.left(200))
+                                    .arg(reply.status)
+                                    .arg(reply.code.isEmpty() ? QStringLiteral("ok") : reply.code)
+                                    .arg(timer.nsecsElapsed() / 1e6, 0, 'f', 1)
+                                    .arg(request.remoteAddress);
+}
+
+// --- WebSockets ----------------------------------------------------------------
+
+void CloudHttpServer::upgrade(HttpConnection *connection, const HttpRequest &request, const QString &path)
+{
+    const QString family = ApiRouter::familyOf(path);
+    if (!isWebSocketHandshake(request)) {
+        const bool asked = request.hasHeader("upgrade");
+        HttpResponse response;
+        response.status = asked ? Http::BadRequest : 426;
+        response.body = asked ? envelope(family, QStringLiteral("bad_request"),
+                                         QStringLiteral("The WebSocket handshake is not valid."))
+                              : envelope(family, QStringLiteral("upgrade_required"),
+                                         QStringLiteral("This address takes WebSocket connections only."));
+        if (!asked)
+            response.headers.append({QByteArrayLiteral("Upgrade"), QByteArrayLiteral("websocket")});
+        response.close = asked;
+        connection->respond(response);
+        qCInfo(lcHttp).noquote() << "WebSocket" << path.left(200) << "refused:" << response.status
+                                 << connection->peerAddress().toString();
+        return;
+    }
+    // The socket keeps its place under the caps until it is gone.
+    const QString key = m_slotOf.take(connection);
+    onIdleChanged(connection, false);
+    QTcpSocket *socket = connection->releaseForUpgrade();
+    if (!socket) {
+        releaseSlot(key);
+        return;
+    }
+    const QString peer = QStringLiteral("%1 %2").arg(socket->peerAddress().toString()).arg(socket->peerPort());
+    m_handedOver.insert(peer, socket);
+    // Not the socket's destroyed signal: QWebSocket disconnects every
+    // signal of its TCP socket when it closes. A child goes with it anyway.
+    new GoneNotice(socket, [server = QPointer<CloudHttpServer>(this), key, peer] {
+        if (server) {
+            server->m_handedOver.remove(peer);
+            server->releaseSlot(key);
+        }
+    });
+    m_webSockets->handleConnection(socket);
 }
 
 void CloudHttpServer::onNewWebSocket()
 {
-    while (hasPendingWebSocketConnections()) {
-        std::unique_ptr<QWebSocket> socket = nextPendingWebSocketConnection();
+    while (m_webSockets->hasPendingConnections()) {
+        std::unique_ptr<QWebSocket> socket(m_webSockets->nextPendingConnection());
         if (!socket)
             break;
-        const QString path = socket->requestUrl().path();
-        const auto endpoint = m_socketEndpoints.constFind(path);
-        if (endpoint != m_socketEndpoints.constEnd()) {
-            (*endpoint)(std::move(socket));
-            continue;
-        }
-        qCInfo(lcHttp).noquote() << "WebSocket" << path.left(200) << "refused: unknown_path";
-        QWebSocket *raw = socket.release();
-        QObject::connect(raw, &QWebSocket::disconnected, raw, &QObject::deleteLater);
-        raw->close(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("unknown_path"));
-        QTimer::singleShot(5000, raw, &QObject::deleteLater);
+        // Qt 6.4 leaves the TCP socket behind when a server-side QWebSocket
+        // is deleted; made its child, it goes along (and frees its place).
+        const QString peer = QStringLiteral("%1 %2").arg(socket->peerAddress().toString()).arg(socket->peerPort());
+        if (QTcpSocket *tcp = m_handedOver.take(peer))
+            tcp->setParent(socket.get());
+        socket->setMaxAllowedIncomingMessageSize(quint64(m_limits.http.maxBodyBytes));
+        socket->setMaxAllowedIncomingFrameSize(quint64(m_limits.http.maxBodyBytes));
+        const auto endpoint = m_socketEndpoints.constFind(socket->requestUrl().path());
+        if (endpoint == m_socketEndpoints.constEnd())
+            continue;  // the path was checked before the hand-over
+        qCInfo(lcHttp).noquote() << "WebSocket" << socket->requestUrl().path().left(200) << "opened"
+                                 << socket->peerAddress().toString();
+        (*endpoint)(std::move(socket));
     }
 }

@@ -1,30 +1,75 @@
 #include "cloudservice.h"
 
-#include "apirouter.h"
 #include "codemailer.h"
+#include "loopwatch.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
 #include "servicelog.h"
 #include "storage.h"
+#include "workerpool.h"
 
+#include <QThread>
 #include <QTimer>
+
+namespace {
+
+// A database thread's connection and the domain services over it.
+class ServiceContext : public WorkerContext
+{
+public:
+    ServiceContext(const PasswordHasher &hasher, CodeMailer &mailer, const AccountPolicy &policy,
+                   const SyncPolicy &syncPolicy, qint64 monthlyQuotaBytes, const ServiceClock &clock)
+        : m_quota(m_storage, monthlyQuotaBytes, clock),
+          m_accounts(m_storage, hasher, mailer, policy, clock),
+          m_sync(m_storage, m_quota, syncPolicy, clock),
+          m_services{m_accounts, m_sync, m_quota}
+    {
+    }
+
+    bool open(const QString &database, QString *error) { return m_storage.open(database, error, false); }
+    Storage &storage() override { return m_storage; }
+    ServiceSet &services() override { return m_services; }
+
+private:
+    Storage m_storage;
+    QuotaService m_quota;
+    AccountService m_accounts;
+    SyncService m_sync;
+    ServiceSet m_services;
+};
+
+} // namespace
 
 CloudService::CloudService(QObject *parent) : QObject(parent) {}
 
 CloudService::~CloudService()
 {
-    // The front goes first: nothing may reach the services while they die.
+    // The pool goes first: its threads finish what they run, and answers
+    // still queued for the front are dropped with it. Then the front.
+    m_pool.reset();
     delete m_http;
     m_http = nullptr;
+    if (m_loopWatch)
+        qCInfo(lcService) << "longest event-loop stall:" << m_loopWatch->longestStallMs() << "ms";
+}
+
+qint64 CloudService::longestStallMs() const
+{
+    return m_loopWatch ? m_loopWatch->longestStallMs() : 0;
 }
 
 bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClock clock, CodeMailer *mailer,
                          AccountPolicy policy, SyncPolicy syncPolicy)
 {
-    m_storage = std::make_unique<Storage>();
-    if (!m_storage->open(config.database, error))
-        return false;
-    m_hasher = std::make_unique<PasswordHasher>(config.pbkdf2Iterations);
+    SqlDialect dialect = SqlDialect::Sqlite;
+    {
+        // The schema is migrated once, before any database thread connects.
+        Storage storage;
+        if (!storage.open(config.database, error))
+            return false;
+        dialect = storage.dialect();
+    }
+    m_hasher = std::make_unique<PasswordHasher>(config.argon2);
     if (!mailer) {
         if (config.smtp.isConfigured())
             m_ownMailer = std::make_unique<SmtpCodeMailer>(config.smtp);
@@ -32,26 +77,59 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
             m_ownMailer = std::make_unique<LogCodeMailer>();
         mailer = m_ownMailer.get();
     }
+    m_queuedMailer = std::make_unique<QueuedCodeMailer>(*mailer, this);
     policy.accessTtlMs = qint64(config.accessTtlSeconds) * 1000;
     policy.approvalMode = config.approvalMode;
-    m_quota = std::make_unique<QuotaService>(*m_storage, config.monthlyQuotaBytes, clock);
-    m_accounts = std::make_unique<AccountService>(*m_storage, *m_hasher, *mailer, policy, clock);
-    m_sync = std::make_unique<SyncService>(*m_storage, *m_quota, syncPolicy, clock);
-    m_router = std::make_unique<ApiRouter>(*m_accounts, *m_sync, *m_quota);
 
-    HttpLimits limits;
-    limits.maxBodyBytes = config.maxBodyBytes;
-    m_http = new CloudHttpServer(*m_router, limits, this);
+    PoolLimits limits;
+    limits.databaseThreads = config.databaseThreads > 0 ? config.databaseThreads
+                                                        : (dialect == SqlDialect::Postgres ? 8 : 2);
+    limits.hashThreads = config.hashThreads > 0 ? config.hashThreads : qMax(1, QThread::idealThreadCount());
+    const QString database = config.database;
+    const qint64 quota = config.monthlyQuotaBytes;
+    const PasswordHasher &hasher = *m_hasher;
+    CodeMailer &queuedMailer = *m_queuedMailer;
+    m_pool = std::make_unique<WorkerPool>(
+        limits,
+        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock](QString *openError) {
+            auto context = std::make_unique<ServiceContext>(hasher, queuedMailer, policy, syncPolicy, quota, clock);
+            if (!context->open(database, openError))
+                context.reset();
+            return std::unique_ptr<WorkerContext>(std::move(context));
+        },
+        *m_hasher);
+    if (!m_pool->start(error))
+        return false;
+
+    FrontLimits front;
+    front.http.maxBodyBytes = config.maxBodyBytes;
+    front.http.headTimeoutMs = config.headTimeoutSeconds * 1000;
+    front.http.bodyTimeoutMs = config.bodyTimeoutSeconds * 1000;
+    front.http.idleTimeoutMs = config.idleTimeoutSeconds * 1000;
+    front.maxConnections = config.maxConnections;
+    front.maxConnectionsPerAddress = config.maxConnectionsPerAddress;
+    front.maxWaitingSignIns = config.maxConnectionsPerAddress;  // each waits on a connection of its own
+    TrustedProxies proxies;
+    for (const QString &proxy : config.trustedProxies)
+        proxies.add(proxy);
+    m_http = new CloudHttpServer(*m_pool, front, proxies, this);
     m_port = m_http->start(config.listenAddress, config.port, error);
     if (m_port == 0)
         return false;
 
+    const auto prune = [this, clock, policy] {
+        m_pool->submit(QStringLiteral("error"),
+                       [clock, policy](WorkerContext &context) -> ApiOutcome {
+                           context.storage().pruneExpired(clock(), policy.attemptWindowMs, policy.refreshGraceMs);
+                           return ApiReply::ok(QStringLiteral("error"));
+                       },
+                       {});
+    };
     m_prune = new QTimer(this);
     m_prune->setInterval(kPruneIntervalMs);
-    connect(m_prune, &QTimer::timeout, this, [this, clock, policy] {
-        m_storage->pruneExpired(clock(), policy.attemptWindowMs);
-    });
+    connect(m_prune, &QTimer::timeout, this, prune);
     m_prune->start();
-    m_storage->pruneExpired(clock(), policy.attemptWindowMs);
+    prune();
+    m_loopWatch = new LoopWatch(this);
     return true;
 }

@@ -10,15 +10,16 @@
 
 #include <memory>
 
-class ApiRouter;
 class CodeMailer;
+class LoopWatch;
 class PasswordHasher;
 class QTimer;
-class QuotaService;
-class Storage;
+class WorkerPool;
 
-// The whole service, wired from its configuration: storage, domain
-// services, router and the HTTP front, plus the housekeeping timer.
+// The whole service, wired from its configuration: the schema migrated
+// once, the worker pool with a database connection per database thread and
+// the domain services over each, the HTTP front on the event loop, and the
+// housekeeping timer.
 class CloudService : public QObject
 {
     Q_OBJECT
@@ -30,24 +31,24 @@ public:
     ~CloudService() override;
 
     // `clock` and `mailer` are for tests; by default the system clock, and
-    // SMTP when configured, else the log.
+    // SMTP when configured, else the log. `clock` is read from the worker
+    // threads.
     bool start(const ServiceConfig &config, QString *error, ServiceClock clock = systemServiceClock(),
                CodeMailer *mailer = nullptr, AccountPolicy policy = {}, SyncPolicy syncPolicy = {});
     quint16 port() const { return m_port; }
 
-    Storage &storage() { return *m_storage; }
-    AccountService &accounts() { return *m_accounts; }
     CloudHttpServer &http() { return *m_http; }
+    WorkerPool &pool() { return *m_pool; }
+    // The longest time the event loop was held up so far.
+    qint64 longestStallMs() const;
 
 private:
-    std::unique_ptr<Storage> m_storage;
     std::unique_ptr<PasswordHasher> m_hasher;
     std::unique_ptr<CodeMailer> m_ownMailer;
-    std::unique_ptr<QuotaService> m_quota;
-    std::unique_ptr<AccountService> m_accounts;
-    std::unique_ptr<SyncService> m_sync;
-    std::unique_ptr<ApiRouter> m_router;
+    std::unique_ptr<CodeMailer> m_queuedMailer;
+    std::unique_ptr<WorkerPool> m_pool;
     CloudHttpServer *m_http = nullptr;
+    LoopWatch *m_loopWatch = nullptr;
     QTimer *m_prune = nullptr;
     quint16 m_port = 0;
 };

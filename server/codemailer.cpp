@@ -14,6 +14,14 @@ qint64 nowMs()
 }
 } // namespace
 
+void QueuedCodeMailer::sendCode(const QString &email, const QString &code, int ttlMinutes)
+{
+    CodeMailer *target = &m_target;
+    QMetaObject::invokeMethod(
+        m_context, [target, email, code, ttlMinutes] { target->sendCode(email, code, ttlMinutes); },
+        Qt::QueuedConnection);
+}
+
 void LogCodeMailer::sendCode(const QString &email, const QString &code, int ttlMinutes)
 {
     qCInfo(lcMail).noquote() << QStringLiteral("registration code for %1: %2 (valid for %3 minutes)")

@@ -21,6 +21,20 @@ public:
     virtual void sendCode(const QString &email, const QString &code, int ttlMinutes) = 0;
 };
 
+// Hands each code to another mailer on the thread of `context` (the event
+// loop), whichever thread asks: requests run on the worker pool's threads,
+// mailers that talk to an SMTP server live on the event loop.
+class QueuedCodeMailer : public CodeMailer
+{
+public:
+    QueuedCodeMailer(CodeMailer &target, QObject *context) : m_target(target), m_context(context) {}
+    void sendCode(const QString &email, const QString &code, int ttlMinutes) override;
+
+private:
+    CodeMailer &m_target;
+    QObject *m_context;
+};
+
 // Without an SMTP server the code goes to the service log, where the
 // person running the service reads it.
 class LogCodeMailer : public CodeMailer

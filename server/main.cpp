@@ -11,8 +11,10 @@
 #include <QProcessEnvironment>
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -39,6 +41,34 @@ void quitOnSignals(QCoreApplication &app)
     });
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
+}
+
+// Descriptors beyond the connections: database connections, the log,
+// SMTP, the listening socket.
+constexpr int kReservedDescriptors = 128;
+
+// Raises the soft descriptor limit as far as the connection cap needs (the
+// hard limit allowing) and warns when that is still too low: beyond the
+// limit, new connections wait until one closes.
+void checkDescriptorLimit(const ServiceConfig &config)
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    const rlim_t wanted = rlim_t(config.maxConnections) + kReservedDescriptors + rlim_t(config.databaseThreads);
+    if (limit.rlim_cur < wanted) {
+        rlimit raised = limit;
+        raised.rlim_cur = std::min(wanted, limit.rlim_max);
+        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0)
+            limit = raised;
+    }
+    if (limit.rlim_cur < wanted)
+        qCWarning(lcService).noquote()
+            << QStringLiteral("this process may open %1 files, but %2 connections need about %3: raise LimitNOFILE "
+                              "(or ulimit -n) or lower --max-connections")
+                   .arg(qulonglong(limit.rlim_cur))
+                   .arg(config.maxConnections)
+                   .arg(qulonglong(wanted));
 }
 
 } // namespace
@@ -84,6 +114,7 @@ int main(int argc, char *argv[])
         return 0;
     }
 
+    checkDescriptorLimit(config);
     CloudService service;
     if (!service.start(config, &error)) {
         qCCritical(lcService).noquote() << "cannot start:" << error;

@@ -79,6 +79,23 @@ QList<Migration> migrations(SqlDialect dialect)
                             " bytes BIGINT NOT NULL,"
                             " PRIMARY KEY (user_id, month))"),
          }},
+        {2,
+         {
+             // Sign-in failures per (address, account) pair and per
+             // address; they set delays, they lock nothing. The old
+             // per-account and per-address lock buckets go.
+             QStringLiteral("CREATE TABLE sign_in_failures ("
+                            " bucket TEXT PRIMARY KEY,"
+                            " failures INTEGER NOT NULL,"
+                            " last_failure_at BIGINT NOT NULL)"),
+             QStringLiteral("CREATE INDEX sign_in_failures_last ON sign_in_failures (last_failure_at)"),
+             QStringLiteral("DELETE FROM attempts WHERE bucket LIKE 'login-%'"),
+             // The pair a rotation handed out, sealed with the rotated
+             // token, for a client that asks again within the grace time.
+             QStringLiteral("ALTER TABLE refresh_tokens ADD COLUMN successor TEXT"),
+             QStringLiteral("CREATE INDEX refresh_tokens_successor ON refresh_tokens (rotated_at)"
+                            " WHERE successor IS NOT NULL"),
+         }},
     };
     for (Migration &step : steps) {
         for (QString &sql : step.statements)

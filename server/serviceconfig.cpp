@@ -1,8 +1,10 @@
 #include "serviceconfig.h"
 
+#include "clientaddress.h"
 
 #include <QCommandLineParser>
 #include <QProcessEnvironment>
+#include <QRegularExpression>
 #include <QStandardPaths>
 
 QString ServiceConfig::defaultDatabasePath()
@@ -37,9 +39,20 @@ const Option kOptions[] = {
     {"smtp-from", "TSL_CLOUD_SMTP_FROM", "address", "Sender address of the code e-mails."},
     {"quota-bytes", "TSL_CLOUD_QUOTA_BYTES", "bytes", "Monthly traffic per account; 0 is unlimited (default)."},
     {"log-level", "TSL_CLOUD_LOG_LEVEL", "level", "debug, info (default), warning or error."},
-    {"pbkdf2-iterations", "TSL_CLOUD_PBKDF2_ITERATIONS", "count", "Password hash work factor (default 60000)."},
+    {"argon2-memory", "TSL_CLOUD_ARGON2_MEMORY", "KiB", "Memory of one password hash (Argon2id; default 19456)."},
+    {"argon2-passes", "TSL_CLOUD_ARGON2_PASSES", "count", "Passes of one password hash (Argon2id; default 2)."},
     {"access-ttl", "TSL_CLOUD_ACCESS_TTL", "seconds", "Lifetime of access tokens (default 900)."},
     {"max-body", "TSL_CLOUD_MAX_BODY", "bytes", "Largest request body accepted (default 1048576)."},
+    {"head-timeout", "TSL_CLOUD_HEAD_TIMEOUT", "seconds", "Time for a whole request head (default 10)."},
+    {"body-timeout", "TSL_CLOUD_BODY_TIMEOUT", "seconds", "Time for a whole request body (default 30)."},
+    {"idle-timeout", "TSL_CLOUD_IDLE_TIMEOUT", "seconds",
+     "Time a kept-alive connection may wait for its next request (default 60)."},
+    {"max-connections", "TSL_CLOUD_MAX_CONNECTIONS", "count", "Open connections at most (default 1000)."},
+    {"max-connections-per-address", "TSL_CLOUD_MAX_CONNECTIONS_PER_ADDRESS", "count",
+     "Open connections per client address at most (default 128)."},
+    {"database-threads", "TSL_CLOUD_DATABASE_THREADS", "count",
+     "Threads with a database connection each (default 2 on SQLite, 8 on PostgreSQL)."},
+    {"hash-threads", "TSL_CLOUD_HASH_THREADS", "count", "Threads for password hashing (default one per core)."},
     {"approve", nullptr, "email", "Approve the pending account of this address, then exit."},
 };
 
@@ -74,6 +87,11 @@ void declare(QCommandLineParser &parser)
             help += QStringLiteral(" [%1]").arg(QString::fromLatin1(option.env));
         parser.addOption(QCommandLineOption(QString::fromLatin1(option.name), help, QString::fromLatin1(option.valueName)));
     }
+    parser.addOption(QCommandLineOption(
+        QStringLiteral("trusted-proxy"),
+        QStringLiteral("A reverse proxy (ADDRESS or ADDRESS/PREFIX) whose X-Forwarded-For names the client; "
+                       "repeatable. [TSL_CLOUD_TRUSTED_PROXIES, comma-separated]"),
+        QStringLiteral("address")));
     parser.addOption(QCommandLineOption(QStringLiteral("approval"),
                                         QStringLiteral("New accounts wait for an administrator's approval. [TSL_CLOUD_APPROVAL=1]")));
     parser.addOption(QCommandLineOption(QStringLiteral("list-pending"),
@@ -141,9 +159,17 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
         qint64 high;
     };
     const NumberOption numbers[] = {{"quota-bytes", 0, Q_INT64_C(1) << 50},
-                                    {"pbkdf2-iterations", 1, 10'000'000},
+                                    {"argon2-memory", 8, 1024 * 1024},
+                                    {"argon2-passes", 1, 16},
                                     {"access-ttl", 60, 7 * 24 * 3600},
-                                    {"max-body", 1024, 64 * 1024 * 1024}};
+                                    {"max-body", 1024, 64 * 1024 * 1024},
+                                    {"head-timeout", 1, 3600},
+                                    {"body-timeout", 1, 3600},
+                                    {"idle-timeout", 1, 3600},
+                                    {"max-connections", 1, 1'000'000},
+                                    {"max-connections-per-address", 1, 1'000'000},
+                                    {"database-threads", 1, 64},
+                                    {"hash-threads", 1, 64}};
     for (const NumberOption &option : numbers) {
         const QString text = v.value(QString::fromLatin1(option.name));
         if (text.isEmpty())
@@ -158,12 +184,44 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
         const QString name = QString::fromLatin1(option.name);
         if (name == QLatin1String("quota-bytes"))
             config.monthlyQuotaBytes = number;
-        else if (name == QLatin1String("pbkdf2-iterations"))
-            config.pbkdf2Iterations = static_cast<int>(number);
+        else if (name == QLatin1String("argon2-memory"))
+            config.argon2.memoryKiB = quint32(number);
+        else if (name == QLatin1String("argon2-passes"))
+            config.argon2.passes = quint32(number);
         else if (name == QLatin1String("access-ttl"))
             config.accessTtlSeconds = static_cast<int>(number);
-        else
+        else if (name == QLatin1String("max-body"))
             config.maxBodyBytes = number;
+        else if (name == QLatin1String("head-timeout"))
+            config.headTimeoutSeconds = static_cast<int>(number);
+        else if (name == QLatin1String("body-timeout"))
+            config.bodyTimeoutSeconds = static_cast<int>(number);
+        else if (name == QLatin1String("idle-timeout"))
+            config.idleTimeoutSeconds = static_cast<int>(number);
+        else if (name == QLatin1String("max-connections"))
+            config.maxConnections = static_cast<int>(number);
+        else if (name == QLatin1String("max-connections-per-address"))
+            config.maxConnectionsPerAddress = static_cast<int>(number);
+        else if (name == QLatin1String("database-threads"))
+            config.databaseThreads = static_cast<int>(number);
+        else
+            config.hashThreads = static_cast<int>(number);
+    }
+    if (config.argon2.memoryKiB < 8 * config.argon2.lanes) {
+        *error = QStringLiteral("--argon2-memory wants at least %1 KiB").arg(8 * config.argon2.lanes);
+        return false;
+    }
+
+    config.trustedProxies = parser.values(QStringLiteral("trusted-proxy"));
+    if (config.trustedProxies.isEmpty())
+        config.trustedProxies = env.value(QStringLiteral("TSL_CLOUD_TRUSTED_PROXIES"))
+                                    .split(QRegularExpression(QStringLiteral("[,\\s]+")), Qt::SkipEmptyParts);
+    TrustedProxies proxies;
+    for (const QString &proxy : std::as_const(config.trustedProxies)) {
+        if (!proxies.add(proxy)) {
+            *error = QStringLiteral("--trusted-proxy wants an address or ADDRESS/PREFIX, not %1").arg(proxy);
+            return false;
+        }
     }
 
     const QString level = v.value(QStringLiteral("log-level")).trimmed();

@@ -4,6 +4,7 @@
 
 #include <QHostAddress>
 #include <QString>
+#include <QStringList>
 
 class QCommandLineParser;
 class QProcessEnvironment;
@@ -35,9 +36,17 @@ struct ServiceConfig
     qint64 monthlyQuotaBytes = 0;  // 0: unlimited
     bool approvalMode = false;
     QString logLevel = QStringLiteral("info");
-    int pbkdf2Iterations = PasswordHasher::kDefaultIterations;
+    Argon2Cost argon2;
     int accessTtlSeconds = 900;
     qint64 maxBodyBytes = 1024 * 1024;
+    int headTimeoutSeconds = 10;  // a whole request head
+    int bodyTimeoutSeconds = 30;  // a whole request body
+    int idleTimeoutSeconds = 60;  // a kept-alive connection between requests
+    int maxConnections = 1000;
+    int maxConnectionsPerAddress = 128;
+    QStringList trustedProxies;  // "ADDRESS" or "ADDRESS/PREFIX"
+    int databaseThreads = 0;     // 0: by database (SQLite 2, PostgreSQL 8)
+    int hashThreads = 0;         // 0: one per core
 
     // Administration: done instead of serving.
     QString approveEmail;

@@ -3,6 +3,7 @@
 #include "servicelog.h"
 
 #include <QAtomicInt>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
 #include <QSqlDriver>
@@ -15,6 +16,10 @@
 namespace {
 
 QAtomicInt connectionCounter;
+
+constexpr int kConnectTimeoutSeconds = 3;
+constexpr int kFirstRetryMs = 100;
+constexpr int kLongestRetryMs = 5000;
 
 bool isPostgresUrl(const QString &database)
 {
@@ -54,7 +59,7 @@ Storage::~Storage()
     }
 }
 
-bool Storage::open(const QString &database, QString *error)
+bool Storage::open(const QString &database, QString *error, bool migrate)
 {
     if (isPostgresUrl(database)) {
         m_dialect = SqlDialect::Postgres;
@@ -70,8 +75,12 @@ bool Storage::open(const QString &database, QString *error)
         m_db.setDatabaseName(url.path().mid(1));
         m_db.setUserName(url.userName());
         m_db.setPassword(url.password());
+        // A database host that does not answer holds a worker for at most
+        // this long per attempt.
+        QStringList options{QStringLiteral("connect_timeout=%1").arg(kConnectTimeoutSeconds)};
         if (query.hasQueryItem(QStringLiteral("sslmode")))
-            m_db.setConnectOptions(QStringLiteral("sslmode=%1").arg(query.queryItemValue(QStringLiteral("sslmode"))));
+            options.append(QStringLiteral("sslmode=%1").arg(query.queryItemValue(QStringLiteral("sslmode"))));
+        m_db.setConnectOptions(options.join(u';'));
     } else {
         m_dialect = SqlDialect::Sqlite;
         const QFileInfo file(database);
@@ -87,6 +96,20 @@ bool Storage::open(const QString &database, QString *error)
         *error = QStringLiteral("the Qt SQL driver for this database is not installed");
         return false;
     }
+    if (!connect(error))
+        return false;
+    if (migrate)
+        return this->migrate(error);
+    const QList<Migration> steps = migrations(m_dialect);
+    if (schemaVersion() != steps.last().version) {
+        *error = QStringLiteral("the database schema is not at version %1").arg(steps.last().version);
+        return false;
+    }
+    return true;
+}
+
+bool Storage::connect(QString *error)
+{
     if (!m_db.open()) {
         *error = m_db.lastError().text();
         return false;
@@ -102,7 +125,54 @@ bool Storage::open(const QString &database, QString *error)
             }
         }
     }
-    return migrate(error);
+    return true;
+}
+
+bool Storage::beginWork()
+{
+    m_failed = false;
+    if (!m_lost)
+        return true;
+    const qint64 now = QDeadlineTimer::current().deadline();
+    if (now < m_retryAtMs)
+        return false;
+    {
+        // Prepared on the old connection; the driver cannot free them there.
+        ServiceLog::QuietQtWarnings quiet;
+        m_statements.clear();
+        m_db.close();
+    }
+    QString error;
+    if (connect(&error)) {
+        qCInfo(lcStore) << "database connection re-opened";
+        m_lost = false;
+        m_backoffMs = 0;
+        return true;
+    }
+    m_backoffMs = qBound(kFirstRetryMs, m_backoffMs * 2, kLongestRetryMs);
+    m_retryAtMs = now + m_backoffMs;
+    qCWarning(lcStore).noquote() << "database still unavailable:" << error.trimmed();
+    return false;
+}
+
+bool Storage::endWork()
+{
+    if (m_inTransaction)
+        rollback();  // work that failed half-way leaves nothing open
+    if (!m_failed || m_lost)
+        return m_lost;
+    m_failed = false;
+    // A failed statement may have been a bad one or the server going away:
+    // a trivial one tells which.
+    releaseStatements();
+    QSqlQuery probe(m_db);
+    if (m_db.isOpen() && probe.exec(QStringLiteral("SELECT 1")))
+        return false;
+    qCWarning(lcStore).noquote() << "database connection lost:" << probe.lastError().text().trimmed();
+    m_lost = true;
+    m_backoffMs = 0;
+    m_retryAtMs = 0;  // the next request tries at once
+    return true;
 }
 
 bool Storage::migrate(QString *error)
@@ -205,6 +275,7 @@ bool Storage::run(QSqlQuery &query, const char *what)
 {
     if (query.exec())
         return true;
+    m_failed = true;
     qCWarning(lcStore) << what << "failed:" << query.lastError().text();
     return false;
 }
@@ -212,8 +283,17 @@ bool Storage::run(QSqlQuery &query, const char *what)
 bool Storage::begin()
 {
     releaseStatements();
-    if (m_db.transaction())
+    // SQLite: take the write lock at the start. A transaction that reads
+    // first and writes later cannot wait for another connection's write
+    // (SQLite refuses at once to avoid a deadlock); one that starts as a
+    // writer waits for its turn under the busy time-out.
+    const bool ok = m_dialect == SqlDialect::Sqlite ? QSqlQuery(m_db).exec(QStringLiteral("BEGIN IMMEDIATE"))
+                                                    : m_db.transaction();
+    if (ok) {
+        m_inTransaction = true;
         return true;
+    }
+    m_failed = true;
     qCWarning(lcStore) << "begin failed:" << m_db.lastError().text();
     return false;
 }
@@ -221,17 +301,24 @@ bool Storage::begin()
 bool Storage::commit()
 {
     releaseStatements();
-    if (m_db.commit())
+    m_inTransaction = false;
+    const bool ok = m_dialect == SqlDialect::Sqlite ? QSqlQuery(m_db).exec(QStringLiteral("COMMIT")) : m_db.commit();
+    if (ok)
         return true;
+    m_failed = true;
     qCWarning(lcStore) << "commit failed:" << m_db.lastError().text();
-    m_db.rollback();
+    rollback();
     return false;
 }
 
 void Storage::rollback()
 {
     releaseStatements();
-    m_db.rollback();
+    m_inTransaction = false;
+    if (m_dialect == SqlDialect::Sqlite)
+        QSqlQuery(m_db).exec(QStringLiteral("ROLLBACK"));
+    else
+        m_db.rollback();
 }
 
 // --- accounts -------------------------------------------------------------
@@ -283,6 +370,15 @@ bool Storage::insertUser(UserRow &user)
         return false;
     user.id = q.value(0).toLongLong();
     return true;
+}
+
+bool Storage::replacePasswordHash(qint64 userId, const QString &oldHash, const QString &newHash)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE users SET password_hash = ? WHERE id = ? AND password_hash = ?"));
+    q.addBindValue(newHash);
+    q.addBindValue(userId);
+    q.addBindValue(oldHash);
+    return run(q, "replace password hash");
 }
 
 bool Storage::setUserState(const QString &email, const QString &state)
@@ -393,6 +489,41 @@ bool Storage::clearFailures(const QString &bucket)
     QSqlQuery &q = prepare(QStringLiteral("DELETE FROM attempts WHERE bucket = ?"));
     q.addBindValue(bucket);
     return run(q, "clear failures");
+}
+
+Storage::Found Storage::signInFailures(const QString &bucket, qint64 now, qint64 forgetAfterMs, SignInFailures &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "SELECT failures, last_failure_at FROM sign_in_failures WHERE bucket = ? AND last_failure_at >= ?"));
+    q.addBindValue(bucket);
+    q.addBindValue(now - forgetAfterMs);
+    if (!run(q, "sign-in failures"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = SignInFailures{q.value(0).toInt(), q.value(1).toLongLong()};
+    return Found::Yes;
+}
+
+bool Storage::recordSignInFailure(const QString &bucket, qint64 now, qint64 forgetAfterMs)
+{
+    // One statement, so failures racing on other instances all count.
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO sign_in_failures (bucket, failures, last_failure_at) VALUES (?, 1, ?)"
+        " ON CONFLICT (bucket) DO UPDATE SET"
+        " failures = CASE WHEN sign_in_failures.last_failure_at < ? THEN 1 ELSE sign_in_failures.failures + 1 END,"
+        " last_failure_at = excluded.last_failure_at"));
+    q.addBindValue(bucket);
+    q.addBindValue(now);
+    q.addBindValue(now - forgetAfterMs);
+    return run(q, "record sign-in failure");
+}
+
+bool Storage::clearSignInFailures(const QString &bucket)
+{
+    QSqlQuery &q = prepare(QStringLiteral("DELETE FROM sign_in_failures WHERE bucket = ?"));
+    q.addBindValue(bucket);
+    return run(q, "clear sign-in failures");
 }
 
 // --- devices ----------------------------------------------------------------
@@ -532,7 +663,7 @@ bool Storage::insertRefreshToken(qint64 sessionId, const QString &hash, qint64 n
 Storage::Found Storage::refreshToken(const QString &hash, RefreshRow &out)
 {
     QSqlQuery &q = prepare(QStringLiteral(
-        "SELECT r.id, r.session_id, s.user_id, s.device_id, r.expires_at, r.rotated_at"
+        "SELECT r.id, r.session_id, s.user_id, s.device_id, r.expires_at, r.rotated_at, r.successor"
         " FROM refresh_tokens r JOIN sessions s ON s.id = r.session_id WHERE r.token_hash = ?"));
     q.addBindValue(hash);
     if (!run(q, "refresh token"))
@@ -540,8 +671,17 @@ Storage::Found Storage::refreshToken(const QString &hash, RefreshRow &out)
     if (!q.next())
         return Found::No;
     out = RefreshRow{q.value(0).toLongLong(), q.value(1).toLongLong(), q.value(2).toLongLong(),
-                     nullableId(q.value(3)),  q.value(4).toLongLong(), !q.value(5).isNull()};
+                     nullableId(q.value(3)),  q.value(4).toLongLong(), !q.value(5).isNull(),
+                     q.value(5).toLongLong(), q.value(6).toString()};
     return Found::Yes;
+}
+
+bool Storage::setRefreshSuccessor(qint64 tokenId, const QString &sealed)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE refresh_tokens SET successor = ? WHERE id = ?"));
+    q.addBindValue(sealed);
+    q.addBindValue(tokenId);
+    return run(q, "set refresh successor");
 }
 
 bool Storage::rotateRefreshToken(qint64 tokenId, qint64 now, bool &won)
@@ -582,15 +722,17 @@ bool Storage::insertAccessToken(qint64 sessionId, const QString &hash, qint64 ex
 Storage::Found Storage::accessToken(const QString &hash, AccessRow &out)
 {
     QSqlQuery &q = prepare(QStringLiteral(
-        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at"
-        " FROM access_tokens a JOIN sessions s ON s.id = a.session_id WHERE a.token_hash = ?"));
+        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at, u.email, u.username, u.created_at"
+        " FROM access_tokens a JOIN sessions s ON s.id = a.session_id JOIN users u ON u.id = s.user_id"
+        " WHERE a.token_hash = ?"));
     q.addBindValue(hash);
     if (!run(q, "access token"))
         return Found::Error;
     if (!q.next())
         return Found::No;
     out = AccessRow{q.value(0).toLongLong(), q.value(1).toLongLong(), nullableId(q.value(2)),
-                    q.value(3).toLongLong()};
+                    q.value(3).toLongLong(), q.value(4).toString(), q.value(5).toString(),
+                    q.value(6).toLongLong()};
     return Found::Yes;
 }
 
@@ -639,22 +781,49 @@ Storage::Found Storage::syncItem(qint64 userId, const QString &ns, const QString
 
 Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, const QString &key,
                                           qint64 baseRevision, const QString &payload, qint64 now, int maxItems,
-                                          SyncItemRow &result)
+                                          const QString &month, qint64 bytes, SyncItemRow &result)
 {
-    // The update is conditional on the base revision, so of two writers
-    // with the same base exactly one wins, whichever instance serves them.
-    QSqlQuery &update = prepare(QStringLiteral(
-        "UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
-        " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ?"));
-    update.addBindValue(payload);
-    update.addBindValue(now);
-    update.addBindValue(userId);
-    update.addBindValue(ns);
-    update.addBindValue(key);
-    update.addBindValue(baseRevision);
-    if (!run(update, "update sync item"))
-        return SyncWrite::Error;
-    if (update.numRowsAffected() == 1) {
+    // The usual write, the next revision of a stored item, conditional on
+    // the base revision, so of two writers with the same base exactly one
+    // wins, whichever instance serves them. On PostgreSQL it is one
+    // statement with its traffic (one round trip, one commit to wait for);
+    // SQLite, in the process, takes the same two steps in a transaction.
+    bool updated = false;
+    if (m_dialect == SqlDialect::Postgres) {
+        QSqlQuery &q = prepare(QStringLiteral(
+            "WITH written AS (UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
+            " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ? RETURNING user_id),"
+            " counted AS (INSERT INTO traffic (user_id, month, bytes) SELECT user_id, ?, ? FROM written"
+            " ON CONFLICT (user_id, month) DO UPDATE SET bytes = traffic.bytes + excluded.bytes)"
+            " SELECT COUNT(*) FROM written"));
+        for (const QVariant &value : {QVariant(payload), QVariant(now), QVariant(userId), QVariant(ns), QVariant(key),
+                                      QVariant(baseRevision), QVariant(month), QVariant(bytes)})
+            q.addBindValue(value);
+        if (!run(q, "update sync item") || !q.next())
+            return SyncWrite::Error;
+        updated = q.value(0).toInt() == 1;
+    } else {
+        if (!begin())
+            return SyncWrite::Error;
+        QSqlQuery &update = prepare(QStringLiteral(
+            "UPDATE sync_items SET revision = revision + 1, payload = ?, updated_at = ?"
+            " WHERE user_id = ? AND namespace = ? AND item_key = ? AND revision = ?"));
+        for (const QVariant &value :
+             {QVariant(payload), QVariant(now), QVariant(userId), QVariant(ns), QVariant(key), QVariant(baseRevision)})
+            update.addBindValue(value);
+        if (!run(update, "update sync item")) {
+            rollback();
+            return SyncWrite::Error;
+        }
+        updated = update.numRowsAffected() == 1;
+        if (updated && (!addTraffic(userId, month, bytes) || !commit())) {
+            rollback();
+            return SyncWrite::Error;
+        }
+        if (!updated)
+            rollback();
+    }
+    if (updated) {
         result = SyncItemRow{ns, key, baseRevision + 1, payload, now};
         return SyncWrite::Written;
     }
@@ -667,12 +836,18 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
         break;
     }
     // A new item: whatever base the writer had, there is nothing to lose.
+    if (!begin())
+        return SyncWrite::Error;
     QSqlQuery &count = prepare(QStringLiteral("SELECT COUNT(*) FROM sync_items WHERE user_id = ?"));
     count.addBindValue(userId);
-    if (!run(count, "count sync items") || !count.next())
+    if (!run(count, "count sync items") || !count.next()) {
+        rollback();
         return SyncWrite::Error;
-    if (count.value(0).toInt() >= maxItems)
+    }
+    if (count.value(0).toInt() >= maxItems) {
+        rollback();
         return SyncWrite::LimitReached;
+    }
     QSqlQuery &insert = prepare(QStringLiteral(
         "INSERT INTO sync_items (user_id, namespace, item_key, revision, payload, updated_at)"
         " VALUES (?, ?, ?, 1, ?, ?) ON CONFLICT (user_id, namespace, item_key) DO NOTHING"));
@@ -681,12 +856,19 @@ Storage::SyncWrite Storage::writeSyncItem(qint64 userId, const QString &ns, cons
     insert.addBindValue(key);
     insert.addBindValue(payload);
     insert.addBindValue(now);
-    if (!run(insert, "insert sync item"))
+    if (!run(insert, "insert sync item")) {
+        rollback();
         return SyncWrite::Error;
+    }
     if (insert.numRowsAffected() == 1) {
+        if (!addTraffic(userId, month, bytes) || !commit()) {
+            rollback();
+            return SyncWrite::Error;
+        }
         result = SyncItemRow{ns, key, 1, payload, now};
         return SyncWrite::Written;
     }
+    rollback();
     // Another writer created it a moment ago.
     return syncItem(userId, ns, key, result) == Found::Yes ? SyncWrite::Conflict : SyncWrite::Error;
 }
@@ -717,7 +899,7 @@ bool Storage::trafficOf(qint64 userId, const QString &month, qint64 &bytes)
 
 // --- housekeeping ---------------------------------------------------------------
 
-bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs)
+bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs)
 {
     struct Step
     {
@@ -735,6 +917,12 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs)
          now},
         {"prune codes", QStringLiteral("DELETE FROM registration_codes WHERE expires_at < ?"), now},
         {"prune attempts", QStringLiteral("DELETE FROM attempts WHERE window_start < ?"), now - attemptWindowMs},
+        {"prune sign-in failures", QStringLiteral("DELETE FROM sign_in_failures WHERE last_failure_at < ?"),
+         now - attemptWindowMs},
+        // A rotated pair is kept sealed for the grace time only.
+        {"prune successors",
+         QStringLiteral("UPDATE refresh_tokens SET successor = NULL WHERE successor IS NOT NULL AND rotated_at < ?"),
+         now - refreshGraceMs},
     };
     bool ok = true;
     for (const Step &step : steps) {

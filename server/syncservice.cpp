@@ -73,7 +73,7 @@ ApiReply SyncService::put(const Caller &caller, const QString &ns, const QString
     }
     SyncItemRow stored;
     switch (m_storage.writeSyncItem(caller.userId, ns, key, base, QString::fromUtf8(text), m_clock(),
-                                    m_policy.maxItemsPerAccount, stored)) {
+                                    m_policy.maxItemsPerAccount, m_quota.currentMonth(), text.size(), stored)) {
     case Storage::SyncWrite::Error:
         return internalError(kType);
     case Storage::SyncWrite::LimitReached:
@@ -86,7 +86,5 @@ ApiReply SyncService::put(const Caller &caller, const QString &ns, const QString
     case Storage::SyncWrite::Written:
         break;
     }
-    if (!m_quota.record(caller.userId, text.size()))
-        return internalError(kType);
     return ApiReply::ok(kType, {{QStringLiteral("item"), syncItemJson(stored)}});
 }

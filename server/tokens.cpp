@@ -38,4 +38,20 @@ bool equalConstantTime(const QByteArray &a, const QByteArray &b)
     return diff == 0;
 }
 
+QByteArray sealed(const QString &secret, const QByteArray &data)
+{
+    const QByteArray key = QCryptographicHash::hash("tsl.sealed:" + secret.toUtf8(), QCryptographicHash::Sha256);
+    QByteArray out = data;
+    QByteArray block;
+    for (qsizetype i = 0; i < out.size(); ++i) {
+        if (i % 32 == 0) {
+            const quint32 counter = quint32(i / 32);
+            const char bytes[4] = {char(counter >> 24), char(counter >> 16), char(counter >> 8), char(counter)};
+            block = QCryptographicHash::hash(key + QByteArray(bytes, 4), QCryptographicHash::Sha256);
+        }
+        out[i] = char(out[i] ^ block[i % 32]);
+    }
+    return out;
+}
+
 } // namespace Tokens

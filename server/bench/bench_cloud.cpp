@@ -1,11 +1,18 @@
-// Load on the cloud service: N concurrent clients (default 100) each sign
-// in once, then alternate profile reads and sync writes over a kept-alive
-// connection for the given time. Prints requests per second, p50 and p99
-// latency and errors. The service runs as its own process, on SQLite by
-// default or on the PostgreSQL URL given as third argument.
+// Load on the cloud service as users make it: N concurrent clients
+// (default 100) all sign in at once (the storm), then alternate profile
+// reads and sync writes over kept-alive connections for the given time.
+// While the storm runs, ten clients signed in before keep reading their
+// profile: requests that need no password hash must not wait behind it.
 //
-//   bench_cloud [seconds=30] [clients=100] [postgresql://...]
+// Three set-ups, each with the service as its own executable: SQLite; a
+// throwaway PostgreSQL cluster at its default settings (synchronous_commit
+// on, fsync on); and two instances on that cluster behind haproxy. Each
+// prints requests per second, p50/p99/max latency, errors, the storm's
+// figures and the service's longest event-loop stall.
+//
+//   bench_cloud [seconds=30] [clients=100] [sqlite,postgresql,haproxy]
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,43 +25,56 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
+
+const QString kPostgresBin = QStringLiteral("/usr/lib/postgresql/15/bin");
+constexpr int kClientsPerAccount = 10;
+constexpr int kLightClients = 10;
 
 struct Stats
 {
     std::vector<double> latenciesMs;
     int errors = 0;
+
+    double percentile(double p) const
+    {
+        std::vector<double> sorted = latenciesMs;
+        std::sort(sorted.begin(), sorted.end());
+        return sorted.empty() ? 0.0 : sorted[std::min(sorted.size() - 1, size_t(p * double(sorted.size())))];
+    }
+    double max() const { return latenciesMs.empty() ? 0.0 : *std::max_element(latenciesMs.begin(), latenciesMs.end()); }
 };
 
-// One kept-alive HTTP/1.1 connection that sends one request at a time.
+// One kept-alive HTTP/1.1 connection that sends one request at a time: a
+// sign-in first unless it has a token, then profile reads and (unless it
+// only reads) sync writes in turn.
 class Client : public QObject
 {
 public:
-    Client(quint16 port, QString email, int index, Stats &stats)
-        : m_email(std::move(email)), m_index(index), m_stats(stats)
+    Client(quint16 port, QString email, int index, bool readOnly)
+        : m_port(port), m_email(std::move(email)), m_index(index), m_readOnly(readOnly)
     {
         connect(&m_socket, &QTcpSocket::readyRead, this, [this] { onData(); });
         connect(&m_socket, &QTcpSocket::disconnected, this, [this] {
             if (m_running) {
-                ++m_stats.errors;
+                ++m_stats->errors;
                 m_socket.connectToHost(QHostAddress::LocalHost, m_port);
-                m_pending = true;
             }
         });
-        connect(&m_socket, &QTcpSocket::connected, this, [this] {
-            if (m_pending) {
-                m_pending = false;
-                next();
-            }
-        });
-        m_port = port;
+        connect(&m_socket, &QTcpSocket::connected, this, [this] { next(); });
     }
+    void setToken(const QByteArray &token) { m_token = token; }
+    bool hasToken() const { return !m_token.isEmpty(); }
+    // Where the answers count from now on.
+    void recordInto(Stats *stats) { m_stats = stats; }
     void start()
     {
         m_running = true;
-        m_pending = true;
         m_socket.connectToHost(QHostAddress::LocalHost, m_port);
     }
     void stop() { m_running = false; }
@@ -74,14 +94,13 @@ private:
     {
         if (!m_running)
             return;
-        if (m_token.isEmpty()) {
+        if (m_token.isEmpty())
             send("POST", "/api/v3/account/login", {{"email", m_email}, {"password", "bench password"}});
-        } else if (m_step++ % 2 == 0) {
+        else if (m_readOnly || m_step++ % 2 == 0)
             send("GET", "/api/v3/account/me");
-        } else {
+        else
             send("PUT", "/api/v3/sync/items/bench/c" + QByteArray::number(m_index),
                  {{"base_revision", m_revision}, {"payload", QJsonObject{{"n", m_step}}}});
-        }
     }
     void onData()
     {
@@ -96,28 +115,28 @@ private:
         const int status = m_buffer.mid(9, 3).toInt();
         const QJsonObject body = QJsonDocument::fromJson(m_buffer.mid(end + 4, length)).object();
         m_buffer.remove(0, end + 4 + length);
-        m_stats.latenciesMs.push_back(m_timer.nsecsElapsed() / 1e6);
-        if (status != 200) {
-            ++m_stats.errors;
-        } else if (body.contains("access_token")) {
-            m_token = body.value("access_token").toString().toLatin1();
-        } else if (body.contains("item")) {
-            m_revision = body.value("item").toObject().value("revision").toInteger();
+        if (m_stats) {
+            m_stats->latenciesMs.push_back(m_timer.nsecsElapsed() / 1e6);
+            m_stats->errors += status == 200 ? 0 : 1;
         }
+        if (status == 200 && body.contains("access_token"))
+            m_token = body.value("access_token").toString().toLatin1();
+        else if (status == 200 && body.contains("item"))
+            m_revision = body.value("item").toObject().value("revision").toInteger();
         next();
     }
 
     QTcpSocket m_socket;
-    quint16 m_port = 0;
+    quint16 m_port;
     QString m_email;
     int m_index;
-    Stats &m_stats;
+    bool m_readOnly;
+    Stats *m_stats = nullptr;
     QByteArray m_buffer;
     QByteArray m_token;
     qint64 m_revision = 0;
     int m_step = 0;
     bool m_running = false;
-    bool m_pending = false;
     QElapsedTimer m_timer;
 };
 
@@ -132,15 +151,269 @@ QJsonObject call(quint16 port, const QByteArray &path, const QJsonObject &body)
     socket.write("POST " + path + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\nContent-Length: "
                  + QByteArray::number(data.size()) + "\r\n\r\n" + data);
     QByteArray reply;
-    static const QRegularExpression lengthLine(QStringLiteral("(?i)content-length:\\s*(\\d+)"));
-    while (socket.waitForReadyRead(10000)) {
+    while (socket.waitForReadyRead(10000))
         reply += socket.readAll();
-        const qsizetype end = reply.indexOf("\r\n\r\n");
-        const qint64 length = lengthLine.match(QString::fromLatin1(reply.left(end))).captured(1).toLongLong();
-        if (end >= 0 && reply.size() >= end + 4 + length)
-            break;
-    }
+    reply += socket.readAll();
     return QJsonDocument::fromJson(reply.mid(reply.indexOf("\r\n\r\n") + 4)).object();
+}
+
+// tessaline-cloud as its own process; its log is read as it comes.
+class Service
+{
+public:
+    ~Service() { stop(); }
+    bool start(const QStringList &arguments)
+    {
+        m_process.setProcessChannelMode(QProcess::SeparateChannels);
+        QObject::connect(&m_process, &QProcess::readyReadStandardError, [this] { read(); });
+        m_process.start(QStringLiteral(TSL_CLOUD_BINARY), QStringList{"--listen", "127.0.0.1:0"} + arguments);
+        const QRegularExpression listening(QStringLiteral("listening on 127\\.0\\.0\\.1:(\\d+)"));
+        QElapsedTimer waited;
+        waited.start();
+        while (m_port == 0 && waited.elapsed() < 15000 && m_process.state() != QProcess::NotRunning) {
+            m_process.waitForReadyRead(100);
+            read();
+            m_port = quint16(listening.match(QString::fromUtf8(m_log)).captured(1).toUInt());
+        }
+        if (m_port == 0)
+            std::fprintf(stderr, "the service did not start\n%s\n", m_log.constData());
+        return m_port != 0;
+    }
+    // The newest registration code the log shows for `email`.
+    QString codeFor(const QString &email)
+    {
+        const QRegularExpression line(QStringLiteral("code for %1: (\\d+)").arg(QRegularExpression::escape(email)));
+        QString code;
+        for (int i = 0; i < 100 && code.isEmpty(); ++i) {
+            m_process.waitForReadyRead(50);
+            read();
+            code = line.match(QString::fromUtf8(m_log)).captured(1);
+        }
+        return code;
+    }
+    // From now on only the lines that matter to the figures are kept.
+    void keepLogShort() { m_short = true; }
+    // Stops the service; the longest event-loop stall it reported.
+    qint64 stop()
+    {
+        if (m_process.state() == QProcess::NotRunning)
+            return m_stallMs;
+        m_process.terminate();
+        m_process.waitForFinished(10000);
+        read();
+        return m_stallMs;
+    }
+    quint16 port() const { return m_port; }
+
+private:
+    void read()
+    {
+        const QByteArray more = m_process.readAllStandardError();
+        static const QRegularExpression stall(QStringLiteral("longest event-loop stall: (\\d+) ms"));
+        const QRegularExpressionMatch match = stall.match(QString::fromUtf8(more));
+        if (match.hasMatch())
+            m_stallMs = match.captured(1).toLongLong();
+        if (!m_short)
+            m_log += more;
+    }
+
+    QProcess m_process;
+    QByteArray m_log;
+    quint16 m_port = 0;
+    qint64 m_stallMs = -1;
+    bool m_short = false;
+};
+
+// A throwaway PostgreSQL 15 cluster at its default settings, reached
+// through a socket folder; as root it runs as "nobody" (initdb refuses root).
+class Postgres
+{
+public:
+    bool start(const QString &folder)
+    {
+        m_folder = folder;
+        m_user = ::geteuid() == 0 ? QStringLiteral("nobody") : qEnvironmentVariable("USER");
+        QDir().mkpath(folder + QStringLiteral("/run"));
+        if (::geteuid() == 0 && QProcess::execute(QStringLiteral("chown"), {"-R", m_user, folder}) != 0)
+            return false;
+        const int port = 20000 + int(::getpid() % 20000);  // names the socket file only
+        m_url = QStringLiteral("postgresql://%1@/postgres?host=%2/run&port=%3").arg(m_user, folder).arg(port);
+        m_running = run(kPostgresBin + QStringLiteral("/initdb"),
+                        {"-D", folder + QStringLiteral("/data"), "-U", m_user, "--auth=trust", "-E", "UTF8"})
+                    && run(kPostgresBin + QStringLiteral("/pg_ctl"),
+                           {"-D", folder + QStringLiteral("/data"), "-w", "-l", folder + QStringLiteral("/pg.log"), "-o",
+                            QStringLiteral("-k %1/run -p %2 -c listen_addresses='' -c max_connections=100")
+                                .arg(folder)
+                                .arg(port),
+                            "start"});
+        return m_running;
+    }
+    ~Postgres()
+    {
+        if (m_running)
+            run(kPostgresBin + QStringLiteral("/pg_ctl"), {"-D", m_folder + QStringLiteral("/data"), "-m", "fast", "-w", "stop"});
+    }
+    QString url() const { return m_url; }
+
+private:
+    bool run(const QString &program, const QStringList &arguments)
+    {
+        QProcess process;
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        if (::geteuid() == 0)
+            process.start(QStringLiteral("runuser"), QStringList{"-u", m_user, "--", program} + arguments);
+        else
+            process.start(program, arguments);
+        const bool ok = process.waitForFinished(120000) && process.exitCode() == 0;
+        if (!ok)
+            std::fprintf(stderr, "%s\n", process.readAll().right(2000).constData());
+        return ok;
+    }
+
+    QString m_folder;
+    QString m_user;
+    QString m_url;
+    bool m_running = false;
+};
+
+// haproxy in front of the given ports, on a listening socket this process
+// opened (port chosen by the system) and hands over as "fd@N".
+class Haproxy
+{
+public:
+    bool start(const QString &folder, const QList<quint16> &backends)
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0
+            || ::listen(m_fd, 511) != 0 || ::getsockname(m_fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+            return false;
+        m_port = ntohs(address.sin_port);
+        QString servers;
+        for (qsizetype i = 0; i < backends.size(); ++i)
+            servers += QStringLiteral("    server s%1 127.0.0.1:%2 check inter 1s\n").arg(i).arg(backends[i]);
+        QFile config(folder + QStringLiteral("/haproxy.cfg"));
+        if (!config.open(QIODevice::WriteOnly))
+            return false;
+        config.write(QStringLiteral("global\n    maxconn 4000\ndefaults\n    mode http\n    option forwardfor\n"
+                                    "    timeout connect 5s\n    timeout client 60s\n    timeout server 60s\n"
+                                    "frontend cloud\n    bind fd@%1\n    default_backend instances\n"
+                                    "backend instances\n    balance roundrobin\n    option httpchk GET /healthz\n%2")
+                         .arg(m_fd)
+                         .arg(servers)
+                         .toUtf8());
+        config.close();
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral("haproxy"), {"-f", config.fileName(), "-db"});
+        return m_process.waitForStarted(5000);
+    }
+    ~Haproxy()
+    {
+        m_process.terminate();
+        m_process.waitForFinished(5000);
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    quint16 port() const { return m_port; }
+
+private:
+    QProcess m_process;
+    int m_fd = -1;
+    quint16 m_port = 0;
+};
+
+// Registers `accounts` accounts through `port` with the codes `service` logs.
+bool registerAccounts(Service &service, quint16 port, int accounts, const QString &run)
+{
+    for (int a = 0; a < accounts; ++a) {
+        const QString email = QStringLiteral("bench%1-%2@example.org").arg(a).arg(run);
+        call(port, "/api/v3/account/register/code", {{"email", email}});
+        const QString code = service.codeFor(email);
+        if (!call(port, "/api/v3/account/register", {{"email", email}, {"password", "bench password"}, {"code", code}})
+                 .value("status")
+                 .toBool()) {
+            std::fprintf(stderr, "could not register %s\n", qPrintable(email));
+            return false;
+        }
+    }
+    return true;
+}
+
+void print(const char *setup, const char *figure, double value, const char *unit)
+{
+    std::printf("cloud_%s_%s %.*f %s\n", setup, figure, value >= 100 || value == int(value) ? 0 : 2, value, unit);
+    std::fflush(stdout);
+}
+
+// The storm, then the steady load, through `port`; prints the figures.
+void measure(const char *setup, quint16 port, int seconds, int clients, const QString &run)
+{
+    const int accounts = (clients + kClientsPerAccount - 1) / kClientsPerAccount;
+    const auto email = [&](int client) {
+        return QStringLiteral("bench%1-%2@example.org").arg(client % accounts).arg(run);
+    };
+    // Ten readers signed in beforehand, then everybody else signs in at once.
+    std::vector<std::unique_ptr<Client>> light;
+    for (int i = 0; i < kLightClients; ++i) {
+        light.push_back(std::make_unique<Client>(port, email(i), i, true));
+        light.back()->setToken(call(port, "/api/v3/account/login", {{"email", email(i)}, {"password", "bench password"}})
+                                   .value("access_token")
+                                   .toString()
+                                   .toLatin1());
+    }
+    std::vector<std::unique_ptr<Client>> pool;
+    for (int i = 0; i < clients; ++i)
+        pool.push_back(std::make_unique<Client>(port, email(i), i, false));
+
+    Stats storm;
+    Stats stormPlain;
+    for (auto &client : light) {
+        client->recordInto(&stormPlain);
+        client->start();
+    }
+    QElapsedTimer stormTime;
+    stormTime.start();
+    for (auto &client : pool) {
+        client->recordInto(&storm);
+        client->start();
+    }
+    const auto allSignedIn = [&] {
+        return std::all_of(pool.begin(), pool.end(), [](const std::unique_ptr<Client> &c) { return c->hasToken(); });
+    };
+    while (!allSignedIn() && stormTime.elapsed() < 120000)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    const double stormSeconds = stormTime.nsecsElapsed() / 1e9;
+    for (auto &client : light)
+        client->stop();
+
+    // The steady load: everybody reads and writes.
+    Stats steady;
+    for (auto &client : pool)
+        client->recordInto(&steady);
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < seconds * 1000)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    const double elapsed = clock.nsecsElapsed() / 1e9;
+    for (auto &client : pool)
+        client->recordInto(nullptr);
+    for (auto &client : pool)
+        client->stop();
+
+    print(setup, "requests_per_second", double(steady.latenciesMs.size()) / elapsed, "req/s");
+    print(setup, "latency_p50", steady.percentile(0.50), "ms");
+    print(setup, "latency_p99", steady.percentile(0.99), "ms");
+    print(setup, "latency_max", steady.max(), "ms");
+    print(setup, "errors", steady.errors + storm.errors + stormPlain.errors, "count");
+    print(setup, "signin_storm_clients", clients, "count");
+    print(setup, "signin_storm_duration", stormSeconds, "s");
+    print(setup, "signin_storm_signin_p99", storm.percentile(0.99), "ms");
+    print(setup, "signin_storm_plain_requests", double(stormPlain.latenciesMs.size()), "count");
+    print(setup, "signin_storm_plain_p99", stormPlain.percentile(0.99), "ms");
+    print(setup, "signin_storm_plain_max", stormPlain.max(), "ms");
 }
 
 } // namespace
@@ -151,81 +424,60 @@ int main(int argc, char *argv[])
     const QStringList args = app.arguments();
     const int seconds = args.value(1, QStringLiteral("30")).toInt();
     const int clients = args.value(2, QStringLiteral("100")).toInt();
-    const QString postgres = args.value(3);
-    const int accounts = (clients + 9) / 10;
+    const QStringList setups = args.value(3, QStringLiteral("sqlite,postgresql,haproxy")).split(u',');
+    const int accounts = (qMax(clients, kLightClients) + kClientsPerAccount - 1) / kClientsPerAccount;
+    const QString run = QString::number(QDateTime::currentMSecsSinceEpoch());
 
-    QTemporaryDir dir;
-    QProcess service;
-    service.setProcessChannelMode(QProcess::SeparateChannels);
-    service.setReadChannel(QProcess::StandardError);
-    QStringList serviceArgs{"--listen", "127.0.0.1:0", "--log-level", "info", "--database",
-                            postgres.isEmpty() ? dir.filePath("bench.sqlite") : postgres};
-    service.start(QStringLiteral(TSL_CLOUD_BINARY), serviceArgs);
-    QByteArray log;
-    quint16 port = 0;
-    QElapsedTimer waited;
-    waited.start();
-    const QRegularExpression listening(QStringLiteral("listening on 127\\.0\\.0\\.1:(\\d+)"));
-    while (port == 0 && waited.elapsed() < 10000 && service.waitForReadyRead(200)) {
-        log += service.readAllStandardError();
-        port = quint16(listening.match(QString::fromUtf8(log)).captured(1).toUInt());
+    if (setups.contains(QLatin1String("sqlite"))) {
+        QTemporaryDir dir;
+        Service service;
+        if (!service.start({"--database", dir.filePath("bench.sqlite")})
+            || !registerAccounts(service, service.port(), accounts, run))
+            return 1;
+        service.keepLogShort();
+        measure("sqlite", service.port(), seconds, clients, run);
+        print("sqlite", "loop_stall_max", double(service.stop()), "ms");
     }
-    if (port == 0) {
-        std::fprintf(stderr, "the service did not start\n%s\n", log.constData());
+
+    if (!setups.contains(QLatin1String("postgresql")) && !setups.contains(QLatin1String("haproxy")))
+        return 0;
+    QTemporaryDir dir;
+    QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ExeGroup
+                                          | QFile::ExeOther);
+    Postgres postgres;
+    if (!postgres.start(dir.path())) {
+        std::fprintf(stderr, "the PostgreSQL cluster did not start\n");
         return 1;
     }
-    // Accounts, ten clients each, registered with the codes from the log.
-    const QString run = QString::number(QDateTime::currentMSecsSinceEpoch());
-    for (int a = 0; a < accounts; ++a) {
-        const QString email = QStringLiteral("bench%1-%2@example.org").arg(a).arg(run);
-        call(port, "/api/v3/account/register/code", {{"email", email}});
-        const QRegularExpression codeLine(QStringLiteral("code for %1: (\\d+)").arg(QRegularExpression::escape(email)));
-        QString code;
-        for (int i = 0; i < 50 && code.isEmpty(); ++i) {
-            service.waitForReadyRead(100);
-            log += service.readAllStandardError();
-            code = codeLine.match(QString::fromUtf8(log)).captured(1);
-        }
-        if (!call(port, "/api/v3/account/register",
-                  {{"email", email}, {"password", "bench password"}, {"code", code}})
-                 .value("status")
-                 .toBool()) {
-            std::fprintf(stderr, "could not register %s\n", qPrintable(email));
+    if (setups.contains(QLatin1String("postgresql"))) {
+        Service service;
+        if (!service.start({"--database", postgres.url()}) || !registerAccounts(service, service.port(), accounts, run))
             return 1;
-        }
+        service.keepLogShort();
+        measure("postgresql", service.port(), seconds, clients, run);
+        print("postgresql", "loop_stall_max", double(service.stop()), "ms");
     }
-    // The request log would dominate; the service's log is drained and dropped.
-    QObject::connect(&service, &QProcess::readyReadStandardError, [&service] { service.readAllStandardError(); });
-
-    Stats stats;
-    std::vector<std::unique_ptr<Client>> pool;
-    for (int i = 0; i < clients; ++i)
-        pool.push_back(std::make_unique<Client>(
-            port, QStringLiteral("bench%1-%2@example.org").arg(i / 10).arg(run), i, stats));
-    QElapsedTimer clock;
-    clock.start();
-    for (auto &client : pool)
-        client->start();
-    QTimer::singleShot(seconds * 1000, &app, [&] {
-        for (auto &client : pool)
-            client->stop();
-        app.quit();
-    });
-    app.exec();
-    const double elapsed = clock.nsecsElapsed() / 1e9;
-
-    std::vector<double> sorted = stats.latenciesMs;
-    std::sort(sorted.begin(), sorted.end());
-    const auto percentile = [&](double p) {
-        return sorted.empty() ? 0.0 : sorted[std::min(sorted.size() - 1, size_t(p * double(sorted.size())))];
-    };
-    const char *db = postgres.isEmpty() ? "sqlite" : "postgresql";
-    std::printf("cloud_%s_requests_per_second %.0f req/s\n", db, double(sorted.size()) / elapsed);
-    std::printf("cloud_%s_latency_p50 %.2f ms\n", db, percentile(0.50));
-    std::printf("cloud_%s_latency_p99 %.2f ms\n", db, percentile(0.99));
-    std::printf("cloud_%s_latency_max %.2f ms\n", db, sorted.empty() ? 0.0 : sorted.back());
-    std::printf("cloud_%s_errors %d count\n", db, stats.errors);
-    service.terminate();
-    service.waitForFinished(5000);
+    if (setups.contains(QLatin1String("haproxy"))) {
+        const QString again = run + QStringLiteral("h");
+        Service first;
+        Service second;
+        Haproxy haproxy;
+        if (!first.start({"--database", postgres.url(), "--trusted-proxy", "127.0.0.1"})
+            || !second.start({"--database", postgres.url(), "--trusted-proxy", "127.0.0.1"})
+            || !haproxy.start(dir.path(), {first.port(), second.port()}))
+            return 1;
+        // Codes are logged by whichever instance took the request: ask each directly.
+        for (int a = 0; a < accounts; ++a) {
+            Service &instance = a % 2 ? second : first;
+            const QString email = QStringLiteral("bench%1-%2@example.org").arg(a).arg(again);
+            call(instance.port(), "/api/v3/account/register/code", {{"email", email}});
+            call(haproxy.port(), "/api/v3/account/register",
+                 {{"email", email}, {"password", "bench password"}, {"code", instance.codeFor(email)}});
+        }
+        first.keepLogShort();
+        second.keepLogShort();
+        measure("haproxy_two_instances", haproxy.port(), seconds, clients, again);
+        print("haproxy_two_instances", "loop_stall_max", double(qMax(first.stop(), second.stop())), "ms");
+    }
     return 0;
 }

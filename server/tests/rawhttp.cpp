@@ -3,14 +3,25 @@
 #include <QEventLoop>
 #include <QTimer>
 #include <QJsonDocument>
-#include <QTcpSocket>
+#include <QSslConfiguration>
+#include <QSslSocket>
 
-RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
+QByteArray RawResponse::header(const QByteArray &name) const
+{
+    for (const auto &[key, value] : headers) {
+        if (key == name)
+            return value;
+    }
+    return {};
+}
+
+RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, const QHostAddress &from,
+                        const QSslCertificate *authority)
 {
     // Driven by the event loop, so a service running in this process
     // answers while we wait.
     RawResponse response;
-    QTcpSocket socket;
+    QSslSocket socket;
     QEventLoop loop;
     QByteArray data;
     qsizetype headerEnd = -1;
@@ -35,7 +46,14 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
             loop.quit();
         }
     };
-    QObject::connect(&socket, &QTcpSocket::connected, &loop, [&] { socket.write(raw); });
+    if (authority) {
+        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+        tls.setCaCertificates({*authority});
+        socket.setSslConfiguration(tls);
+        QObject::connect(&socket, &QSslSocket::encrypted, &loop, [&] { socket.write(raw); });
+    } else {
+        QObject::connect(&socket, &QTcpSocket::connected, &loop, [&] { socket.write(raw); });
+    }
     QObject::connect(&socket, &QTcpSocket::readyRead, &loop, take);
     QObject::connect(&socket, &QTcpSocket::disconnected, &loop, [&] {
         take();
@@ -47,7 +65,12 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
             loop.quit();
     });
     QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    socket.connectToHost(QHostAddress::LocalHost, port);
+    if (!from.isNull())
+        socket.bind(from);
+    if (authority)
+        socket.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port, QStringLiteral("localhost"));
+    else
+        socket.connectToHost(QHostAddress::LocalHost, port);
     loop.exec();
     if (!complete) {
         response.status = 0;
@@ -59,19 +82,22 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs)
 }
 
 RawResponse httpRequest(quint16 port, const QByteArray &method, const QByteArray &path, const QByteArray &body,
-                        const QString &token)
+                        const QString &token, const QByteArray &extraHeaders, const QHostAddress &from,
+                        const QSslCertificate *authority)
 {
-    QByteArray raw = method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
+    QByteArray raw = method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + extraHeaders;
     if (!token.isEmpty())
         raw += "Authorization: Bearer " + token.toUtf8() + "\r\n";
     if (method == "POST" || method == "PUT")
         raw += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n";
     raw += "\r\n" + body;
-    return rawExchange(port, raw);
+    return rawExchange(port, raw, 5000, from, authority);
 }
 
 RawResponse httpJson(quint16 port, const QByteArray &method, const QByteArray &path, const QJsonObject &body,
-                     const QString &token)
+                     const QString &token, const QByteArray &extraHeaders, const QHostAddress &from,
+                     const QSslCertificate *authority)
 {
-    return httpRequest(port, method, path, QJsonDocument(body).toJson(QJsonDocument::Compact), token);
+    return httpRequest(port, method, path, QJsonDocument(body).toJson(QJsonDocument::Compact), token, extraHeaders,
+                       from, authority);
 }

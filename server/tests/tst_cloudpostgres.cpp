@@ -1,15 +1,23 @@
 // The service on PostgreSQL: a throwaway cluster in a temporary folder,
 // run as an unprivileged user (initdb refuses root), reached through its
-// socket folder; two service instances share it.
+// socket folder. Two service instances share it, alone and behind haproxy;
+// the cluster stops and starts again under load.
 #include "cloudservice.h"
 #include "codemailer.h"
 #include "rawhttp.h"
+#include "workerpool.h"
 
 #include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QProcess>
+#include <QSslCertificate>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -22,6 +30,98 @@ struct KeptCodes : CodeMailer
     void sendCode(const QString &email, const QString &code, int) override { codes.insert(email, code); }
 };
 
+// A kept-alive client writing its own sync item over and over, each write
+// based on the last revision the service acknowledged, and reading its
+// profile in between. It notes every answer's status and code.
+class SyncWriter : public QObject
+{
+public:
+    SyncWriter(quint16 port, QByteArray token, int index) : m_port(port), m_token(std::move(token)), m_index(index)
+    {
+        connect(&m_socket, &QTcpSocket::connected, this, [this] { next(); });
+        connect(&m_socket, &QTcpSocket::readyRead, this, [this] { onData(); });
+        connect(&m_socket, &QTcpSocket::disconnected, this, [this] {
+            if (m_running)
+                QTimer::singleShot(50, this, [this] { m_socket.connectToHost(QHostAddress::LocalHost, m_port); });
+        });
+    }
+    void start()
+    {
+        m_running = true;
+        m_socket.connectToHost(QHostAddress::LocalHost, m_port);
+    }
+    void stop() { m_running = false; }
+
+    qint64 acknowledged = 0;  // the last revision the service confirmed
+    QList<QPair<int, QString>> answers;
+
+private:
+    void next()
+    {
+        if (!m_running || m_socket.state() != QAbstractSocket::ConnectedState)
+            return;
+        QByteArray request;
+        if (m_step++ % 2 == 0) {
+            const QByteArray body = QJsonDocument(QJsonObject{{"base_revision", acknowledged},
+                                                              {"payload", QJsonObject{{"n", acknowledged + 1}}}})
+                                        .toJson(QJsonDocument::Compact);
+            request = "PUT /api/v3/sync/items/load/w" + QByteArray::number(m_index) + " HTTP/1.1\r\nHost: x\r\n"
+                      "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
+            m_writing = true;
+            m_buffer.clear();
+            m_socket.write(request + "Authorization: Bearer " + m_token + "\r\n\r\n" + body);
+        } else {
+            m_writing = false;
+            m_socket.write("GET /api/v3/account/me HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + m_token + "\r\n\r\n");
+        }
+    }
+    void onData()
+    {
+        m_buffer += m_socket.readAll();
+        const qsizetype end = m_buffer.indexOf("\r\n\r\n");
+        if (end < 0)
+            return;
+        static const QRegularExpression length(QStringLiteral("(?i)content-length:\\s*(\\d+)"));
+        const qint64 bodyLength = length.match(QString::fromLatin1(m_buffer.left(end))).captured(1).toLongLong();
+        if (m_buffer.size() < end + 4 + bodyLength)
+            return;
+        const int status = m_buffer.mid(9, 3).toInt();
+        const QJsonObject body = QJsonDocument::fromJson(m_buffer.mid(end + 4, bodyLength)).object();
+        m_buffer.remove(0, end + 4 + bodyLength);
+        answers.append({status, body.value("code").toString()});
+        if (m_writing && status == 200)
+            acknowledged = body.value("item").toObject().value("revision").toInteger();
+        else if (m_writing && body.value("code").toString() == QLatin1String("revision_conflict"))
+            acknowledged = body.value("server_item").toObject().value("revision").toInteger();  // an answer lost in the outage
+        QTimer::singleShot(10, this, [this] { next(); });
+    }
+
+    QTcpSocket m_socket;
+    quint16 m_port;
+    QByteArray m_token;
+    int m_index;
+    QByteArray m_buffer;
+    int m_step = 0;
+    bool m_writing = false;
+    bool m_running = false;
+};
+
+// A listening socket on a port the system picks, left open across exec for
+// a child (haproxy's "fd@N").
+int inheritableListener(quint16 &port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || ::listen(fd, 128) != 0
+        || ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        return -1;
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
 } // namespace
 
 class TestCloudPostgres : public QObject
@@ -32,16 +132,22 @@ private slots:
     void initTestCase();
     void cleanupTestCase();
     void twoInstancesShareAccountsTokensAndItems();
+    void anOutageIsAnsweredUnavailableAndLosesNoWrite();
+    void twoInstancesBehindHaproxyServeEveryFlow();
 
 private:
     bool runAsOwner(const QString &program, const QStringList &arguments, int timeoutMs = 60000);
-    std::unique_ptr<CloudService> startInstance();
+    // pg_ctl as the cluster's owner, while this thread's event loop goes on.
+    bool controlCluster(const QString &action);
+    std::unique_ptr<CloudService> startInstance(const QStringList &trustedProxies = {});
+    QString registerAccount(quint16 port, const QString &email);
 
     QTemporaryDir m_dir;
     QString m_user;
     bool m_running = false;
     KeptCodes m_mailer;
     QString m_url;
+    QString m_serverOptions;
 };
 
 bool TestCloudPostgres::runAsOwner(const QString &program, const QStringList &arguments, int timeoutMs)
@@ -74,10 +180,9 @@ void TestCloudPostgres::initTestCase()
     QVERIFY(runAsOwner(kBin + QStringLiteral("/initdb"),
                        {"-D", data, "-U", m_user, "--auth=trust", "--no-sync", "-E", "UTF8"}));
     const int port = 20000 + int(::getpid() % 20000);
+    m_serverOptions = QStringLiteral("-k %1 -p %2 -c listen_addresses='' -c fsync=off").arg(sockets).arg(port);
     QVERIFY(runAsOwner(kBin + QStringLiteral("/pg_ctl"),
-                       {"-D", data, "-w", "-t", "30", "-l", m_dir.filePath("pg.log"), "-o",
-                        QStringLiteral("-k %1 -p %2 -c listen_addresses='' -c fsync=off").arg(sockets).arg(port),
-                        "start"}));
+                       {"-D", data, "-w", "-t", "30", "-l", m_dir.filePath("pg.log"), "-o", m_serverOptions, "start"}));
     m_running = true;
     m_url = QStringLiteral("postgresql://%1@/postgres?host=%2&port=%3").arg(m_user, sockets).arg(port);
 }
@@ -88,12 +193,45 @@ void TestCloudPostgres::cleanupTestCase()
         runAsOwner(kBin + QStringLiteral("/pg_ctl"), {"-D", m_dir.filePath("data"), "-m", "immediate", "-w", "stop"});
 }
 
-std::unique_ptr<CloudService> TestCloudPostgres::startInstance()
+bool TestCloudPostgres::controlCluster(const QString &action)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    QStringList arguments{"-D", m_dir.filePath("data"), "-w", "-t", "30", "-l", m_dir.filePath("pg.log")};
+    if (action == QLatin1String("stop"))
+        arguments << "-m" << "fast";
+    else
+        arguments << "-o" << m_serverOptions;
+    arguments << action;
+    const QString pgctl = kBin + QStringLiteral("/pg_ctl");
+    if (::geteuid() == 0)
+        process.start(QStringLiteral("runuser"), QStringList{"-u", m_user, "--", pgctl} + arguments);
+    else
+        process.start(pgctl, arguments);
+    const bool finished = QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 60000);
+    if (!finished || process.exitCode() != 0)
+        qWarning().noquote() << "pg_ctl" << action << process.readAll().right(2000);
+    return finished && process.exitCode() == 0;
+}
+
+QString TestCloudPostgres::registerAccount(quint16 port, const QString &email)
+{
+    if (!httpJson(port, "POST", "/api/v3/account/register/code", {{"email", email}}).ok())
+        return {};
+    QTest::qWaitFor([&] { return m_mailer.codes.contains(email); }, 5000);
+    return httpJson(port, "POST", "/api/v3/account/register",
+                    {{"email", email}, {"password", "long enough"}, {"code", m_mailer.codes.value(email)}})
+        .json.value("access_token")
+        .toString();
+}
+
+std::unique_ptr<CloudService> TestCloudPostgres::startInstance(const QStringList &trustedProxies)
 {
     ServiceConfig config;
     config.port = 0;
     config.database = m_url;
-    config.pbkdf2Iterations = 1000;
+    config.argon2 = {256, 1, 1};
+    config.trustedProxies = trustedProxies;
     auto service = std::make_unique<CloudService>();
     QString error;
     if (!service->start(config, &error, systemServiceClock(), &m_mailer)) {
@@ -126,12 +264,15 @@ void TestCloudPostgres::twoInstancesShareAccountsTokensAndItems()
     QCOMPARE(stale.code(), QStringLiteral("revision_conflict"));
     QCOMPARE(stale.json.value("server_item").toObject().value("revision").toInt(), 1);
 
-    // A refresh on one instance and the reuse on the other end the chain.
+    // A refresh on one instance, and the same token again on the other
+    // right after (the first reply was lost): the same new pair.
     const QString refresh = registered.json.value("refresh_token").toString();
-    QVERIFY(httpJson(p1, "POST", "/api/v3/account/token/refresh", {{"refresh_token", refresh}}).ok());
-    QCOMPARE(httpJson(p2, "POST", "/api/v3/account/token/refresh", {{"refresh_token", refresh}}).code(),
-             QStringLiteral("refresh_token_reused"));
-    QCOMPARE(httpRequest(p1, "GET", "/api/v3/account/me", {}, token).status, 401);
+    const RawResponse renewed = httpJson(p1, "POST", "/api/v3/account/token/refresh", {{"refresh_token", refresh}});
+    QVERIFY(renewed.ok());
+    const RawResponse again = httpJson(p2, "POST", "/api/v3/account/token/refresh", {{"refresh_token", refresh}});
+    QVERIFY(again.ok());
+    QCOMPARE(again.json.value("refresh_token").toString(), renewed.json.value("refresh_token").toString());
+    QCOMPARE(httpRequest(p2, "GET", "/api/v3/account/me", {}, again.json.value("access_token").toString()).status, 200);
 
     // A restart loses nothing.
     first.reset();
@@ -143,6 +284,209 @@ void TestCloudPostgres::twoInstancesShareAccountsTokensAndItems()
     const RawResponse items = httpRequest(first->port(), "GET", "/api/v3/sync/items", {},
                                           login.json.value("access_token").toString());
     QCOMPARE(items.json.value("items").toArray().at(0).toObject().value("revision").toInt(), 1);
+}
+
+void TestCloudPostgres::anOutageIsAnsweredUnavailableAndLosesNoWrite()
+{
+    auto service = startInstance();
+    QVERIFY(service);
+    const QString token = registerAccount(service->port(), QStringLiteral("outage@example.org"));
+    QVERIFY(!token.isEmpty());
+    std::vector<std::unique_ptr<SyncWriter>> writers;
+    for (int i = 0; i < 4; ++i)
+        writers.push_back(std::make_unique<SyncWriter>(service->port(), token.toLatin1(), i));
+    for (auto &writer : writers)
+        writer->start();
+    const auto answered = [&] {
+        qsizetype all = 0;
+        for (auto &writer : writers)
+            all += writer->answers.size();
+        return all;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(answered() >= 40, 10000);
+    std::vector<qint64> acknowledgedBefore;
+    for (auto &writer : writers)
+        acknowledgedBefore.push_back(writer->acknowledged);
+
+    // The database goes away under load, and comes back.
+    QVERIFY(controlCluster(QStringLiteral("stop")));
+    const qsizetype beforeOutage = answered();
+    QTRY_VERIFY_WITH_TIMEOUT(answered() >= beforeOutage + 20, 10000);
+    QVERIFY(!service->pool().databaseReachable());
+    QVERIFY(controlCluster(QStringLiteral("start")));
+    // The service finds it again by itself.
+    const auto allWritersBack = [&] {
+        for (auto &writer : writers) {
+            if (writer->answers.isEmpty() || writer->answers.last().first != 200)
+                return false;
+        }
+        return true;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(allWritersBack(), 15000);
+    const qsizetype afterOutage = answered();
+    QTRY_VERIFY_WITH_TIMEOUT(answered() >= afterOutage + 20, 10000);
+    for (auto &writer : writers)
+        writer->stop();
+    QTest::qWait(200);
+
+    int unavailable = 0;
+    for (auto &writer : writers) {
+        for (const auto &[status, code] : std::as_const(writer->answers)) {
+            // Only answers, successes or "database_unavailable", never an internal error.
+            QVERIFY2(status == 200 || (status == 503 && code == QLatin1String("database_unavailable"))
+                         || code == QLatin1String("revision_conflict"),
+                     qPrintable(QStringLiteral("%1 %2").arg(status).arg(code)));
+            unavailable += status == 503 ? 1 : 0;
+        }
+    }
+    QVERIFY(unavailable > 0);
+    // No acknowledged write was lost: each item holds at least its last
+    // acknowledged revision, written by the write that revision names.
+    const RawResponse items = httpRequest(service->port(), "GET", "/api/v3/sync/items?namespace=load", {}, token);
+    QVERIFY(items.ok());
+    const QJsonArray list = items.json.value("items").toArray();
+    QCOMPARE(list.size(), qsizetype(writers.size()));
+    for (const QJsonValue &value : list) {
+        const QJsonObject item = value.toObject();
+        const int index = item.value("item_key").toString().mid(1).toInt();
+        QVERIFY(item.value("revision").toInteger() >= writers[size_t(index)]->acknowledged);
+        QVERIFY(writers[size_t(index)]->acknowledged > acknowledgedBefore[size_t(index)]);
+        QCOMPARE(item.value("payload").toObject().value("n").toInteger(), item.value("revision").toInteger());
+    }
+}
+
+void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
+{
+    auto first = startInstance({QStringLiteral("127.0.0.1")});
+    auto second = startInstance({QStringLiteral("127.0.0.1")});
+    QVERIFY(first && second);
+    quint16 port = 0;
+    const int listener = inheritableListener(port);
+    QVERIFY(listener >= 0);
+    const auto closeListener = qScopeGuard([listener] { ::close(listener); });
+    // The shipped configuration as it stands, but for where it listens (the
+    // socket above), its certificate (one made here for "localhost"), its
+    // servers (the two instances) and what only a system daemon does.
+    const QString key = m_dir.filePath(QStringLiteral("key.pem"));
+    const QString certificate = m_dir.filePath(QStringLiteral("certificate.pem"));
+    QVERIFY2(QProcess::execute(QStringLiteral("openssl"),
+                               {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                                "-keyout", key, "-out", certificate, "-days", "2", "-subj", "/CN=localhost",
+                                "-addext", "subjectAltName=DNS:localhost"})
+                 == 0,
+             "openssl (package openssl) could not make a certificate");
+    QFile keyFile(key);
+    QFile certificateFile(certificate);
+    QVERIFY(keyFile.open(QIODevice::ReadOnly) && certificateFile.open(QIODevice::ReadOnly));
+    const QByteArray certificatePem = certificateFile.readAll();
+    const QSslCertificate authority(certificatePem);
+    QVERIFY(!authority.isNull());
+    QFile bundle(m_dir.filePath(QStringLiteral("bundle.pem")));
+    QVERIFY(bundle.open(QIODevice::WriteOnly));
+    bundle.write(certificatePem + keyFile.readAll());
+    bundle.close();
+
+    QFile shipped(QStringLiteral(TSL_DEPLOY_DIR "/haproxy.cfg"));
+    QVERIFY(shipped.open(QIODevice::ReadOnly | QIODevice::Text));
+    QByteArray text;
+    int servers = 0;
+    bool tlsBind = false;
+    for (const QByteArray &line : shipped.readAll().split('\n')) {
+        const QByteArray word = line.simplified();
+        if (word.startsWith("log /dev/log") || word.startsWith("user ") || word.startsWith("group ")
+            || word == "daemon" || word.startsWith("bind :80"))
+            continue;
+        if (word.startsWith("bind :443 ssl crt ")) {
+            text += QStringLiteral("    bind fd@%1 ssl crt %2 alpn http/1.1\n").arg(listener).arg(bundle.fileName()).toUtf8();
+            tlsBind = true;
+        } else if (word.startsWith("server ")) {
+            const quint16 instance = (servers++ == 0 ? first : second)->port();
+            text += QStringLiteral("    server instance%1 127.0.0.1:%2\n").arg(servers).arg(instance).toUtf8();
+        } else {
+            text += line + '\n';
+        }
+    }
+    QVERIFY2(tlsBind && servers == 2, "the shipped haproxy.cfg changed its shape");
+    QFile config(m_dir.filePath(QStringLiteral("haproxy.cfg")));
+    QVERIFY(config.open(QIODevice::WriteOnly));
+    config.write(text);
+    config.close();
+    QProcess haproxy;
+    haproxy.setProcessChannelMode(QProcess::MergedChannels);
+    haproxy.start(QStringLiteral("haproxy"), {"-f", config.fileName(), "-db"});
+    QVERIFY2(haproxy.waitForStarted(5000), "haproxy (package haproxy) is not installed");
+    const auto stopHaproxy = qScopeGuard([&haproxy] {
+        haproxy.terminate();
+        haproxy.waitForFinished(5000);
+    });
+    const auto httpRequest = [&authority](quint16 to, const QByteArray &method, const QByteArray &path,
+                                          const QByteArray &body = {}, const QString &token = {}) {
+        return ::httpRequest(to, method, path, body, token, {}, {}, &authority);
+    };
+    const auto httpJson = [&authority](quint16 to, const QByteArray &method, const QByteArray &path,
+                                       const QJsonObject &body, const QString &token = {},
+                                       const QByteArray &extraHeaders = {}, const QHostAddress &from = {}) {
+        return ::httpJson(to, method, path, body, token, extraHeaders, from, &authority);
+    };
+    QTRY_COMPARE_WITH_TIMEOUT(httpRequest(port, "GET", "/healthz").status, 200, 10000);
+    // Plain HTTP on the TLS port gets nowhere.
+    QVERIFY(::httpRequest(port, "GET", "/healthz").status != 200);
+
+    // Every account and sync flow, each request on its own connection.
+    const quint64 before1 = first->http().answeredRequests();
+    const quint64 before2 = second->http().answeredRequests();
+    const QString email = QStringLiteral("lb@example.org");
+    QVERIFY(httpJson(port, "POST", "/api/v3/account/register/code", {{"email", email}}).ok());
+    QTRY_VERIFY_WITH_TIMEOUT(m_mailer.codes.contains(email), 5000);
+    RawResponse reply = httpJson(port, "POST", "/api/v3/account/register",
+                                 {{"email", email}, {"password", "long enough"}, {"code", m_mailer.codes.value(email)},
+                                  {"device_name", "1"}, {"client_version", "6.6.7"}});
+    QVERIFY2(reply.ok(), reply.body.constData());
+    reply = httpJson(port, "POST", "/api/v3/account/login",
+                     {{"email", email}, {"password", "long enough"}, {"device_name", "1"}});
+    QVERIFY(reply.ok());
+    QString access = reply.json.value("access_token").toString();
+    QString refresh = reply.json.value("refresh_token").toString();
+    QCOMPARE(httpRequest(port, "GET", "/api/v3/account/me", {}, access).status, 200);
+    QVERIFY(httpJson(port, "POST", "/api/v3/account/devices/bind", {{"device_name", "lab"}}, access).ok());
+    QCOMPARE(httpRequest(port, "GET", "/api/v3/account/devices", {}, access).json.value("devices").toArray().size(), 2);
+    QVERIFY(httpRequest(port, "GET", "/api/v3/cloud/quota", {}, access).ok());
+    const QByteArray item = "/api/v3/sync/items/settings.session/default";
+    for (int revision = 0; revision < 4; ++revision)
+        QVERIFY(httpJson(port, "PUT", item, {{"base_revision", revision}, {"payload", QJsonObject{{"n", revision}}}},
+                         access)
+                    .ok());
+    QCOMPARE(httpJson(port, "PUT", item, {{"base_revision", 1}, {"payload", QJsonObject()}}, access).code(),
+             QStringLiteral("revision_conflict"));
+    QCOMPARE(httpRequest(port, "GET", "/api/v3/sync/items?namespace=settings.session", {}, access)
+                 .json.value("items").toArray().at(0).toObject().value("revision").toInt(),
+             4);
+    for (int round = 0; round < 3; ++round) {
+        reply = httpJson(port, "POST", "/api/v3/account/token/refresh", {{"refresh_token", refresh}});
+        QVERIFY(reply.ok());
+        access = reply.json.value("access_token").toString();
+        refresh = reply.json.value("refresh_token").toString();
+        QCOMPARE(httpRequest(port, "GET", "/api/v3/account/me", {}, access).status, 200);
+    }
+    QVERIFY(httpJson(port, "POST", "/api/v3/account/logout", {{"refresh_token", refresh}}).ok());
+    QCOMPARE(httpRequest(port, "GET", "/api/v3/account/me", {}, access).status, 401);
+    // Round robin: both instances answered.
+    QVERIFY(first->http().answeredRequests() - before1 >= 5);
+    QVERIFY(second->http().answeredRequests() - before2 >= 5);
+
+    // The client address is haproxy's forwarded one: guesses from one
+    // client do not delay another behind the same proxy, and a client cannot
+    // name an address of its own.
+    const auto login = [&](const char *from, const char *password, const QByteArray &claim = {}) {
+        return httpJson(port, "POST", "/api/v3/account/login", {{"email", email}, {"password", password}}, {},
+                        claim.isEmpty() ? QByteArray() : "X-Forwarded-For: " + claim + "\r\n",
+                        QHostAddress(QString::fromLatin1(from)));
+    };
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(login("127.0.0.2", "guess").code(), QStringLiteral("invalid_credentials"));
+    QCOMPARE(login("127.0.0.2", "long enough").code(), QStringLiteral("too_many_attempts"));
+    QCOMPARE(login("127.0.0.2", "long enough", "192.0.2.7").code(), QStringLiteral("too_many_attempts"));
+    QVERIFY(login("127.0.0.3", "long enough").ok());
 }
 
 QTEST_GUILESS_MAIN(TestCloudPostgres)

@@ -2,10 +2,13 @@
 // with a virtual clock and a mailer that keeps the codes it was given.
 #include "codemailer.h"
 #include "cloudservice.h"
+#include "passwordhasher.h"
 #include "rawhttp.h"
+#include "storage.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QWebSocket>
 #include <QtTest>
@@ -32,20 +35,27 @@ private slots:
     void cleanup();
 
     void registersSignsInAndRefreshes();
-    void reusedRefreshTokenEndsTheWholeChain();
+    void aRotatedRefreshTokenHasAGraceTime_data();
+    void aRotatedRefreshTokenHasAGraceTime();
+    void racingRefreshesGetTheSamePair();
+    void passwordsAreArgon2idAndOlderHashesAreReplaced_data();
+    void passwordsAreArgon2idAndOlderHashesAreReplaced();
     void signOutEndsTheSession();
     void accessTokensExpireAndForgeriesFail_data();
     void accessTokensExpireAndForgeriesFail();
     void registrationCodesExpireAndAllowFewTries();
     void approvalModeHoldsNewAccounts();
-    void signInAttemptsAreLimited();
+    void wrongPasswordsDelayTheirPairOnly();
+    void guessesAcrossAccountsDelayTheirAddressOnly();
+    void onlyATrustedProxyNamesTheClient();
     void devicesBindListAndRemove();
     void syncItemsCarryRevisions();
     void syncBoundsAndQuota();
     void badInputGetsAnEnvelope_data();
     void badInputGetsAnEnvelope();
+    void oversizedBodiesAreRefusedEarly_data();
     void oversizedBodiesAreRefusedEarly();
-    void webSocketsToUnknownPathsAreClosed();
+    void webSocketHandshakesNeedAKnownPathAndAValidRequest();
     void restartKeepsEverything();
 
 private:
@@ -55,10 +65,11 @@ private:
     QJsonObject signIn(const QString &email, const QString &password = QStringLiteral("correct horse"));
 
     std::unique_ptr<QTemporaryDir> m_dir;
-    qint64 m_now = kStart;
+    std::atomic<qint64> m_now = kStart;  // read by the worker threads
     KeptCodes m_mailer;
     std::unique_ptr<CloudService> m_service;
     quint16 m_port = 0;
+    QStringList m_trustedProxies;
 };
 
 bool TestCloudService::startService(bool approval, qint64 quota)
@@ -68,10 +79,11 @@ bool TestCloudService::startService(bool approval, qint64 quota)
     config.listenAddress = QHostAddress(QHostAddress::LocalHost);
     config.port = 0;
     config.database = m_dir->filePath(QStringLiteral("cloud.sqlite"));
-    config.pbkdf2Iterations = 1000;  // tests only; the default is far higher
+    config.argon2 = {256, 1, 1};  // tests only; the default costs far more
     config.approvalMode = approval;
     config.monthlyQuotaBytes = quota;
     config.maxBodyBytes = 64 * 1024;
+    config.trustedProxies = m_trustedProxies;
     AccountPolicy policy;
     policy.maxDevices = 3;
     SyncPolicy syncPolicy;
@@ -79,7 +91,7 @@ bool TestCloudService::startService(bool approval, qint64 quota)
     syncPolicy.maxPayloadBytes = 8 * 1024;
     m_service = std::make_unique<CloudService>();
     QString error;
-    const bool ok = m_service->start(config, &error, [this] { return m_now; }, &m_mailer, policy, syncPolicy);
+    const bool ok = m_service->start(config, &error, [this] { return m_now.load(); }, &m_mailer, policy, syncPolicy);
     if (!ok)
         qWarning() << error;
     m_port = m_service->port();
@@ -91,6 +103,7 @@ void TestCloudService::init()
     m_dir = std::make_unique<QTemporaryDir>();
     m_now = kStart;
     m_mailer.codes.clear();
+    m_trustedProxies.clear();
     QVERIFY(startService());
 }
 
@@ -153,24 +166,120 @@ void TestCloudService::registersSignsInAndRefreshes()
     QVERIFY(!stored.contains(access.toLatin1()));
 }
 
-void TestCloudService::reusedRefreshTokenEndsTheWholeChain()
+void TestCloudService::aRotatedRefreshTokenHasAGraceTime_data()
 {
-    const QJsonObject login = signUp(QStringLiteral("eve@example.org"));
-    const QString first = login.value("refresh_token").toString();
-    const RawResponse rotated = httpJson(m_port, "POST", "/api/v3/account/token/refresh", {{"refresh_token", first}});
-    QVERIFY(rotated.ok());
-    const QString second = rotated.json.value("refresh_token").toString();
-    const QString access = rotated.json.value("access_token").toString();
+    QTest::addColumn<qint64>("laterMs");
+    QTest::addColumn<bool>("newPairUsed");
+    QTest::addColumn<bool>("samePair");
+    QTest::newRow("at once (the reply was lost)") << qint64(0) << false << true;
+    QTest::newRow("within 30 s") << qint64(30'000) << false << true;
+    QTest::newRow("after 30 s (a stolen copy)") << qint64(30'001) << false << false;
+    QTest::newRow("after the new pair was used") << qint64(1'000) << true << false;
+}
 
-    // The old token comes back (a thief's copy): the chain ends for everybody.
-    const RawResponse reuse = httpJson(m_port, "POST", "/api/v3/account/token/refresh", {{"refresh_token", first}});
-    QCOMPARE(reuse.status, 401);
-    QCOMPARE(reuse.code(), QStringLiteral("refresh_token_reused"));
-    const RawResponse rightful = httpJson(m_port, "POST", "/api/v3/account/token/refresh", {{"refresh_token", second}});
-    QCOMPARE(rightful.code(), QStringLiteral("invalid_refresh_token"));
+void TestCloudService::aRotatedRefreshTokenHasAGraceTime()
+{
+    QFETCH(qint64, laterMs);
+    QFETCH(bool, newPairUsed);
+    QFETCH(bool, samePair);
+    const auto refresh = [&](const QString &token) {
+        return httpJson(m_port, "POST", "/api/v3/account/token/refresh", {{"refresh_token", token}});
+    };
+    const QString first = signUp(QStringLiteral("eve@example.org")).value("refresh_token").toString();
+    const RawResponse rotated = refresh(first);
+    QVERIFY(rotated.ok());
+    QString current = rotated.json.value("refresh_token").toString();
+    QString access = rotated.json.value("access_token").toString();
+    m_now += laterMs;
+    if (newPairUsed) {
+        const RawResponse next = refresh(current);
+        QVERIFY(next.ok());
+        current = next.json.value("refresh_token").toString();
+        access = next.json.value("access_token").toString();
+    }
+
+    const RawResponse again = refresh(first);
+    if (samePair) {
+        QCOMPARE(again.status, 200);
+        QCOMPARE(again.json.value("refresh_token").toString(), current);
+        QCOMPARE(again.json.value("access_token").toString(), access);
+        QCOMPARE(again.json.value("expires_in").toInteger(), 900 - laterMs / 1000);
+        QCOMPARE(again.json.value("user").toObject().value("email").toString(), QStringLiteral("eve@example.org"));
+        // The pair goes on working.
+        QCOMPARE(httpRequest(m_port, "GET", "/api/v3/account/me", {}, access).status, 200);
+        QVERIFY(refresh(current).ok());
+        return;
+    }
+    // Whoever holds the chain may have stolen it: the chain ends for everybody.
+    QCOMPARE(again.status, 401);
+    QCOMPARE(again.code(), QStringLiteral("refresh_token_reused"));
+    QCOMPARE(refresh(current).code(), QStringLiteral("invalid_refresh_token"));
     QCOMPARE(httpRequest(m_port, "GET", "/api/v3/account/me", {}, access).code(), QStringLiteral("invalid_token"));
     // Another sign-in of the same account is not touched.
     QVERIFY(signIn(QStringLiteral("eve@example.org")).value("status").toBool());
+}
+
+void TestCloudService::racingRefreshesGetTheSamePair()
+{
+    // A client that retries while its first refresh is still under way:
+    // both arrive together, on two database threads.
+    const QString token = signUp(QStringLiteral("ray@example.org")).value("refresh_token").toString();
+    const QByteArray body = QJsonDocument(QJsonObject{{"refresh_token", token}}).toJson(QJsonDocument::Compact);
+    const QByteArray request = "POST /api/v3/account/token/refresh HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                               "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    QTcpSocket a;
+    QTcpSocket b;
+    a.connectToHost(QHostAddress::LocalHost, m_port);
+    b.connectToHost(QHostAddress::LocalHost, m_port);
+    QVERIFY(a.waitForConnected(5000) && b.waitForConnected(5000));
+    a.write(request);
+    b.write(request);
+    QByteArray replyA;
+    QByteArray replyB;
+    QTRY_VERIFY_WITH_TIMEOUT((replyA += a.readAll(), replyB += b.readAll(),
+                              a.state() == QAbstractSocket::UnconnectedState
+                                  && b.state() == QAbstractSocket::UnconnectedState),
+                             5000);
+    const QJsonObject first = QJsonDocument::fromJson(replyA.mid(replyA.indexOf("\r\n\r\n") + 4)).object();
+    const QJsonObject second = QJsonDocument::fromJson(replyB.mid(replyB.indexOf("\r\n\r\n") + 4)).object();
+    QVERIFY2(first.value("status").toBool() && second.value("status").toBool(), replyA + replyB);
+    QCOMPARE(first.value("refresh_token").toString(), second.value("refresh_token").toString());
+    QCOMPARE(first.value("access_token").toString(), second.value("access_token").toString());
+}
+
+void TestCloudService::passwordsAreArgon2idAndOlderHashesAreReplaced_data()
+{
+    QTest::addColumn<QString>("older");
+    QTest::newRow("PBKDF2-SHA256") << PasswordHasher::pbkdf2Hash(QStringLiteral("correct horse"), 1000);
+    QTest::newRow("Argon2id of another cost") << PasswordHasher({512, 1, 1}).hash(QStringLiteral("correct horse"));
+}
+
+void TestCloudService::passwordsAreArgon2idAndOlderHashesAreReplaced()
+{
+    QFETCH(QString, older);
+    QVERIFY(signUp(QStringLiteral("ann@example.org")).value("status").toBool());
+    Storage store;
+    QString error;
+    QVERIFY2(store.open(m_dir->filePath(QStringLiteral("cloud.sqlite")), &error), qPrintable(error));
+    const auto storedHash = [&] {
+        UserRow user;
+        return store.userByEmail(QStringLiteral("ann@example.org"), user) == Storage::Found::Yes ? user : UserRow();
+    };
+    const UserRow registered = storedHash();
+    QVERIFY2(registered.passwordHash.startsWith(QStringLiteral("$argon2id$v=19$m=256,t=1,p=1$")),
+             qPrintable(registered.passwordHash));
+    QVERIFY(store.replacePasswordHash(registered.id, registered.passwordHash, older));
+
+    // A wrong password changes nothing; the right one signs in and
+    // replaces the older hash, which then goes on working.
+    QCOMPARE(signIn(QStringLiteral("ann@example.org"), QStringLiteral("wrong horse")).value("code").toString(),
+             QStringLiteral("invalid_credentials"));
+    QCOMPARE(storedHash().passwordHash, older);
+    QVERIFY(signIn(QStringLiteral("ann@example.org")).value("status").toBool());
+    const QString replaced = storedHash().passwordHash;
+    QVERIFY2(replaced.startsWith(QStringLiteral("$argon2id$v=19$m=256,t=1,p=1$")), qPrintable(replaced));
+    QVERIFY(signIn(QStringLiteral("ann@example.org")).value("status").toBool());
+    QCOMPARE(storedHash().passwordHash, replaced);
 }
 
 void TestCloudService::signOutEndsTheSession()
@@ -253,27 +362,100 @@ void TestCloudService::approvalModeHoldsNewAccounts()
     QCOMPARE(registered.value("status").toBool(), false);
     QCOMPARE(registered.value("code").toString(), QStringLiteral("account_pending_review"));
     QCOMPARE(signIn(QStringLiteral("fay@example.org")).value("code").toString(), QStringLiteral("account_pending_review"));
-    QVERIFY(m_service->accounts().approve(QStringLiteral("FAY@example.org")));
+    Storage admin;  // as `tessaline-cloud --approve` does, beside the running service
+    QString error;
+    QVERIFY2(admin.open(m_dir->filePath(QStringLiteral("cloud.sqlite")), &error), qPrintable(error));
+    QVERIFY(admin.setUserState(QStringLiteral("fay@example.org"), QStringLiteral("active")));
     QVERIFY(signIn(QStringLiteral("fay@example.org")).value("status").toBool());
 }
 
-void TestCloudService::signInAttemptsAreLimited()
+namespace {
+const QHostAddress kGuesser(QStringLiteral("127.0.0.1"));
+const QHostAddress kOwner(QStringLiteral("127.0.0.2"));
+} // namespace
+
+void TestCloudService::wrongPasswordsDelayTheirPairOnly()
 {
     QVERIFY(signUp(QStringLiteral("gus@example.org")).value("status").toBool());
-    for (int i = 0; i < 10; ++i)
-        QCOMPARE(signIn(QStringLiteral("gus@example.org"), QStringLiteral("guess %1").arg(i)).value("code").toString(),
-                 QStringLiteral("invalid_credentials"));
-    // Locked for the window even with the right password...
-    QCOMPARE(signIn(QStringLiteral("gus@example.org")).value("code").toString(), QStringLiteral("too_many_attempts"));
-    // ...and an unknown address fails like a wrong password.
-    QCOMPARE(signIn(QStringLiteral("nobody@example.org")).value("code").toString(), QStringLiteral("invalid_credentials"));
-    m_now += 16 * kMinute;
-    QVERIFY(signIn(QStringLiteral("gus@example.org")).value("status").toBool());
+    const auto login = [&](const QString &password, const QHostAddress &from) {
+        return httpJson(m_port, "POST", "/api/v3/account/login",
+                        {{"email", "gus@example.org"}, {"password", password}}, {}, {}, from);
+    };
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(login(QStringLiteral("guess"), kGuesser).code(), QStringLiteral("invalid_credentials"));
+    // From there on each failure makes the next attempt wait longer: 1, 2, 4 s.
+    for (const int seconds : {1, 2, 4}) {
+        const RawResponse wait = login(QStringLiteral("correct horse"), kGuesser);
+        QCOMPARE(wait.status, 429);
+        QCOMPARE(wait.code(), QStringLiteral("too_many_attempts"));
+        QCOMPARE(wait.json.value("retry_after").toInt(), seconds);
+        QCOMPARE(wait.header("retry-after"), QByteArray::number(seconds));
+        // The owner, elsewhere, is not kept out at any point.
+        QVERIFY(login(QStringLiteral("correct horse"), kOwner).ok());
+        m_now += seconds * 1000;
+        if (seconds < 4)
+            QCOMPARE(login(QStringLiteral("guess"), kGuesser).code(), QStringLiteral("invalid_credentials"));
+    }
+    // After the wait the right password gets in from the guesser's address
+    // too: a delay, not a lock. And it starts that pair afresh.
+    QVERIFY(login(QStringLiteral("correct horse"), kGuesser).ok());
+    QCOMPARE(login(QStringLiteral("guess"), kGuesser).code(), QStringLiteral("invalid_credentials"));
+    QCOMPARE(login(QStringLiteral("guess"), kGuesser).code(), QStringLiteral("invalid_credentials"));
+}
 
-    // Per address: many accounts tried from one place run into the address limit.
-    for (int i = 0; i < 60; ++i)
-        signIn(QStringLiteral("spray%1@example.org").arg(i));
-    QCOMPARE(signIn(QStringLiteral("gus@example.org")).value("code").toString(), QStringLiteral("too_many_attempts"));
+void TestCloudService::guessesAcrossAccountsDelayTheirAddressOnly()
+{
+    QVERIFY(signUp(QStringLiteral("gus@example.org")).value("status").toBool());
+    const auto login = [&](const QString &email, const QString &password, const QHostAddress &from) {
+        return httpJson(m_port, "POST", "/api/v3/account/login", {{"email", email}, {"password", password}}, {}, {},
+                        from);
+    };
+    // Twenty accounts tried once each from one address (an unknown
+    // address fails like a wrong password)...
+    for (int i = 0; i < 20; ++i)
+        QCOMPARE(login(QStringLiteral("spray%1@example.org").arg(i), QStringLiteral("guess"), kGuesser).code(),
+                 QStringLiteral("invalid_credentials"));
+    // ...slow that address down for every account, and nobody else.
+    QCOMPARE(login(QStringLiteral("gus@example.org"), QStringLiteral("correct horse"), kGuesser).code(),
+             QStringLiteral("too_many_attempts"));
+    QVERIFY(login(QStringLiteral("gus@example.org"), QStringLiteral("correct horse"), kOwner).ok());
+    m_now += 1000;
+    QVERIFY(login(QStringLiteral("gus@example.org"), QStringLiteral("correct horse"), kGuesser).ok());
+    // Failures are forgotten a quarter of an hour after the last.
+    QCOMPARE(login(QStringLiteral("spray@example.org"), QStringLiteral("guess"), kGuesser).code(),
+             QStringLiteral("invalid_credentials"));
+    QCOMPARE(login(QStringLiteral("spray@example.org"), QStringLiteral("guess"), kGuesser).code(),
+             QStringLiteral("too_many_attempts"));
+    m_now += 16 * kMinute;
+    QCOMPARE(login(QStringLiteral("spray@example.org"), QStringLiteral("guess"), kGuesser).code(),
+             QStringLiteral("invalid_credentials"));
+}
+
+void TestCloudService::onlyATrustedProxyNamesTheClient()
+{
+    m_trustedProxies = {QStringLiteral("127.0.0.1")};
+    QVERIFY(startService());
+    QVERIFY(signUp(QStringLiteral("gus@example.org")).value("status").toBool());
+    const auto login = [&](const QString &password, const QByteArray &forwardedFor, const QHostAddress &from) {
+        return httpJson(m_port, "POST", "/api/v3/account/login",
+                        {{"email", "gus@example.org"}, {"password", password}}, {},
+                        "X-Forwarded-For: " + forwardedFor + "\r\n", from);
+    };
+    // Through the proxy, each forwarded client is counted on its own.
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(login(QStringLiteral("guess"), "198.51.100.7", kGuesser).code(), QStringLiteral("invalid_credentials"));
+    QCOMPARE(login(QStringLiteral("correct horse"), "198.51.100.7", kGuesser).code(),
+             QStringLiteral("too_many_attempts"));
+    QVERIFY(login(QStringLiteral("correct horse"), "198.51.100.8", kGuesser).ok());
+    // A client cannot pick its address by writing the header itself: the
+    // proxy appends what it saw, and that is what counts.
+    QCOMPARE(login(QStringLiteral("correct horse"), "198.51.100.8, 198.51.100.7", kGuesser).code(),
+             QStringLiteral("too_many_attempts"));
+    // Anybody else's X-Forwarded-For is ignored: its own address counts.
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(login(QStringLiteral("guess"), "203.0.113." + QByteArray::number(i), kOwner).code(),
+                 QStringLiteral("invalid_credentials"));
+    QCOMPARE(login(QStringLiteral("correct horse"), "203.0.113.99", kOwner).code(), QStringLiteral("too_many_attempts"));
 }
 
 void TestCloudService::devicesBindListAndRemove()
@@ -431,33 +613,75 @@ void TestCloudService::badInputGetsAnEnvelope()
     QVERIFY(!reply.body.contains("SQL") && !reply.body.contains("sqlite"));
 }
 
-void TestCloudService::oversizedBodiesAreRefusedEarly()
+void TestCloudService::oversizedBodiesAreRefusedEarly_data()
 {
-    // Declared too large: refused from the headers alone, the body never sent.
-    RawResponse reply = rawExchange(m_port, "POST /api/v3/account/login HTTP/1.1\r\nHost: x\r\n"
-                                            "Content-Type: application/json\r\nContent-Length: 100000000\r\n\r\n{");
-    QCOMPARE(reply.status, 413);
-    QCOMPARE(reply.type(), QStringLiteral("account"));
-    QCOMPARE(reply.code(), QStringLiteral("payload_too_large"));
-    // Chunked without a length: cut off once it passes the cap.
-    QByteArray chunked = "POST /api/v3/sync/items/a/b HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n";
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<QString>("type");
+    QByteArray chunked = "POST /api/v3/sync/items/a/b HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n%1\r\n";
     for (int i = 0; i < 40; ++i)
         chunked += "1000\r\n" + QByteArray(0x1000, ' ') + "\r\n";
-    reply = rawExchange(m_port, chunked);
+    const QByteArray declared = "POST /api/v3/account/login HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+                                "%1Content-Length: 100000000\r\n\r\n{";
+    const QByteArray upgrade = "Upgrade: websocket\r\nConnection: Upgrade\r\n";
+    // Declared too large: refused from the headers alone, the body never sent.
+    QTest::newRow("declared length") << QByteArray(declared).replace("%1", "") << "account";
+    QTest::newRow("declared length, Upgrade") << QByteArray(declared).replace("%1", upgrade) << "account";
+    // Chunked without a length: cut off once it passes the cap.
+    QTest::newRow("chunked") << QByteArray(chunked).replace("%1", "") << "sync";
+    QTest::newRow("chunked, Upgrade") << QByteArray(chunked).replace("%1", upgrade) << "sync";
+}
+
+void TestCloudService::oversizedBodiesAreRefusedEarly()
+{
+    QFETCH(QByteArray, request);
+    QFETCH(QString, type);
+    const RawResponse reply = rawExchange(m_port, request);
     QCOMPARE(reply.status, 413);
-    QCOMPARE(reply.type(), QStringLiteral("sync"));
+    QCOMPARE(reply.type(), type);
+    QCOMPARE(reply.code(), QStringLiteral("payload_too_large"));
+    QCOMPARE(reply.header("connection"), QByteArray("close"));
     // The service still answers others.
     QCOMPARE(httpRequest(m_port, "GET", "/api/v3/nothing").status, 404);
 }
 
-void TestCloudService::webSocketsToUnknownPathsAreClosed()
+void TestCloudService::webSocketHandshakesNeedAKnownPathAndAValidRequest()
 {
-    QWebSocket socket;
-    QSignalSpy closed(&socket, &QWebSocket::disconnected);
-    socket.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/ws/console/v1").arg(m_port)));
-    QTRY_COMPARE_WITH_TIMEOUT(closed.size(), 1, 5000);
-    QCOMPARE(int(socket.closeCode()), int(QWebSocketProtocol::CloseCodePolicyViolated));
-    QCOMPARE(socket.closeReason(), QStringLiteral("unknown_path"));
+    m_service->http().addSocketEndpoint(QStringLiteral("/ws/test"), [](std::unique_ptr<QWebSocket> socket) {
+        QWebSocket *echo = socket.release();
+        QObject::connect(echo, &QWebSocket::textMessageReceived, echo,
+                         [echo](const QString &text) { echo->sendTextMessage(QStringLiteral("echo ") + text); });
+        QObject::connect(echo, &QWebSocket::disconnected, echo, &QObject::deleteLater);
+    });
+    {
+        // A complete handshake on a known path is handed over whole.
+        QWebSocket socket;
+        QSignalSpy received(&socket, &QWebSocket::textMessageReceived);
+        connect(&socket, &QWebSocket::connected, &socket, [&socket] { socket.sendTextMessage(QStringLiteral("hi")); });
+        socket.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/ws/test").arg(m_port)));
+        QTRY_COMPARE_WITH_TIMEOUT(received.size(), 1, 5000);
+        QCOMPARE(received.at(0).at(0).toString(), QStringLiteral("echo hi"));
+        QCOMPARE(m_service->http().openConnections(), 1);
+        socket.close();
+    }
+    // The socket keeps its place under the connection cap until it is gone.
+    QTRY_COMPARE_WITH_TIMEOUT(m_service->http().openConnections(), 0, 5000);
+
+    const QByteArray key = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n";
+    const QByteArray upgrade = "Upgrade: websocket\r\nConnection: Upgrade\r\n";
+    const auto get = [&](const QByteArray &path, const QByteArray &headers) {
+        return rawExchange(m_port, "GET " + path + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n");
+    };
+    // Elsewhere a handshake is an ordinary request.
+    RawResponse reply = get("/ws/console/v1", upgrade + key);
+    QCOMPARE(reply.status, 404);
+    QCOMPARE(reply.code(), QStringLiteral("not_found"));
+    // On a known path, only a complete one is taken.
+    reply = get("/ws/test", upgrade);
+    QCOMPARE(reply.status, 400);
+    QCOMPARE(reply.code(), QStringLiteral("bad_request"));
+    reply = get("/ws/test", key);
+    QCOMPARE(reply.status, 426);
+    QCOMPARE(reply.code(), QStringLiteral("upgrade_required"));
 }
 
 void TestCloudService::restartKeepsEverything()

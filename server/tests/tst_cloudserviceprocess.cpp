@@ -31,7 +31,7 @@ quint16 TestCloudServiceProcess::start(QProcess &process, const QStringList &ext
     environment.remove(QStringLiteral("QT_LOGGING_RULES"));
     process.setProcessEnvironment(environment);
     process.setArguments(QStringList{"--listen", "127.0.0.1:0", "--database", m_dir.filePath("cloud.sqlite"),
-                                     "--pbkdf2-iterations", "1000"}
+                                     "--argon2-memory", "256", "--argon2-passes", "1"}
                          + extra);
     process.start();
     if (!process.waitForStarted(5000))

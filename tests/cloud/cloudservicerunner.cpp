@@ -28,7 +28,7 @@ bool CloudServiceRunner::start()
     m_process.setProcessEnvironment(environment);
     m_process.start(QStringLiteral(TSL_CLOUD_BINARY),
                     {"--listen", "127.0.0.1:0", "--database", m_dir.filePath("cloud.sqlite"),
-                     "--pbkdf2-iterations", "1000"});
+                     "--argon2-memory", "256", "--argon2-passes", "1"});
     static const QRegularExpression listening(QStringLiteral("listening on 127\\.0\\.0\\.1:(\\d+)"));
     QDeadlineTimer deadline(10000);
     while (!deadline.hasExpired()) {

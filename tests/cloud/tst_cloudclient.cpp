@@ -13,6 +13,8 @@
 
 #include <QJsonArray>
 #include <QSettings>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QtTest>
 
 namespace {
@@ -51,6 +53,8 @@ private slots:
     void twoClientsRacingGetARevisionConflict();
     void aForeignDocumentIsNotApplied();
     void settingsSurviveAServiceRestart();
+    void aFailedRefreshEndsTheWaitAndTheNextSyncWorks_data();
+    void aFailedRefreshEndsTheWaitAndTheNextSyncWorks();
 
 private:
     void use(Computer &computer);
@@ -206,17 +210,22 @@ void TestCloudClient::aReusedRefreshTokenEndsTheSignIn()
     QVERIFY(m_a.session->requestRefresh());
     QTRY_COMPARE_WITH_TIMEOUT(replies.size(), 1, 5000);
     m_a.replies->handleAccountResponse(replies.at(0).at(0).toJsonObject());
-    // The thief presents the rotated token: the whole chain ends...
-    m_network->refreshToken({}, stolen);
+    // The new pair is in use (a token presented again while its pair is
+    // unused counts as a lost reply and gets that pair once more)...
+    m_network->refreshToken({}, m_a.session->refreshToken());
     QTRY_COMPARE_WITH_TIMEOUT(replies.size(), 2, 5000);
-    QCOMPARE(replies.at(1).at(0).toJsonObject().value("code").toString(), QStringLiteral("refresh_token_reused"));
+    m_a.replies->handleAccountResponse(replies.at(1).at(0).toJsonObject());
+    // ...when the thief presents the rotated token: the whole chain ends...
+    m_network->refreshToken({}, stolen);
+    QTRY_COMPARE_WITH_TIMEOUT(replies.size(), 3, 5000);
+    QCOMPARE(replies.at(2).at(0).toJsonObject().value("code").toString(), QStringLiteral("refresh_token_reused"));
     // ...so the rightful program's next refresh is refused and it signs out.
     QSignalSpy notices(m_a.replies.get(), &AccountReplyHandler::notice);
     m_a.session->setClock([] { return QDateTime::currentDateTimeUtc().addSecs(3600); });  // past expiry and throttle
     QVERIFY(!m_a.session->isAccessTokenValid());
     QVERIFY(m_a.session->requestRefresh());
-    QTRY_COMPARE_WITH_TIMEOUT(replies.size(), 3, 5000);
-    m_a.replies->handleAccountResponse(replies.at(2).at(0).toJsonObject());
+    QTRY_COMPARE_WITH_TIMEOUT(replies.size(), 4, 5000);
+    m_a.replies->handleAccountResponse(replies.at(3).at(0).toJsonObject());
     QCOMPARE(notices.size(), 1);
     QCOMPARE(notices.at(0).at(1).toString(), QStringLiteral("Sign in has expired."));
     QCOMPARE(m_a.session->userId(), 0);
@@ -419,6 +428,69 @@ void TestCloudClient::settingsSurviveAServiceRestart()
     connect(m_network.get(), &NetworkServices::syncResponse, m_b.sync.get(), &SessionSyncCoordinator::handleSyncResponse);
     m_b.sync->resolveConflict(SessionSyncCoordinator::Choice::UseCloud);
     QCOMPARE(applied.at(0).at(0).value<SessionState>().portName, QStringLiteral("/dev/ttyUSB7"));
+}
+
+void TestCloudClient::aFailedRefreshEndsTheWaitAndTheNextSyncWorks_data()
+{
+    QTest::addColumn<QByteArray>("answer");  // what the failing host says; empty: it hangs up
+    QTest::addColumn<QString>("message");
+    QTest::newRow("lost on the network") << QByteArray()
+                                         << QStringLiteral("Could not connect to the server. Please check your network "
+                                                           "connection and try again.");
+    QTest::newRow("service busy") << QByteArray("{\"type\":\"account\",\"status\":false,\"code\":\"busy\","
+                                                "\"description\":\"The service is busy.\"}")
+                                  << QStringLiteral("The service is busy.");
+}
+
+void TestCloudClient::aFailedRefreshEndsTheWaitAndTheNextSyncWorks()
+{
+    QFETCH(QByteArray, answer);
+    QFETCH(QString, message);
+    signUp(m_a, QStringLiteral("fay%1@example.org").arg(m_accounts));
+    connect(m_network.get(), &NetworkServices::accountResponse, m_a.replies.get(),
+            &AccountReplyHandler::handleAccountResponse);
+    connect(m_network.get(), &NetworkServices::networkError, m_a.sync.get(), &SessionSyncCoordinator::handleNetworkError);
+    connect(m_network.get(), &NetworkServices::syncResponse, m_a.sync.get(), &SessionSyncCoordinator::handleSyncResponse);
+    QSignalSpy done(m_a.sync.get(), &SessionSyncCoordinator::succeeded);
+    QSignalSpy failed(m_a.sync.get(), &SessionSyncCoordinator::failed);
+    QSignalSpy expired(m_a.sync.get(), &SessionSyncCoordinator::signInExpired);
+
+    // The access token has run out, and the host answering the refresh
+    // hangs up or is busy.
+    QTcpServer failing;
+    QVERIFY(failing.listen(QHostAddress::LocalHost, 0));
+    connect(&failing, &QTcpServer::newConnection, &failing, [&failing, answer] {
+        QTcpSocket *socket = failing.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, answer] {
+            if (!answer.isEmpty())
+                socket->write("HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nContent-Length: "
+                              + QByteArray::number(answer.size()) + "\r\nConnection: close\r\n\r\n" + answer);
+            socket->disconnectFromHost();
+        });
+    });
+    qputenv("TSL_HOST", QStringLiteral("http://127.0.0.1:%1").arg(failing.serverPort()).toUtf8());
+    const auto restoreHost = qScopeGuard([this] { qputenv("TSL_HOST", m_service.baseUrl().toUtf8()); });
+    QDateTime now = QDateTime::currentDateTimeUtc().addSecs(3600);
+    m_a.session->setClock([&now] { return now; });
+    QVERIFY(!m_a.session->isAccessTokenValid());
+
+    m_a.sync->syncNow();
+    QTRY_COMPARE_WITH_TIMEOUT(failed.size(), 1, 10000);
+    QCOMPARE(failed.at(0).at(0).toString(), message);
+    QVERIFY(!m_a.sync->isBusy());
+    QCOMPARE(expired.size(), 0);
+    QVERIFY(m_a.session->isSignedIn());  // a failed refresh is not a refused one
+    // While the session holds back another refresh, a sync says so at once.
+    m_a.sync->syncNow();
+    QCOMPARE(failed.size(), 2);
+    QCOMPARE(failed.at(1).at(0).toString(), message);
+
+    // The service is reachable again and the hold-off is over: the next sync works.
+    qputenv("TSL_HOST", m_service.baseUrl().toUtf8());
+    now = now.addSecs(AccountSession::kRefreshThrottleMs / 1000 + 1);
+    m_a.sync->syncNow();
+    QTRY_COMPARE_WITH_TIMEOUT(done.size(), 1, 10000);
+    QCOMPARE(failed.size(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestCloudClient)
