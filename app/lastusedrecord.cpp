@@ -1,7 +1,7 @@
 #include "app/lastusedrecord.h"
 
 #include "common/logging.h"
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QSettings>
 

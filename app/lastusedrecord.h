@@ -2,7 +2,7 @@
 
 #include "connection/connectionconfig.h"
 #include "settings/quicksettingslayout.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QStringList>
 

@@ -1,7 +1,7 @@
 #include "settings/portsettingsdialog.h"
 
 #include "settings/connectionsettingswidget.h"
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 
 #include <QCheckBox>
 #include <QColorDialog>

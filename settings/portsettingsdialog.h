@@ -1,6 +1,6 @@
 #pragma once
 
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QDialog>
 

@@ -1,7 +1,7 @@
 #include "terminal/displayformatter.h"
 
 #include "common/logging.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 namespace {
 

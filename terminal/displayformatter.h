@@ -2,7 +2,7 @@
 
 #include "common/result.h"
 #include "terminal/displaychunk.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "terminal/wiretextdecoder.h"
 
 #include <QByteArrayView>

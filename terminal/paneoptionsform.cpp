@@ -1,7 +1,7 @@
 #include "terminal/paneoptionsform.h"
 
 #include "terminal/controllinelights.h"
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 #include "terminal/panequicksettings.h"
 
 #include "terminal/receiveview.h"

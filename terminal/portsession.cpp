@@ -5,7 +5,7 @@
 #include "connection/connectioncontroller.h"
 #include "connection/serialparametertext.h"
 #include "terminal/sendframebuilder.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QMetaMethod>
 #include <QTimer>

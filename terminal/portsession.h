@@ -9,7 +9,7 @@
 #include "terminal/displayformatter.h"
 #include "terminal/linestepper.h"
 #include "terminal/logwriter.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "terminal/receiveingest.h"
 #include "terminal/reconnectpolicy.h"
 #include "terminal/sendhistory.h"

@@ -12,7 +12,7 @@
 #include "terminal/receivefindbar.h"
 #include "terminal/receiveview.h"
 #include "terminal/sendframebuilder.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QCheckBox>
 #include <QComboBox>

@@ -2,10 +2,10 @@
 
 #include "settings/connectionsettingswidget.h"
 #include "terminal/controllinelights.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "terminal/receivefindbar.h"
 #include "terminal/receiveview.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 #include "tools/sendchecksum.h"
 
 #include <QCheckBox>

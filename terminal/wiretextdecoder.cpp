@@ -1,6 +1,6 @@
 #include "terminal/wiretextdecoder.h"
 
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QTextCodec>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "terminal/wiretextcodec.h"
+#include "common/wiretextcodec.h"
 
 #include <QByteArrayView>
 #include <QString>

@@ -9,7 +9,7 @@
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
 #include "terminal/controllinelights.h"
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
 #include "support/lrzszpeer.h"

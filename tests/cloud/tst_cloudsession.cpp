@@ -7,7 +7,7 @@
 #include "cloud/sessionstate.h"
 #include "cloud/sessionstatemapping.h"
 #include "connection/connectionconfig.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "cloud/sessionsynccoordinator.h"
 #include "support/settingssandbox.h"
 

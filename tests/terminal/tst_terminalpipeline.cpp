@@ -5,7 +5,7 @@
 #include "terminal/receiveingest.h"
 #include "terminal/sendframebuilder.h"
 #include "terminal/sendhistory.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 #include "terminal/wiretextdecoder.h"
 
 #include <QtTest>

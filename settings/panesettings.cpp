@@ -1,4 +1,4 @@
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QTime>
 
