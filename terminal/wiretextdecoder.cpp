@@ -93,6 +93,13 @@ QString WireTextDecoder::decode(QByteArrayView bytes)
     return m_decoder.decode(bytes.first(bytes.size() - tail));
 }
 
+QString WireTextDecoder::finish()
+{
+    const bool partial = m_legacy ? m_legacy->state.remainingChars > 0 : !m_carry.isEmpty();
+    reset();
+    return partial ? QString(QChar::ReplacementCharacter) : QString();
+}
+
 qsizetype WireTextDecoder::incompleteTail(QByteArrayView bytes) const
 {
     const qsizetype size = bytes.size();
