@@ -65,6 +65,8 @@ QString PortSession::connectionLabel() const
 void PortSession::applySettings(const ConnectionConfig &config, const PaneOptions &options,
                                 const QStringList &sendHistory)
 {
+    const PaneOptions before = m_options;
+    const QString portStamp = currentRealPortName();
     m_config = config;
     m_options = options;
     m_history.setEntries(sendHistory);
@@ -78,6 +80,7 @@ void PortSession::applySettings(const ConnectionConfig &config, const PaneOption
         f->setSendEncoding(m_options.sendEncoding);
     }
     m_consoleDecoder = decoderFor(m_options.receiveEncoding);
+    followLogOptions(before, portStamp);
 }
 
 Result PortSession::setOptions(const PaneOptions &options)
@@ -101,7 +104,9 @@ Result PortSession::setOptions(const PaneOptions &options)
         if (rxEncoding)
             m_consoleDecoder = decoderFor(options.receiveEncoding);
     }
+    const PaneOptions before = m_options;
     m_options = options;
+    followLogOptions(before, currentRealPortName());
     m_ingest.setDisplayBufferSize(m_options.displayBufferSize);
     if (m_sendTimer->isActive())
         m_sendTimer->setInterval(autoSendIntervalMs());
@@ -362,6 +367,8 @@ void PortSession::closeConnection()
         return;
     }
     m_userClosing = true;
+    if (isReconnecting())
+        emit failureCleared();  // nothing is waited for any more
     disarmReconnect();
     m_controller->close(m_config.mode, m_config.portName);
     if (m_ingest.readThrottle().isReadingPaused()) {
@@ -405,7 +412,10 @@ void PortSession::onSerialPortLost()
         return;
     }
     startReconnecting();
-    emit statusMessage(tr("Serial Port %1 lost, waiting for it to come back...").arg(currentRealPortName()), 3000);
+    const QString text = tr("Serial Port %1 lost, waiting for it to come back...").arg(currentRealPortName());
+    emit statusMessage(text, 3000);
+    // The pane keeps saying so until the port is back or the user closes it.
+    emit waiting(text);
 }
 
 void PortSession::onStreamDisconnected()
@@ -428,6 +438,7 @@ void PortSession::onStreamDisconnected()
 void PortSession::onReconnectTick()
 {
     if (isConnectionOpen()) {
+        emit failureCleared();
         disarmReconnect();
         emit stateChanged();
         return;
@@ -437,6 +448,7 @@ void PortSession::onReconnectTick()
     if (m_config.mode == ConnectionMode::Serial) {
         if (m_controller->open(m_config, {}, true)) {
             disarmReconnect();
+            emit failureCleared();
             emit statusMessage(tr("Serial Port %1 RECONNECTED").arg(currentRealPortName()), 3000);
             emit stateChanged();
         }
@@ -527,8 +539,10 @@ void PortSession::ingestReceived(const QByteArray &data, const QString &peer)
     Q_UNUSED(peer);
     if (data.isEmpty())
         return;
-    if (isTransferActive() && m_receiveTaker && m_receiveTaker(data))
+    if (isTransferActive() && m_receiveTaker && m_receiveTaker(data)) {
+        m_ingest.countTaken(data.size());  // as Tx counts what the transfer sent
         return;
+    }
     emit received();
     const QDateTime now = QDateTime::currentDateTime();
     logChunk(DisplayChunk{now, ChunkDirection::Received, data});
@@ -754,8 +768,12 @@ void PortSession::logChunk(const DisplayChunk &chunk)
 void PortSession::noteLogResult(const Result &result)
 {
     if (!result) {
-        m_logFailing = true;
-        reportFailure(result.errorText());
+        const QString text = result.errorText().isEmpty() ? LogWriter::invalidNameText() : result.errorText();
+        reportFailure(text);
+        // Asked once per run of failures: the box does not come back every
+        // save tick while the disk stays full.
+        if (!std::exchange(m_logFailing, true))
+            emit logFailed(text);
         return;
     }
     // The disk took the text again: the old error no longer holds.
@@ -772,7 +790,7 @@ void PortSession::startLog()
         return;
     const Result opened = m_log.open(LogWriter::Options::fromPaneOptions(m_options, currentRealPortName()));
     if (!opened) {
-        reportFailure(opened.errorText());
+        noteLogResult(opened);
         return;
     }
     // A new log starts at a line start with fresh decoders.
@@ -801,11 +819,28 @@ void PortSession::restartLog()
 
 void PortSession::setLogEnabled(bool on)
 {
+    const PaneOptions before = m_options;
     m_options.logSaveFlag = on;
-    if (on && m_open)
-        startLog();
-    else if (!on)
+    followLogOptions(before, currentRealPortName());
+}
+
+void PortSession::followLogOptions(const PaneOptions &before, const QString &portStampBefore)
+{
+    // A running log takes new options at once: switched off, on, or to a
+    // new file under the new name, folder, stamps or rotation.
+    if (!m_options.logSaveFlag) {
         stopLog();
+        return;
+    }
+    if (!m_open)
+        return;
+    if (!m_logActive) {
+        startLog();
+        return;
+    }
+    if (!(LogWriter::Options::fromPaneOptions(before, portStampBefore)
+          == LogWriter::Options::fromPaneOptions(m_options, currentRealPortName())))
+        restartLog();
 }
 
 void PortSession::onSaveTick()

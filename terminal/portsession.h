@@ -157,6 +157,8 @@ public:
     // Restarts the log under the current options (a new folder, say).
     void restartLog();
     void setLogEnabled(bool on);
+    // Whether the current log file can be opened: the user's texts when not.
+    Result checkCurrentLogFile() const { return m_log.checkCurrentFile(); }
 
     // Marks something in the view (a transfer's start and end, say).
     void writeNote(const QString &text) { emit note(text); }
@@ -175,8 +177,12 @@ Q_SIGNALS:
     void statusMessage(const QString &message, int timeoutMs);
     // A failure the user must see in the pane (and the status bar).
     void failure(const QString &message);
+    // The data log could not be opened or written; once per run of failures.
+    void logFailed(const QString &message);
     // Cleared by a successful (re)connection.
     void failureCleared();
+    // A lost port is being waited for; shown until failureCleared().
+    void waiting(const QString &message);
     // Whether the session is started, connected or waiting changed.
     void stateChanged();
     // The list of peers (server clients, UDP senders) changed.
@@ -215,6 +221,8 @@ private:
     void applyReadThrottle();
     void logChunk(const DisplayChunk &chunk);
     void noteLogResult(const Result &result);
+    // Starts, stops or restarts the log after the options changed.
+    void followLogOptions(const PaneOptions &before, const QString &portStampBefore);
     void startLog();
     void stopLog();
 public Q_SLOTS:

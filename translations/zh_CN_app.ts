@@ -122,10 +122,6 @@ Do you want to save your changes?</source>
         <translation>设置文件保存在 %1</translation>
     </message>
     <message>
-        <source>No data log is being recorded.</source>
-        <translation>当前没有正在记录的数据日志。</translation>
-    </message>
-    <message>
         <source>Cannot open %1</source>
         <translation>无法打开 %1</translation>
     </message>
@@ -160,6 +156,14 @@ A terminal for serial ports and networks.</source>
 Close anyway?</source>
         <translation>文件传输正在进行。关闭会停止传输，设备上可能留下不完整的文件。
 仍要关闭吗？</translation>
+    </message>
+    <message>
+        <source>Could not open %1.</source>
+        <translation>无法打开 %1。</translation>
+    </message>
+    <message>
+        <source>Warning</source>
+        <translation>警告</translation>
     </message>
 </context>
 <context>
@@ -198,6 +202,10 @@ Close anyway?</source>
     <message>
         <source>Cannot read %1.</source>
         <translation>无法读取 %1。</translation>
+    </message>
+    <message>
+        <source>%1 does not hold Tessaline settings. Nothing was changed.</source>
+        <translation>%1 不是 Tessaline 设置文件，未做任何更改。</translation>
     </message>
 </context>
 <context>

@@ -4,7 +4,7 @@
 <context>
     <name>WireTextCodec</name>
     <message>
-        <source>The character '%1' cannot be encoded as %2. Change the encoding or edit the message.</source>
+        <source>The character &apos;%1&apos; cannot be encoded as %2. Change the encoding or edit the message.</source>
         <translation>字符“%1”无法用 %2 编码。请更换编码或修改消息。</translation>
     </message>
     <message>
@@ -15,7 +15,7 @@
 <context>
     <name>WireTextCodecRegistry</name>
     <message>
-        <source>The text encoding "%1" is not available on this system.</source>
+        <source>The text encoding &quot;%1&quot; is not available on this system.</source>
         <translation>本系统不支持文本编码“%1”。</translation>
     </message>
 </context>

@@ -8,6 +8,7 @@
 #include "settings/formrows.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
+#include "connection/connectioncontroller.h"
 #include "terminal/controllinelights.h"
 #include "common/monospacefont.h"
 #include "terminal/receiveview.h"
@@ -28,6 +29,7 @@
 #include <QTemporaryDir>
 #include <QCheckBox>
 #include <QTcpServer>
+#include <QUdpSocket>
 #include <QApplication>
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -75,6 +77,9 @@ private Q_SLOTS:
     void transfersRunFromTheMenuWithABar();
     void transferRefusedOrCancelledFromTheMenu();
     void panesGoWhileTransfersRun();
+    void logRecordingFollowsTheMenu();
+    void projectsKeepListenAddressAndRefuseOtherFiles();
+    void onlyPanesOpenAtExitAreRestored();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -131,7 +136,14 @@ void MainWindowTest::languageActionsStoreChoice()
         QSettings settings;
         QCOMPARE(LanguageChoice::stored(settings), value);
         QCOMPARE(boxText, QString("The changes will take effect when the program is restarted."));
+        // The menu marks the choice, and only that one.
+        QVERIFY(w.findChild<QAction *>(action)->isChecked());
+        QCOMPARE(w.findChild<QAction *>("actionChinese")->isChecked(), value == 1);
     }
+    // A new window marks what is stored.
+    MainWindow again;
+    QVERIFY(again.findChild<QAction *>("actionEnglish")->isChecked());
+    QVERIFY(!again.findChild<QAction *>("actionChinese")->isChecked());
 }
 
 void MainWindowTest::paneStartsFromLastUsedAndSavesChanges()
@@ -815,6 +827,164 @@ void MainWindowTest::panesGoWhileTransfersRun()
     // the final names.
     const QStringList left = QDir(folder.path()).entryList(QDir::Files | QDir::Hidden);
     QVERIFY2(left.isEmpty(), qPrintable(left.join(u',')));
+}
+
+namespace {
+
+// A pane listening for UDP on a port the system picks, logging into folder.
+void makeUdpPane(SerialPortWidget *pane, const QString &folder, bool log)
+{
+    ConnectionConfig c = pane->connectionConfig();
+    c.mode = ConnectionMode::UdpServer;
+    c.udpLocalPort = 0;
+    PaneOptions o = pane->paneOptions();
+    o.logFilePath = folder;
+    o.logSaveFlag = log;
+    pane->applySettings(c, o, {});
+}
+
+QString readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+} // namespace
+
+void MainWindowTest::logRecordingFollowsTheMenu()
+{
+    QTemporaryDir logs;
+    MainWindow w;
+    w.addPane();
+    for (SerialPortWidget *pane : w.panes())
+        makeUdpPane(pane, logs.path(), false);
+    SerialPortWidget *pane = w.panes().constFirst();
+    QVERIFY(pane->openConnection());
+    QAction *record = w.findChild<QAction *>("acFileRecordDataLog");
+    QVERIFY(!record->isChecked());
+
+    // Nothing recorded yet: the user is told so in the log's own words.
+    w.findChild<QAction *>("acFileViewCurrentDataLog")->trigger();
+    auto *warning = w.findChild<QMessageBox *>("windowWarning");
+    QVERIFY(warning);
+    QCOMPARE(warning->windowTitle(), QString("Warning"));
+    QCOMPARE(warning->text(), QString("Current log file does not exist."));
+    warning->close();
+
+    // On an open port the menu starts the log at once, and stops it.
+    record->trigger();
+    QVERIFY(record->isChecked());
+    QVERIFY(pane->isLogging());
+    QVERIFY(!w.panes().at(1)->isLogging());  // closed: it logs once it opens
+    QVERIFY(w.panes().at(1)->paneOptions().logSaveFlag);
+    QUdpSocket device;
+    device.writeDatagram("recorded\n", QHostAddress::LocalHost, pane->controller()->udpLocalPort());
+    QTRY_VERIFY_WITH_TIMEOUT(pane->rxCount() == 9, 5000);
+    const QString file = pane->currentLogFile();
+    record->trigger();
+    QVERIFY(!record->isChecked());
+    QVERIFY(!pane->isLogging());
+    QVERIFY(readAll(file).contains("recorded"));
+
+    // The mark follows the panes: one pane logging alone does not check it,
+    // all of them do.
+    PaneOptions o = pane->paneOptions();
+    o.logSaveFlag = true;
+    pane->applySettings(pane->connectionConfig(), o, {});
+    QVERIFY(pane->isLogging());
+    QCOMPARE(pane->currentLogFile(), file);
+    QTest::mouseClick(w.panes().at(1)->findChild<QCheckBox *>("logSaveBox"), Qt::LeftButton);
+    QVERIFY(record->isChecked());
+
+    // A project whose panes log brings the mark with it.
+    const QString project = logs.filePath("logging.tsl");
+    QVERIFY(w.saveProjectTo(project));
+    record->trigger();
+    QVERIFY(!record->isChecked());
+    QVERIFY(w.openProject(project));
+    QVERIFY(record->isChecked());
+    QVERIFY(w.panes().constFirst()->paneOptions().logSaveFlag);
+    w.close();
+}
+
+void MainWindowTest::projectsKeepListenAddressAndRefuseOtherFiles()
+{
+    QTemporaryDir dir;
+    QTcpServer probe;  // a free port for the server pane, as a user would pick one
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    const quint16 port = probe.serverPort();
+    probe.close();
+    const QString file = dir.filePath("local.tsl");
+    {
+        MainWindow w;
+        SerialPortWidget *pane = w.panes().constFirst();
+        ConnectionConfig c = pane->connectionConfig();
+        c.mode = ConnectionMode::TcpServer;
+        c.targetPort = port;
+        c.listenAddress = QHostAddress::LocalHost;
+        pane->applySettings(c, pane->paneOptions(), {});
+        QVERIFY(w.saveProjectTo(file));
+        w.close();
+    }
+    QCOMPARE(QSettings(file, QSettings::IniFormat).value("0/ListenAddress").toInt(), int(QHostAddress::LocalHost));
+    MainWindow again;
+    QCOMPARE(again.currentFile(), file);
+    SerialPortWidget *server = again.panes().constFirst();
+    QCOMPARE(server->connectionConfig().listenAddress, QHostAddress::LocalHost);
+    QVERIFY(server->openConnection());
+    QCOMPARE(server->controller()->serverAddressText(), QString("127.0.0.1:%1").arg(port));
+    server->closeConnection();
+
+    // A file named .tsl that holds no project changes nothing.
+    const QString bogus = dir.filePath("photo.tsl");
+    {
+        QFile f(bogus);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16) + QByteArray(200, '\x07'));
+    }
+    const QString text = dir.filePath("notes.tsl");
+    {
+        QFile f(text);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("shopping list\nmilk\n");
+    }
+    for (const QString &path : {bogus, text}) {
+        QVERIFY(!again.openProject(path));
+        QCOMPARE(again.currentFile(), file);
+        QCOMPARE(again.panes().size(), 1);
+        QCOMPARE(again.panes().constFirst()->connectionConfig().mode, ConnectionMode::TcpServer);
+        QVERIFY(again.statusBar()->currentMessage().contains("does not hold Tessaline settings"));
+    }
+    // A project from before the key existed listens on every interface.
+    QSettings old(file, QSettings::IniFormat);
+    old.remove("0/ListenAddress");
+    old.sync();
+    QVERIFY(again.openProject(file));
+    QCOMPARE(again.panes().constFirst()->connectionConfig().listenAddress, QHostAddress::Any);
+    again.close();
+}
+
+void MainWindowTest::onlyPanesOpenAtExitAreRestored()
+{
+    QTemporaryDir logs;
+    QSettings().setValue("OpenLastConnection", true);
+    {
+        MainWindow w;
+        w.addPane();
+        w.addPane();
+        for (SerialPortWidget *pane : w.panes())
+            makeUdpPane(pane, logs.path(), false);
+        QVERIFY(w.panes().at(1)->openConnection());
+        QVERIFY(w.saveProjectTo(logs.filePath("three.tsl")));
+        QVERIFY(w.close());
+    }
+    MainWindow again;
+    QCOMPARE(again.panes().size(), 3);
+    again.restoreLastConnection();
+    QVERIFY(!again.panes().at(0)->isConnectionOpen());
+    QVERIFY(again.panes().at(1)->isConnectionOpen());
+    QVERIFY(!again.panes().at(2)->isConnectionOpen());
+    again.close();
 }
 
 QTEST_MAIN(MainWindowTest)
