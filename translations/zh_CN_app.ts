@@ -182,6 +182,13 @@ Close anyway?</source>
     </message>
 </context>
 <context>
+    <name>PaneTransfers</name>
+    <message>
+        <source>YMODEM-G does not retransmit, so it needs hardware flow control (RTS/CTS). This connection has none.</source>
+        <translation>YMODEM-G 不会重传，因此需要硬件流控（RTS/CTS）。此连接没有硬件流控。</translation>
+    </message>
+</context>
+<context>
     <name>ProjectFile</name>
     <message>
         <source>Cannot save %1: %2</source>

@@ -32,7 +32,7 @@
         <translation>控制线属于串口，此连接没有串口。</translation>
     </message>
     <message>
-        <source>The remote port is left under its own configuration. Clear "Keep the remote port's own config" to drive RTS, DTR and Break from here.</source>
+        <source>The remote port is left under its own configuration. Clear &quot;Keep the remote port&apos;s own config&quot; to drive RTS, DTR and Break from here.</source>
         <translation>远程端口保持其自身配置。取消勾选“保留远程端口自身的配置”后，即可在此控制 RTS、DTR 和 Break。</translation>
     </message>
     <message>
@@ -67,15 +67,15 @@
         <translation>日志路径是一个文件夹，而不是文件：%1</translation>
     </message>
     <message>
-        <source>Could not create log directory '%1'</source>
+        <source>Could not create log directory &apos;%1&apos;</source>
         <translation>无法创建日志文件夹“%1”</translation>
     </message>
     <message>
-        <source>Could not open log file '%1': %2</source>
+        <source>Could not open log file &apos;%1&apos;: %2</source>
         <translation>无法打开日志文件“%1”：%2</translation>
     </message>
     <message>
-        <source>Could not rotate log file '%1': %2</source>
+        <source>Could not rotate log file &apos;%1&apos;: %2</source>
         <translation>无法轮转日志文件“%1”：%2</translation>
     </message>
     <message>
@@ -87,7 +87,7 @@
         <translation>无法打开当前日志文件。</translation>
     </message>
     <message>
-        <source>Could not write log file '%1': %2</source>
+        <source>Could not write log file &apos;%1&apos;: %2</source>
         <translation>无法写入日志文件“%1”：%2</translation>
     </message>
     <message>
@@ -284,7 +284,7 @@
         <translation>文本文件 (*.txt);;所有文件 (*)</translation>
     </message>
     <message>
-        <source>Could not save '%1': %2</source>
+        <source>Could not save &apos;%1&apos;: %2</source>
         <translation>无法保存“%1”：%2</translation>
     </message>
     <message>

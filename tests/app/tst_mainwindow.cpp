@@ -737,6 +737,29 @@ void MainWindowTest::transfersRunFromTheMenuWithABar()
         // A whole number of 1 KiB blocks: nothing padded.
         QCOMPARE(fileContents(ours.filePath(QStringLiteral("capture.bin"))), incoming);
     }
+    // YMODEM-G on a line without RTS/CTS: the pane says what that risks
+    // while it runs, and the Rx counter counts what the transfer took.
+    {
+        LrzszPeer peer;
+        QVERIFY(peer.start(peerEnd, theirs.path(), QStringLiteral("sb -k -q capture.bin")));
+        QString hint;
+        const auto watch = connect(pane, &SerialPortWidget::transferStateChanged, this, [&](bool active) {
+            if (auto *label = pane->findChild<QLabel *>(QStringLiteral("ymodemGHint")); label && active)
+                hint = label->text();
+        });
+        const quint64 rxBefore = pane->rxCount();
+        QTemporaryDir again;
+        const QString failure = runTransferDialog(window, pane, "acXferReceive", XmodemVariant::YmodemG,
+                                                  [&](FileTransferDialog *dialog) { dialog->setFolder(again.path()); });
+        disconnect(watch);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        QCOMPARE(peer.waitForExit(15000), 0);
+        QCOMPARE(hint, QString("YMODEM-G does not retransmit, so it needs hardware flow control (RTS/CTS). "
+                               "This connection has none."));
+        QTRY_VERIFY_WITH_TIMEOUT(!pane->findChild<QLabel *>(QStringLiteral("ymodemGHint")), 5000);
+        QVERIFY(pane->rxCount() >= rxBefore + quint64(incoming.size()));
+        QCOMPARE(fileContents(again.filePath(QStringLiteral("capture.bin"))), incoming);
+    }
     // The pane's view is its own again.
     QVERIFY(!pane->isTransferActive());
     QVERIFY(pane->sendBytes("after\n"));
