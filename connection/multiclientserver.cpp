@@ -194,6 +194,20 @@ qint64 MultiClientServer::bytesToWrite() const
     return total;
 }
 
+qint64 MultiClientServer::clientBytesToWrite(const QString &peer) const
+{
+    for (QTcpSocket *socket : m_clients) {
+        if (m_labels.value(socket) == peer)
+            return socket->bytesToWrite();
+    }
+    return 0;
+}
+
+qint64 MultiClientServer::clientBytesToWrite(int index) const
+{
+    return index >= 0 && index < m_clients.size() ? m_clients.at(index)->bytesToWrite() : 0;
+}
+
 QStringList MultiClientServer::clientLabels() const
 {
     QStringList labels;

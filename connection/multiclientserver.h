@@ -51,6 +51,9 @@ public:
     static constexpr qint64 kClientWriteHighWatermark = 1024 * 1024;
 
     qint64 bytesToWrite() const;
+    // What waits for one client, by label or index; 0 for none.
+    qint64 clientBytesToWrite(const QString &peer) const;
+    qint64 clientBytesToWrite(int index) const;
     // The most any one client still has to take.
     qint64 largestClientBacklog() const;
     int clientCount() const { return int(m_clients.size()); }

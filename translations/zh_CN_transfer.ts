@@ -250,20 +250,24 @@
         <translation>（已传输 %1%）</translation>
     </message>
     <message>
-        <source>The device asked for the name &quot;%1&quot;; it was saved as &quot;%2&quot;.</source>
+        <source>The device asked for the name "%1"; it was saved as "%2".</source>
         <translation>设备请求的文件名为“%1”；已保存为“%2”。</translation>
     </message>
     <message>
-        <source>A file of that name already existed, so this one was saved as &quot;%1&quot;.</source>
+        <source>A file of that name already existed, so this one was saved as "%1".</source>
         <translation>同名文件已存在，因此此文件已保存为“%1”。</translation>
     </message>
     <message>
-        <source>What arrived was kept as &quot;%1&quot;.</source>
+        <source>What arrived was kept as "%1".</source>
         <translation>已收到的数据保存为“%1”。</translation>
     </message>
     <message>
         <source>Transfer complete: %1 bytes in %2 s, %3 KB/s, %4 retries</source>
         <translation>传输完成：%1 字节，用时 %2 秒，%3 KB/s，重试 %4 次</translation>
+    </message>
+    <message>
+        <source>The connection stopped taking data for %1 s, so the transfer stopped.</source>
+        <translation>连接已有 %1 秒不再接收数据，传输已停止。</translation>
     </message>
 </context>
 <context>
