@@ -17,7 +17,6 @@ constexpr int kReadErrorsMeaningLost = 64;
 
 const QString kDtrName = QStringLiteral("DTR");
 const QString kRtsName = QStringLiteral("RTS");
-const QString kBreakName = QStringLiteral("Break");
 
 using Parameters = SerialPortTransport::Parameters;
 
@@ -254,7 +253,7 @@ bool SerialPortTransport::setControlLine(ControlLine line, bool on)
         }
         if (on)
             m_break = false;
-        emit statusMessage(tr("Failed to set %1: %2").arg(kBreakName, m_serial->errorString()), kNoticeTimeout);
+        emit statusMessage(tr("Failed to set %1: %2").arg(tr("Break"), m_serial->errorString()), kNoticeTimeout);
         m_serial->clearError();
         return false;
     }

@@ -176,6 +176,10 @@
         <source>Serial Port %1 has no control lines; DTR and RTS are left alone.</source>
         <translation>串口 %1 没有控制线，DTR 和 RTS 保持不变。</translation>
     </message>
+    <message>
+        <source>Break</source>
+        <translation>中断信号</translation>
+    </message>
 </context>
 <context>
     <name>StreamClientTransport</name>

@@ -121,7 +121,7 @@
     </message>
     <message>
         <source>TCP/UDP</source>
-        <translation>TCP/UDP</translation>
+        <translation>网络 (TCP/UDP)</translation>
     </message>
     <message>
         <source>Remote Serial (RFC 2217)</source>
@@ -130,6 +130,22 @@
     <message>
         <source>Remote Serial (Live Relay)</source>
         <translation>远程串口 (实时中继)</translation>
+    </message>
+    <message>
+        <source>Any</source>
+        <translation>任意地址</translation>
+    </message>
+    <message>
+        <source>AnyIPv4</source>
+        <translation>任意 IPv4 地址</translation>
+    </message>
+    <message>
+        <source>LocalHost</source>
+        <translation>仅本机</translation>
+    </message>
+    <message>
+        <source>LocalHostIPv6</source>
+        <translation>仅本机 (IPv6)</translation>
     </message>
 </context>
 <context>

@@ -5,7 +5,7 @@
     <name>ControlLineLights</name>
     <message>
         <source>Break</source>
-        <translation>Break</translation>
+        <translation>中断</translation>
     </message>
     <message>
         <source>Lights while data is being sent or received</source>

@@ -250,15 +250,15 @@
         <translation>（已传输 %1%）</translation>
     </message>
     <message>
-        <source>The device asked for the name "%1"; it was saved as "%2".</source>
+        <source>The device asked for the name &quot;%1&quot;; it was saved as &quot;%2&quot;.</source>
         <translation>设备请求的文件名为“%1”；已保存为“%2”。</translation>
     </message>
     <message>
-        <source>A file of that name already existed, so this one was saved as "%1".</source>
+        <source>A file of that name already existed, so this one was saved as &quot;%1&quot;.</source>
         <translation>同名文件已存在，因此此文件已保存为“%1”。</translation>
     </message>
     <message>
-        <source>What arrived was kept as "%1".</source>
+        <source>What arrived was kept as &quot;%1&quot;.</source>
         <translation>已收到的数据保存为“%1”。</translation>
     </message>
     <message>
