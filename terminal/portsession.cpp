@@ -81,6 +81,9 @@ void PortSession::applySettings(const ConnectionConfig &config, const PaneOption
     }
     m_consoleDecoder = decoderFor(m_options.receiveEncoding);
     followLogOptions(before, portStamp);
+    // Loop send switched or retimed on an open port takes effect at once.
+    if (m_open && (before.autoSend != m_options.autoSend || autoSendIntervalOf(before) != autoSendIntervalMs()))
+        restartAutoSend();
 }
 
 Result PortSession::setOptions(const PaneOptions &options)
@@ -693,8 +696,13 @@ void PortSession::onSendData()
 
 int PortSession::autoSendIntervalMs() const
 {
-    const int factor = m_options.sendTimeUnit == SendTimeUnit::Seconds ? 1000 : 1;
-    return int(qMin<qint64>(qint64(m_options.sendInterval) * factor, std::numeric_limits<int>::max()));
+    return autoSendIntervalOf(m_options);
+}
+
+int PortSession::autoSendIntervalOf(const PaneOptions &options)
+{
+    const int factor = options.sendTimeUnit == SendTimeUnit::Seconds ? 1000 : 1;
+    return int(qMin<qint64>(qint64(options.sendInterval) * factor, std::numeric_limits<int>::max()));
 }
 
 void PortSession::restartAutoSend()

@@ -232,6 +232,7 @@ public Q_SLOTS:
 private:
     void rememberTargetHost();
     int autoSendIntervalMs() const;
+    static int autoSendIntervalOf(const PaneOptions &options);
     bool refuseDuringTransfer(const QString &what);
     bool sendRemoteBreak(bool on);
     void onRemoteNotice(const QString &text);

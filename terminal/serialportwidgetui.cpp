@@ -1,12 +1,11 @@
 #include "terminal/serialportwidgetui.h"
 
 #include "settings/connectionsettingswidget.h"
+#include "settings/optionboxes.h"
 #include "terminal/controllinelights.h"
 #include "common/paneoptions.h"
 #include "terminal/receivefindbar.h"
 #include "terminal/receiveview.h"
-#include "common/wiretextcodecregistry.h"
-#include "tools/sendchecksum.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -44,23 +43,6 @@ QToolButton *toolButton(QWidget *parent, const char *name, const QString &icon, 
 }
 
 } // namespace
-
-void SerialPortWidgetUi::addLineEndings(QComboBox *box, bool receiveLabels)
-{
-    box->addItem(tr("None"), int(LineEnding::None));
-    box->addItem(QStringLiteral("CR (\\r)"), int(LineEnding::Cr));
-    box->addItem(QStringLiteral("LF (\\n)"), int(LineEnding::Lf));
-    box->addItem(QStringLiteral("CR & LF (\\r\\n)"), int(LineEnding::CrLf));
-    // The receive box has always said "LR"; both labels are kept as they are.
-    box->addItem(receiveLabels ? QStringLiteral("LR & CR (\\n\\r)") : QStringLiteral("LF & CR (\\n\\r)"),
-                 int(LineEnding::LfCr));
-}
-
-void SerialPortWidgetUi::addFormats(QComboBox *box)
-{
-    box->addItem(tr("Text"), int(MessageFormat::Text));
-    box->addItem(tr("Hex"), int(MessageFormat::Hex));
-}
 
 namespace {
 
@@ -107,12 +89,12 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     auto *receiveGroup = named(new QGroupBox(tr("Receive Settings"), options), "receiveGroup");
     auto *receiveForm = new QFormLayout(receiveGroup);
     receiveFormatBox = named(new QComboBox(receiveGroup), "receiveFormatBox");
-    addFormats(receiveFormatBox);
+    OptionBoxes::addFormats(receiveFormatBox);
     receiveEncodingBox = named(new QComboBox(receiveGroup), "receiveEncodingBox");
-    receiveEncodingBox->addItems(WireTextCodecRegistry::names());
+    OptionBoxes::addEncodings(receiveEncodingBox);
     receiveForm->addRow(tr("Format"), row(receiveGroup, {receiveFormatBox, receiveEncodingBox}));
     rxLineEndingBox = named(new QComboBox(receiveGroup), "rxLineEndingBox");
-    addLineEndings(rxLineEndingBox, true);
+    OptionBoxes::addLineEndings(rxLineEndingBox, true);
     rxLineEndingBox->setToolTip(tr("Start a new line after an idle interval"));
     autoFeedIntervalSB = named(new QSpinBox(receiveGroup), "autoFeedIntervalSB");
     autoFeedIntervalSB->setRange(1, 600000);
@@ -138,7 +120,7 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     auto *sendForm = new QFormLayout(sendGroup);
     hexSendBox = named(new QCheckBox(tr("Hex"), sendGroup), "hexSendBox");
     sendEncodingBox = named(new QComboBox(sendGroup), "sendEncodingBox");
-    sendEncodingBox->addItems(WireTextCodecRegistry::names());
+    OptionBoxes::addEncodings(sendEncodingBox);
     sendForm->addRow(tr("Format"), row(sendGroup, {hexSendBox, sendEncodingBox}));
     // One row per quick-settings field, in the catalogue's order; the
     // quick settings may reorder them.
@@ -147,22 +129,19 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     sendIntervelSB = named(new QSpinBox(sendGroup), "sendIntervelSB");
     sendIntervelSB->setRange(1, 86400000);
     sendTimeUnitBox = named(new QComboBox(sendGroup), "sendTimeUnitBox");
-    sendTimeUnitBox->addItem(tr("ms"), int(SendTimeUnit::Milliseconds));
-    sendTimeUnitBox->addItem(tr("s"), int(SendTimeUnit::Seconds));
+    OptionBoxes::addTimeUnits(sendTimeUnitBox);
     sendForm->addRow(tr("Loop Send"), row(sendGroup, {autoSendBox, sendIntervelSB, sendTimeUnitBox}));
     appendLineEndingBox = named(new QCheckBox(sendGroup), "appendLineEndingBox");
     appendLineEndingBox->setToolTip(tr("Ending appended to each send"));
     txLineEndingBox = named(new QComboBox(sendGroup), "txLineEndingBox");
-    addLineEndings(txLineEndingBox, false);
+    OptionBoxes::addLineEndings(txLineEndingBox, false);
     sendForm->addRow(tr("Append Line Ending"), row(sendGroup, {appendLineEndingBox, txLineEndingBox}));
     terminalEnterBox = named(new QComboBox(sendGroup), "terminalEnterBox");
-    addLineEndings(terminalEnterBox, false);
+    OptionBoxes::addLineEndings(terminalEnterBox, false);
     terminalEnterBox->setToolTip(tr("Bytes sent when Enter is pressed in the receive terminal"));
     sendForm->addRow(tr("Enter Sends"), terminalEnterBox);
     sendChecksumBox = named(new QComboBox(sendGroup), "sendChecksumBox");
-    const QStringList checksums = sendChecksumLabels();
-    for (int i = 0; i < checksums.size(); ++i)
-        sendChecksumBox->addItem(QCoreApplication::translate("SendChecksum", checksums.at(i).toLatin1().constData()), i);
+    OptionBoxes::addChecksums(sendChecksumBox);
     sendChecksumBox->setToolTip(tr("Checksum appended to each send"));
     sendForm->addRow(tr("Append Checksum"), sendChecksumBox);
     displaySendBox = named(new QCheckBox(tr("Display Send"), sendGroup), "displaySendBox");

@@ -292,14 +292,6 @@
         <translation>日志文件夹</translation>
     </message>
     <message>
-        <source>None</source>
-        <translation>无</translation>
-    </message>
-    <message>
-        <source>Text</source>
-        <translation>文本</translation>
-    </message>
-    <message>
         <source>Hex</source>
         <translation>十六进制</translation>
     </message>
@@ -406,14 +398,6 @@
     <message>
         <source>Resend automatically at an interval</source>
         <translation>按间隔自动重复发送</translation>
-    </message>
-    <message>
-        <source>ms</source>
-        <translation>毫秒</translation>
-    </message>
-    <message>
-        <source>s</source>
-        <translation>秒</translation>
     </message>
     <message>
         <source>Loop Send</source>

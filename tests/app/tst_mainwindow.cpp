@@ -23,6 +23,7 @@
 #include <QComboBox>
 #include <QFormLayout>
 #include <QGroupBox>
+#include <QTabWidget>
 #include <QTreeWidget>
 #include <QSplitter>
 #include <QStatusBar>
@@ -80,6 +81,7 @@ private Q_SLOTS:
     void logRecordingFollowsTheMenu();
     void projectsKeepListenAddressAndRefuseOtherFiles();
     void onlyPanesOpenAtExitAreRestored();
+    void settingsAndRestoreDefaultsFromTheMenu();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -489,7 +491,32 @@ void MainWindowTest::settingsDialogKeepsWhatItShows()
     o.logRotateAtTime = true;
     o.logRotateTime = QTime(6, 30, 0);
     o.needHourTimeStamp = true;
+    // Every receive and send option of the quick strip is here too.
+    o.receiveFormat = MessageFormat::Hex;
+    o.receiveEncoding = "GBK";
+    o.rxLineEnding = LineEnding::CrLf;
+    o.rxAutoFeedLine = true;
+    o.autoFeedInterval = 75;
+    o.displayTime = true;
+    o.sendFormat = MessageFormat::Hex;
+    o.sendEncoding = "ISO-8859-1";
+    o.autoSend = true;
+    o.sendInterval = 3;
+    o.sendTimeUnit = SendTimeUnit::Seconds;
+    o.txAutoFeedLine = true;
+    o.txLineEnding = LineEnding::LfCr;
+    o.terminalEnterMode = LineEnding::Lf;
+    o.sendChecksum = 4;
+    o.displaySendMsg = false;
+    o.localEcho = true;
+    o.lineByLine = true;
     PortSettingsDialog dialog(in);
+    auto *tabs = dialog.findChild<QTabWidget *>("settingsTabs");
+    QStringList pages;
+    for (int i = 0; i < tabs->count(); ++i)
+        pages << tabs->tabText(i);
+    QCOMPARE(pages, (QStringList{"Connection", "Receive", "Send", "Display", "Data Log"}));
+    QCOMPARE(dialog.findChild<QComboBox *>("sendChecksumBox")->currentText(), QString("CRC-16/MODBUS"));
     const PaneSettings out = dialog.settings();
     QVERIFY(out.connection == in.connection);
     QVERIFY(out.options == in.options);
@@ -1008,6 +1035,58 @@ void MainWindowTest::onlyPanesOpenAtExitAreRestored()
     QVERIFY(again.panes().at(1)->isConnectionOpen());
     QVERIFY(!again.panes().at(2)->isConnectionOpen());
     again.close();
+}
+
+// Through the Tools menu, as a user: with Quick Settings closed the full
+// panel still changes how a pane sends; Restore Default Settings closes the
+// open port and brings every option back.
+void MainWindowTest::settingsAndRestoreDefaultsFromTheMenu()
+{
+    QTemporaryDir logs;
+    MainWindow w;
+    w.show();
+    SerialPortWidget *pane = w.panes().constFirst();
+    makeUdpPane(pane, logs.path(), true);
+    QVERIFY(pane->openConnection());
+    QVERIFY(pane->isLogging());
+    w.findChild<QAction *>("acViewQuickSettings")->trigger();  // closes the strip
+    QAction *settingsAction = w.findChild<QAction *>("acToolsSetting");
+
+    auto withDialog = [](const std::function<void(PortSettingsDialog *)> &act) {
+        QTimer::singleShot(0, [act] {
+            auto *dialog = qobject_cast<PortSettingsDialog *>(QApplication::activeModalWidget());
+            QVERIFY(dialog);
+            act(dialog);
+        });
+    };
+    withDialog([](PortSettingsDialog *dialog) {
+        auto *checksum = dialog->findChild<QComboBox *>("sendChecksumBox");
+        checksum->setCurrentIndex(checksum->findData(3));
+        dialog->findChild<QCheckBox *>("hexSendBox")->setChecked(true);
+        dialog->accept();
+    });
+    settingsAction->trigger();
+    QCOMPARE(pane->paneOptions().sendChecksum, 3);
+    QCOMPARE(pane->paneOptions().sendFormat, MessageFormat::Hex);
+    QVERIFY(pane->isConnectionOpen());  // options only: the port stays open
+    QVERIFY(w.isWindowModified());
+
+    withDialog([](PortSettingsDialog *dialog) {
+        answerNextBox(QMessageBox::Ok);
+        dialog->findChild<QPushButton *>("pbRestoreDefaults")->click();
+        dialog->reject();
+    });
+    settingsAction->trigger();
+    QVERIFY(!pane->isConnectionOpen());
+    QVERIFY(!pane->isLogging());
+    QVERIFY(pane->paneOptions() == PaneOptions());
+    QCOMPARE(pane->connectionConfig().mode, ConnectionMode::Serial);
+    QVERIFY(!w.findChild<QAction *>("acFileRecordDataLog")->isChecked());
+    QCOMPARE(w.statusBar()->currentMessage(), QString("Default settings restored."));
+    // New panes start from the defaults too.
+    QVERIFY(w.addPane()->paneOptions() == PaneOptions());
+    answerNextBox(QMessageBox::Discard);
+    QVERIFY(w.close());
 }
 
 QTEST_MAIN(MainWindowTest)
