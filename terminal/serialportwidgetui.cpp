@@ -58,6 +58,9 @@ QWidget *row(QWidget *parent, std::initializer_list<QWidget *> widgets, bool str
     return holder;
 }
 
+// Characters an option box keeps visible however narrow the column gets.
+constexpr int kMinimumBoxCharacters = 5;
+
 } // namespace
 
 void SerialPortWidgetUi::setupUi(QWidget *pane)
@@ -155,6 +158,17 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     sendForm->addRow(QString(), cbLinebyLine);
     optionsLayout->addWidget(sendGroup);
     optionsLayout->addStretch(1);
+    // Two panes side by side must fit a common screen: the column folds a
+    // label above its field when a row does not fit beside it, and its boxes
+    // give up width (their text is elided) before the pane grows.
+    // (Not the connection form: Qt 6.4 does not show a folded row again
+    // once it was hidden, and its rows are short.)
+    for (QFormLayout *form : {receiveForm, sendForm})
+        form->setRowWrapPolicy(QFormLayout::WrapLongRows);
+    for (QComboBox *box : options->findChildren<QComboBox *>()) {
+        box->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+        box->setMinimumContentsLength(kMinimumBoxCharacters);
+    }
     // The column never gets narrower than its widgets; the scroll area then
     // only ever scrolls vertically.
     scroll->setMinimumWidth(options->minimumSizeHint().width() + scroll->verticalScrollBar()->sizeHint().width());
@@ -169,12 +183,13 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     auto *toolbar = new QWidget(views);
     auto *toolbarLayout = new QHBoxLayout(toolbar);
     toolbarLayout->setContentsMargins(0, 0, 0, 0);
-    statusLabel = named(new QLabel(toolbar), "statusLabel");
+    statusLabel = named(new QLabel(views), "statusLabel");
     statusLabel->setTextFormat(Qt::RichText);
     // Nothing in the tool bar may widen the pane as it changes: every pane
     // shares the window's width, and a wider pane lays its whole view out
-    // again. The status line gives way (its tooltip holds all of it) and
-    // the counters keep room for ten digits.
+    // again. The status line has a row of its own, so a narrow pane still
+    // shows it, and gives way when even that is too short (its tooltip
+    // holds all of it); the counters keep room for ten digits.
     statusLabel->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     statusLabel->setMinimumWidth(1);
     txCountLabel = named(new QLabel(toolbar), "txCountLabel");
@@ -188,13 +203,14 @@ void SerialPortWidgetUi::setupUi(QWidget *pane)
     pauseButton->setCheckable(true);
     clearButton = toolButton(toolbar, "clearButton", QStringLiteral("cleanport"), tr("Clear the display"));
     findButton = toolButton(toolbar, "findButton", QStringLiteral("find"), tr("Find in received data (Ctrl+F)"));
-    toolbarLayout->addWidget(statusLabel, 1);
+    toolbarLayout->addStretch(1);
     toolbarLayout->addWidget(txCountLabel);
     toolbarLayout->addWidget(rxCountLabel);
     toolbarLayout->addWidget(resetCountersButton);
     toolbarLayout->addWidget(pauseButton);
     toolbarLayout->addWidget(clearButton);
     toolbarLayout->addWidget(findButton);
+    viewsLayout->addWidget(statusLabel);
     viewsLayout->addWidget(toolbar);
 
     errorLabel = named(new QLabel(views), "errorLabel");

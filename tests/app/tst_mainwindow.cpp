@@ -39,6 +39,8 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QSettings>
+#include <QScrollBar>
+#include <QScrollArea>
 #include <QTimer>
 #include <QtTest>
 
@@ -82,6 +84,8 @@ private Q_SLOTS:
     void projectsKeepListenAddressAndRefuseOtherFiles();
     void onlyPanesOpenAtExitAreRestored();
     void settingsAndRestoreDefaultsFromTheMenu();
+    void twoPanesFitSideBySide_data();
+    void twoPanesFitSideBySide();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -1087,6 +1091,42 @@ void MainWindowTest::settingsAndRestoreDefaultsFromTheMenu()
     QVERIFY(w.addPane()->paneOptions() == PaneOptions());
     answerNextBox(QMessageBox::Discard);
     QVERIFY(w.close());
+}
+
+void MainWindowTest::twoPanesFitSideBySide_data()
+{
+    QTest::addColumn<int>("width");
+    QTest::addColumn<bool>("quickSettings");
+    QTest::newRow("1600 px with Quick Settings") << 1600 << true;
+    QTest::newRow("1280 px without") << 1280 << false;
+}
+
+// Two panes side by side on a common screen, without the window scrolling
+// sideways; a TCP server pane, whose rows are the widest.
+void MainWindowTest::twoPanesFitSideBySide()
+{
+    QFETCH(int, width);
+    QFETCH(bool, quickSettings);
+    MainWindow w;
+    w.setColumnNumber(2);
+    w.addPane();
+    ConnectionConfig server = w.panes().at(1)->connectionConfig();
+    server.mode = ConnectionMode::TcpServer;
+    w.panes().at(1)->applySettings(server, w.panes().at(1)->paneOptions(), {});
+    if (!quickSettings)
+        w.findChild<QAction *>("acViewQuickSettings")->trigger();
+    w.resize(width, 860);
+    w.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&w));
+    QCoreApplication::processEvents();
+    auto *scroll = w.findChild<QScrollArea *>("portScrollArea");
+    QVERIFY(scroll);
+    QVERIFY2(scroll->horizontalScrollBar()->maximum() == 0,
+             qPrintable(QString("the panes need %1 px more").arg(scroll->horizontalScrollBar()->maximum())));
+    for (SerialPortWidget *pane : w.panes())
+        QVERIFY(pane->width() >= pane->minimumSizeHint().width());
+    answerNextBox(QMessageBox::Discard);
+    w.close();
 }
 
 QTEST_MAIN(MainWindowTest)
