@@ -601,9 +601,18 @@ quint64 PortSession::txCount() const
     return m_txAccepted > waiting ? m_txAccepted - waiting : 0;
 }
 
+qint64 PortSession::peerBacklog() const
+{
+    // A send to one client of a server waits on that client alone: another
+    // that is slow to read is not the one being written to.
+    const bool oneClient = m_config.mode == ConnectionMode::TcpServer
+        && (!m_target.clientLabel.isEmpty() || m_target.index >= 0);
+    return oneClient ? m_controller->bytesToWrite(m_config.mode, m_target) : m_controller->writeBacklog();
+}
+
 bool PortSession::isPeerBacklogged() const
 {
-    return m_controller->writeBacklog() >= PortTransport::kWriteHighWatermark;
+    return peerBacklog() >= PortTransport::kWriteHighWatermark;
 }
 
 void PortSession::resetCounters()
@@ -657,7 +666,7 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
         return false;
     if (isPeerBacklogged()) {
         emit statusMessage(tr("The peer is not reading: %L1 bytes are still waiting to be sent.")
-                               .arg(m_controller->writeBacklog()),
+                               .arg(peerBacklog()),
                            5000);
         return false;
     }

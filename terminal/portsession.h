@@ -134,6 +134,8 @@ public:
     // unsent) is not sent more: the send is refused with a message.
     bool sendBytes(const QByteArray &data, bool echo = true);
     bool isPeerBacklogged() const;
+    // What still waits for the peer the next send goes to.
+    qint64 peerBacklog() const;
     void onSendData();
     void restartAutoSend();
     void resetLineStepper() { m_lineStepper.reset(); }

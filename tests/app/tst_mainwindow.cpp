@@ -159,12 +159,18 @@ void MainWindowTest::paneStartsFromLastUsedAndSavesChanges()
         settings.setValue("LastBaudrate", 115200);
         settings.setValue("LastReceiveEncoding", "GBK");
         settings.setValue("LastDisplaySendTime", false);
+        // Written by every save of the record and read where it is used:
+        // the log name a new pane starts with.
+        settings.setValue("LastLogFileName", "bench_%S.log");
+        settings.setValue("LastListenAddress", int(QHostAddress::LocalHost));
     }
     MainWindow w;
     QCOMPARE(w.panes().size(), 1);
     SerialPortWidget *pane = w.panes().constFirst();
     QCOMPARE(pane->connectionConfig().baudRate, 115200);
     QCOMPARE(pane->paneOptions().receiveEncoding, QString("GBK"));
+    QCOMPARE(pane->paneOptions().logFileName, QString("bench_%S.log"));
+    QCOMPARE(pane->connectionConfig().listenAddress, QHostAddress::LocalHost);
 
     pane->findChild<QCheckBox *>("displayTimeBox")->click();
     QSettings settings;
