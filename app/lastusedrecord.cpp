@@ -1,7 +1,7 @@
 #include "app/lastusedrecord.h"
 
 #include "common/logging.h"
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QSettings>
 
@@ -34,6 +34,7 @@ constexpr LastUsedKey kPaneKeys[] = {
     {"targetPort", "LastTargetPort"},
     {"udpLocalPort", "LastUdpLocalPort"},
     {"udpServerPort", "LastUdpServerPort"},
+    {"listenAddress", "LastListenAddress"},
     {"receiveFormat", "LastReceiveMessageFormat"},
     {"sendFormat", "LastSendMessageFormat"},
     {"sendChecksum", "LastSendChecksum"},
@@ -136,6 +137,17 @@ void LastUsedRecord::saveLastFiles(QSettings &settings, const QString &lastFile,
 {
     settings.setValue(QStringLiteral("LastFile"), lastFile);
     settings.setValue(QStringLiteral("LastLogFile"), lastLogFile);
+}
+
+QString LastUsedRecord::readLogFileName(const QSettings &settings, const QString &fallback)
+{
+    PaneSettings read;
+    read.options.logFileName = fallback;
+    const QString key = QStringLiteral("LastLogFileName");
+    if (settings.contains(key) && !PaneFields::find(QStringLiteral("logFileName"))->set(read, settings.value(key)))
+        qCWarning(lcSettings) << "ignoring unreadable setting" << key;
+    // An empty name would refuse every log: the built-in pattern instead.
+    return read.options.logFileName.trimmed().isEmpty() ? fallback : read.options.logFileName;
 }
 
 bool LastUsedRecord::readOpenLastConnection(QSettings &settings)

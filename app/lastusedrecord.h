@@ -2,7 +2,7 @@
 
 #include "connection/connectionconfig.h"
 #include "settings/quicksettingslayout.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QStringList>
 
@@ -37,6 +37,8 @@ struct LastUsedRecord
     void save(QSettings &settings) const;
 
     static void saveLastFiles(QSettings &settings, const QString &lastFile, const QString &lastLogFile);
+    // The data-log file name new panes take, read where it is used.
+    static QString readLogFileName(const QSettings &settings, const QString &fallback);
     static bool readOpenLastConnection(QSettings &settings);
     static bool readAutoReconnect(QSettings &settings);
 };

@@ -11,6 +11,7 @@
 #include "cloud/sessionsynccoordinator.h"
 #include "common/logging.h"
 #include "settings/portsettingsdialog.h"
+#include "terminal/logwriter.h"
 #include "settings/quicksettingsdialog.h"
 #include "app/windowplacement.h"
 #include "bridge/bridgemanager.h"
@@ -30,6 +31,7 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QInputDialog>
+#include <QLocale>
 #include <QUrl>
 #include <QCloseEvent>
 #include <QGuiApplication>
@@ -49,6 +51,9 @@ namespace {
 constexpr int kRecentFileLimit = 10;
 const QString kLayoutKey = QStringLiteral("PortLayout");
 const QString kColumnNumberKey = QStringLiteral("ColumnNumber");
+const QString kLastDirectoryKey = QStringLiteral("LastDirectory");
+// Which panes (by number) had their connection open at the last exit.
+const QString kOpenPanesKey = QStringLiteral("LastOpenPanes");
 
 } // namespace
 
@@ -89,6 +94,7 @@ MainWindow::MainWindow(QWidget *parent)
 
     QSettings settings;
     m_lastUsed.load(settings);
+    m_lastUsed.pane.logFileName = LastUsedRecord::readLogFileName(settings, m_lastUsed.pane.logFileName);
     const int storedLayout = settings.value(kLayoutKey, int(m_layout)).toInt();
     if (storedLayout >= 0 && storedLayout <= int(PortArrangement::Layout::Custom))
         m_layout = PortArrangement::Layout(storedLayout);
@@ -99,11 +105,10 @@ MainWindow::MainWindow(QWidget *parent)
     {
         const QSignalBlocker b1(ui->acControlOpen);
         const QSignalBlocker b2(ui->acAutoReconnect);
-        const QSignalBlocker b3(ui->acFileRecordDataLog);
         ui->acControlOpen->setChecked(LastUsedRecord::readOpenLastConnection(settings));
         ui->acAutoReconnect->setChecked(LastUsedRecord::readAutoReconnect(settings));
-        ui->acFileRecordDataLog->setChecked(m_lastUsed.pane.logSaveFlag);
     }
+    setUpLanguageMenu(LanguageChoice::stored(settings));
     m_lastUsed.openLastConnection = ui->acControlOpen->isChecked();
     m_lastUsed.autoReconnect = ui->acAutoReconnect->isChecked();
     updateRecentFilesMenu();
@@ -119,6 +124,7 @@ MainWindow::MainWindow(QWidget *parent)
     // said, and skipped.
     if (const QStringList skipped = m_bridges->load(settings); !skipped.isEmpty())
         statusBar()->showMessage(skipped.join(QLatin1Char(' ')), 15000);
+    updateLogAction();
     m_transfers = new PaneTransfers(this);
     m_cloudMenu = new CloudAccountMenu(
         {ui->acAccountSignIn, ui->acAccountMe, ui->acAccountSyncNow, ui->acAccountSyncSettings, ui->acAccountSignOut},
@@ -172,6 +178,7 @@ SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
     connect(pane, &SerialPortWidget::settingsChanged, this, [this, pane] {
         saveLastUsed(pane);
         markModified();
+        updateLogAction();
     });
     emit panesChanged();
     return pane;
@@ -188,6 +195,7 @@ void MainWindow::removePane(SerialPortWidget *pane)
     pane->setParent(nullptr);
     pane->deleteLater();
     emit panesChanged();
+    updateLogAction();
 }
 
 void MainWindow::removeAllPanes()
@@ -334,6 +342,7 @@ bool MainWindow::openProject(const QString &fileName)
     for (const ProjectPane &pane : project.panes)
         createPane(pane);
     rebuildLayout();
+    updateLogAction();
     setCurrentFile(fileName);
     addRecentFile(fileName);
     statusBar()->showMessage(tr("Opened %1").arg(QDir::toNativeSeparators(fileName)), 2000);
@@ -367,16 +376,32 @@ bool MainWindow::maybeSave()
     return answer == QMessageBox::Discard;
 }
 
+QString MainWindow::fileDialogFolder() const
+{
+    // Where the user went last, else beside the current project, else the
+    // configuration folder.
+    if (!m_lastUsed.lastDirectory.isEmpty() && QFileInfo(m_lastUsed.lastDirectory).isDir())
+        return m_lastUsed.lastDirectory;
+    if (!m_currentFile.isEmpty())
+        return QFileInfo(m_currentFile).absolutePath();
+    QSettings settings;
+    return ConfigFolder::stored(settings);
+}
+
+void MainWindow::rememberDirectory(const QString &chosenFile)
+{
+    m_lastUsed.lastDirectory = QFileInfo(chosenFile).absolutePath();
+    QSettings settings;
+    settings.setValue(kLastDirectoryKey, m_lastUsed.lastDirectory);
+}
+
 bool MainWindow::saveAs()
 {
-    QString folder = QFileInfo(m_currentFile).absolutePath();
-    if (m_currentFile.isEmpty()) {
-        QSettings settings;
-        folder = ConfigFolder::stored(settings);
-    }
-    QString fileName = QFileDialog::getSaveFileName(this, tr("Save Tessaline"), folder, tr("Tessaline files (*.tsl)"));
+    QString fileName =
+        QFileDialog::getSaveFileName(this, tr("Save Tessaline"), fileDialogFolder(), tr("Tessaline files (*.tsl)"));
     if (fileName.isEmpty())
         return false;
+    rememberDirectory(fileName);
     if (QFileInfo(fileName).suffix().isEmpty())
         fileName += QStringLiteral(".tsl");
     return saveProjectTo(fileName);
@@ -410,7 +435,7 @@ void MainWindow::updateRecentFilesMenu()
                 settings.setValue(QStringLiteral("RecentFiles"), m_lastUsed.recentFiles);
                 updateRecentFilesMenu();
             }
-            openProject(path);
+            openChosenProject(path);
         });
     }
     ui->menuRecentFiles->setEnabled(!m_lastUsed.recentFiles.isEmpty());
@@ -430,11 +455,31 @@ void MainWindow::on_acFileOpen_triggered()
 {
     if (!maybeSave())
         return;
-    QSettings settings;
-    const QString folder = m_currentFile.isEmpty() ? ConfigFolder::stored(settings) : QFileInfo(m_currentFile).absolutePath();
-    const QString fileName = QFileDialog::getOpenFileName(this, tr("Open Settings"), folder, tr("Tessaline files (*.tsl)"));
-    if (!fileName.isEmpty())
-        openProject(fileName);
+    const QString fileName =
+        QFileDialog::getOpenFileName(this, tr("Open Settings"), fileDialogFolder(), tr("Tessaline files (*.tsl)"));
+    if (fileName.isEmpty())
+        return;
+    rememberDirectory(fileName);
+    openChosenProject(fileName);
+}
+
+bool MainWindow::openChosenProject(const QString &fileName)
+{
+    if (openProject(fileName))
+        return true;
+    // The user asked for this file: say why nothing changed.
+    const ValueResult<Project> read = ProjectFile::readSettingFile(fileName, newPaneSettings());
+    showWarning(read ? tr("Could not open %1.").arg(QDir::toNativeSeparators(fileName)) : read.errorText());
+    return false;
+}
+
+void MainWindow::showWarning(const QString &text)
+{
+    // Not modal: ports keep running and the window keeps answering.
+    auto *box = new QMessageBox(QMessageBox::Warning, tr("Warning"), text, QMessageBox::Ok, this);
+    box->setObjectName(QStringLiteral("windowWarning"));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
 }
 
 void MainWindow::on_acFileSave_triggered()
@@ -466,6 +511,8 @@ void MainWindow::on_acSettingSavePath_triggered()
 
 void MainWindow::on_acFileRecordDataLog_toggled(bool on)
 {
+    // Every pane records, or none does; an open port starts or stops its
+    // log at once.
     for (SerialPortWidget *pane : std::as_const(m_panes)) {
         PaneOptions options = pane->paneOptions();
         if (options.logSaveFlag == on)
@@ -474,20 +521,34 @@ void MainWindow::on_acFileRecordDataLog_toggled(bool on)
         pane->applySettings(pane->connectionConfig(), options, pane->sendHistory());
         saveLastUsed(pane);
     }
+    updateLogAction();
     markModified();
+}
+
+void MainWindow::updateLogAction()
+{
+    // Checked while every pane records its log.
+    const bool all = !m_panes.isEmpty()
+        && std::all_of(m_panes.cbegin(), m_panes.cend(),
+                       [](const SerialPortWidget *pane) { return pane->paneOptions().logSaveFlag; });
+    const QSignalBlocker blocker(ui->acFileRecordDataLog);
+    ui->acFileRecordDataLog->setChecked(all);
 }
 
 void MainWindow::on_acFileViewCurrentDataLog_triggered()
 {
     SerialPortWidget *pane = currentPane();
-    const QString file = pane ? pane->currentLogFile() : QString();
-    if (file.isEmpty()) {
-        statusBar()->showMessage(tr("No data log is being recorded."), 3000);
+    if (!pane)
+        return;
+    const Result check = pane->session()->checkCurrentLogFile();
+    if (!check) {
+        showWarning(check.errorText());
         return;
     }
+    const QString file = pane->currentLogFile();
     m_lastUsed.lastLogFile = file;
     if (!QDesktopServices::openUrl(QUrl::fromLocalFile(file)))
-        statusBar()->showMessage(tr("Cannot open %1").arg(QDir::toNativeSeparators(file)), 5000);
+        showWarning(LogWriter::cannotOpenCurrentText());
 }
 
 void MainWindow::on_acFileOpenLogFolder_triggered()
@@ -642,8 +703,15 @@ void MainWindow::restoreLastConnection()
 {
     if (!ui->acControlOpen->isChecked() || !m_lastUsed.lastConnectionOpen)
         return;
-    for (SerialPortWidget *pane : std::as_const(m_panes))
-        pane->openConnection({}, true);
+    // Only the panes that were open; a store from before the list was kept
+    // names none, and then every pane opens as it used to.
+    const QSettings settings;
+    const QStringList open = settings.value(kOpenPanesKey).toStringList();
+    const bool known = settings.contains(kOpenPanesKey);
+    for (qsizetype i = 0; i < m_panes.size(); ++i) {
+        if (!known || open.contains(QString::number(i)))
+            m_panes.at(i)->openConnection({}, true);
+    }
 }
 
 void MainWindow::on_acMonStart_triggered()
@@ -730,10 +798,7 @@ void MainWindow::restoreDefaults()
     QSettings settings;
     m_lastUsed.save(settings);
     applyQuickSettings();
-    {
-        const QSignalBlocker blocker(ui->acFileRecordDataLog);
-        ui->acFileRecordDataLog->setChecked(defaults.options.logSaveFlag);
-    }
+    updateLogAction();
     statusBar()->showMessage(tr("Default settings restored."), 3000);
     markModified();
 }
@@ -851,16 +916,17 @@ void MainWindow::closeEvent(QCloseEvent *event)
     LastUsedRecord::saveLastFiles(settings, m_currentFile, m_lastUsed.lastLogFile);
     qCDebug(lcApp) << "### position:" << pos();
     WindowPlacement::store(settings, size(), pos());
-    bool anyOpen = false;
-    for (SerialPortWidget *pane : std::as_const(m_panes)) {
-        const bool open = pane->isConnectionOpen() || pane->isReconnecting();
-        anyOpen |= open;
-        if (open) {
+    QStringList openPanes;
+    for (qsizetype i = 0; i < m_panes.size(); ++i) {
+        SerialPortWidget *pane = m_panes.at(i);
+        if (pane->isConnectionOpen() || pane->isReconnecting()) {
+            openPanes.append(QString::number(i));
             pane->disarmReconnect();
             pane->closeConnection();
         }
     }
-    settings.setValue(QStringLiteral("LastConnectionOpen"), anyOpen);
+    settings.setValue(QStringLiteral("LastConnectionOpen"), !openPanes.isEmpty());
+    settings.setValue(kOpenPanesKey, openPanes);
     event->accept();
 }
 
@@ -908,13 +974,27 @@ void MainWindow::applyCloudSessionState(const SessionState &state, int language)
         pane->applySettings(m_lastUsed.connection, m_lastUsed.pane,
                             state.hasSendHistory ? state.sendHistory : pane->sendHistory());
     }
+    updateLogAction();
     markModified();
+}
+
+void MainWindow::setUpLanguageMenu(int stored)
+{
+    // One choice at a time; following the system marks what it follows.
+    auto *group = new QActionGroup(this);
+    for (QAction *action : {ui->actionEnglish, ui->actionChinese}) {
+        action->setCheckable(true);
+        group->addAction(action);
+    }
+    const bool chinese = LanguageChoice::wantsChinese(stored, QLocale::system().name());
+    (chinese ? ui->actionChinese : ui->actionEnglish)->setChecked(true);
 }
 
 void MainWindow::chooseLanguage(int value)
 {
     QSettings settings;
     LanguageChoice::store(settings, value);
+    (value == LanguageChoice::SimplifiedChinese ? ui->actionChinese : ui->actionEnglish)->setChecked(true);
     QMessageBox::information(this, tr("Tessaline"),
                              tr("The changes will take effect when the program is restarted."));
 }

@@ -124,6 +124,15 @@ private Q_SLOTS:
 
 private:
     void chooseLanguage(int value);
+    void setUpLanguageMenu(int stored);
+    // Opens a project the user picked; a failure is said in a warning box.
+    bool openChosenProject(const QString &fileName);
+    void showWarning(const QString &text);
+    // Log Recording is checked while every pane records.
+    void updateLogAction();
+    // File dialogs start where the user went last.
+    QString fileDialogFolder() const;
+    void rememberDirectory(const QString &chosenFile);
     SerialPortWidget *createPane(const ProjectPane &settings);
     void removeAllPanes();
     // Rebuilds the splitters for the current arrangement and reapplies the

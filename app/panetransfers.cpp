@@ -5,6 +5,8 @@
 #include "transfer/filetransferdialog.h"
 #include "transfer/portsessionxferport.h"
 
+#include <QLabel>
+
 PaneTransfers::PaneTransfers(QObject *parent)
     : QObject(parent)
 {
@@ -60,6 +62,18 @@ void PaneTransfers::adopt(SerialPortWidget *pane, FileTransferSession *transfer)
     pane->addStrip(bar);
     bar->show();
     connect(transfer, &FileTransferSession::finished, bar, &QObject::deleteLater);
+    if (transfer->protocol() == XmodemVariant::YmodemG
+        && FileTransferDialog::lacksHardwareFlowControl(pane->connectionConfig())) {
+        // Said in the pane for as long as the transfer runs.
+        auto *hint = new QLabel(ymodemGHint(), pane);
+        hint->setObjectName(QStringLiteral("ymodemGHint"));
+        hint->setStyleSheet(QStringLiteral("QLabel { color: palette(mid); }"));
+        hint->setWordWrap(true);
+        hint->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+        pane->addStrip(hint);
+        hint->show();
+        connect(transfer, &FileTransferSession::finished, hint, &QObject::deleteLater);
+    }
     connect(transfer, &FileTransferSession::finished, this, [this, pane, transfer] {
         if (m_running.value(pane) == transfer)
             m_running.remove(pane);
@@ -71,6 +85,11 @@ void PaneTransfers::adopt(SerialPortWidget *pane, FileTransferSession *transfer)
             m_running.remove(pane);
     });
     emit runningChanged();
+}
+
+QString PaneTransfers::ymodemGHint()
+{
+    return tr("YMODEM-G does not retransmit, so it needs hardware flow control (RTS/CTS). This connection has none.");
 }
 
 bool PaneTransfers::cancel(SerialPortWidget *pane)

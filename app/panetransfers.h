@@ -29,6 +29,8 @@ public:
     bool cancel(SerialPortWidget *pane);
     FileTransferSession *running(SerialPortWidget *pane) const;
     bool anyRunning() const;
+    // Shown in the pane while YMODEM-G runs on a line without RTS/CTS.
+    static QString ymodemGHint();
 
 signals:
     // A transfer started or ended on some pane.

@@ -38,6 +38,9 @@ constexpr ProjectKey kPaneKeys[] = {
     // Not among the older keys; without it every UDP pane of a project
     // would send to the last-used remote port.
     {"udpServerPort", "UdpServerPort"},
+    // Also newer: without it a server bound to one interface came back
+    // listening on every one. Files without it mean Any.
+    {"listenAddress", "ListenAddress"},
     {"useRemoteSerialConfig", "UseRemoteSerialConfig"},
     {"relayCid", "RelayCid"},
     {"relayPortName", "RelayPortName"},
@@ -139,6 +142,8 @@ ProjectPane readPane(QSettings &settings, const ProjectPane &defaults)
     // Built completely before it is handed out: a pane is never left with
     // half of a file's values.
     ProjectPane pane = defaults;
+    // Files from before the listen address was kept listened everywhere.
+    pane.settings.connection.listenAddress = QHostAddress::Any;
     for (const ProjectKey &entry : kPaneKeys) {
         const QString key = QString::fromLatin1(entry.key);
         if (!settings.contains(key))
@@ -291,6 +296,12 @@ ValueResult<Project> ProjectFile::readSettingFile(const QString &fileName, const
     QSettings settings(fileName, QSettings::IniFormat);
     if (settings.status() == QSettings::AccessError)
         return ValueResult<Project>::failure(tr("Cannot read %1.").arg(QDir::toNativeSeparators(fileName)));
+    // Every project says how many panes it has; a file without that (binary,
+    // plain text, another program's) is refused before anything changes, so
+    // it never becomes the file the next save overwrites.
+    if (settings.status() == QSettings::FormatError || !settings.contains(QStringLiteral("PortNumber")))
+        return ValueResult<Project>::failure(
+            tr("%1 does not hold Tessaline settings. Nothing was changed.").arg(QDir::toNativeSeparators(fileName)));
 
     Project project;
     const int count = readCount(settings, QStringLiteral("PortNumber"), 1, Project::kMaxPanes).value_or(1);

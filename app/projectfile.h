@@ -2,7 +2,7 @@
 
 #include "common/result.h"
 #include "settings/quicksettingslayout.h"
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QCoreApplication>
 #include <QList>

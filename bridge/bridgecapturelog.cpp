@@ -1,6 +1,6 @@
 #include "bridge/bridgecapturelog.h"
 
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "tools/hexparser.h"
 
 BridgeCaptureLog::BridgeCaptureLog(LogWriter::Clock clock)

@@ -2,7 +2,7 @@
 
 #include "bridge/bridgeendform.h"
 #include "bridge/bridgeframingform.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QCheckBox>
 #include <QComboBox>

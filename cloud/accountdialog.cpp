@@ -131,6 +131,7 @@ void AccountDialog::startRequest(QLabel *status, const QString &text)
     applyServer();
     status->setText(text);
     setInputsEnabled(false);
+    m_awaitingReply = true;
     m_replyTimer->start();
 }
 
@@ -184,8 +185,11 @@ void AccountDialog::registerAccount()
 
 void AccountDialog::handleAccountResponse(const QJsonObject &response)
 {
-    if (response.value(QLatin1String("type")).toString() != QLatin1String("account"))
+    // Only the answer to what this dialog asked: a token refresh or a
+    // profile fetched elsewhere meanwhile is none of its business.
+    if (!m_awaitingReply || response.value(QLatin1String("type")).toString() != QLatin1String("account"))
         return;
+    m_awaitingReply = false;
     m_replyTimer->stop();
     setInputsEnabled(true);
     const bool ok = response.value(QLatin1String("status")).toBool();
@@ -207,8 +211,9 @@ void AccountDialog::handleAccountResponse(const QJsonObject &response)
 void AccountDialog::handleNetworkError(const QString &domain, const QString &message, const QString &detail)
 {
     Q_UNUSED(detail);
-    if (domain != QLatin1String("account"))
+    if (!m_awaitingReply || domain != QLatin1String("account"))
         return;
+    m_awaitingReply = false;
     m_replyTimer->stop();
     setInputsEnabled(true);
     activeStatus()->setText(message);

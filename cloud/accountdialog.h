@@ -46,6 +46,9 @@ private:
     NetworkServices *m_network;
     AccountSession *m_session;
     QTimer *m_replyTimer;
+    // A request of this dialog is out; a late answer (after the reply
+    // timer gave up) is still taken.
+    bool m_awaitingReply = false;
     QTabWidget *m_tabs;
     QLineEdit *m_server;
     QLineEdit *m_loginEmail;

@@ -27,8 +27,7 @@ void AccountReplyHandler::handleAccountResponse(const QJsonObject &response)
         m_network->fetchCloudQuota(m_session->accessToken());
     } else if (ok) {
         emit accountInfo(response);
-    } else if (m_session->isRefreshPending() && m_session->isSignedIn()
-               && code.contains(QLatin1String("refresh"))) {
+    } else if (m_session->isSignedIn() && isRefusedRefresh(code)) {
         // The refresh was refused: the sign-in has ended.
         emit notice(myAccountTitle(), tr("Sign in has expired."));
         if (!m_session->isAccessTokenValid())
@@ -40,6 +39,13 @@ void AccountReplyHandler::handleAccountResponse(const QJsonObject &response)
     }
     if (m_sync)
         m_sync->handleAccountResponse(response);
+}
+
+bool AccountReplyHandler::isRefusedRefresh(const QString &code)
+{
+    // The service's words for a refresh token it will not renew.
+    return code == QLatin1String("invalid_refresh_token") || code == QLatin1String("refresh_token_expired")
+        || code == QLatin1String("refresh_token_reused");
 }
 
 void AccountReplyHandler::signOut()

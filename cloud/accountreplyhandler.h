@@ -21,6 +21,8 @@ public:
     void signOut();
 
     static QString myAccountTitle();
+    // Whether a failure code is the service refusing a token refresh.
+    static bool isRefusedRefresh(const QString &code);
 
 signals:
     // A reply carried a token: refresh the account menu and badges.

@@ -1,9 +1,9 @@
 #include "cloud/consoleportcommands.h"
 
+#include "common/wiretextcodecregistry.h"
 #include "connection/serialparametertext.h"
 #include "terminal/portsession.h"
 #include "terminal/sendframebuilder.h"
-#include "terminal/wiretextcodecregistry.h"
 
 #include <QJsonValue>
 

@@ -13,6 +13,7 @@
 #include <QLocale>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSysInfo>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
@@ -140,12 +141,18 @@ void MyAccountDialog::showDevices(const QJsonArray &devices)
     for (const QJsonValue &value : devices) {
         const QJsonObject device = value.toObject();
         const bool current = device.value(QLatin1String("current")).toBool();
-        QString name = device.value(QLatin1String("name")).toString();
-        if (current)
-            name = tr("%1 (this computer)").arg(name);
+        const QString stored = device.value(QLatin1String("name")).toString();
+        QString name = stored;
+        if (current) {
+            // The service knows this computer by its number; people know it
+            // by its name.
+            const QString host = QSysInfo::machineHostName();
+            name = tr("%1 (this computer)").arg(host.isEmpty() ? stored : host);
+        }
         auto *item = new QTreeWidgetItem(m_devices, {name, device.value(QLatin1String("client_version")).toString(),
                                                      whenText(device.value(QLatin1String("last_seen_at")).toInteger())});
         item->setData(NameColumn, kDeviceIdRole, device.value(QLatin1String("id")).toVariant().toString());
+        item->setToolTip(NameColumn, stored);
         item->setData(NameColumn, kCurrentRole, current);
     }
     m_remove->setEnabled(m_devices->currentItem() != nullptr);

@@ -1,6 +1,6 @@
 #include "cloud/sessionstatemapping.h"
 
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <type_traits>
 

@@ -214,6 +214,7 @@ void ConnectionController::startTcpClient(const QString &host, quint16 port)
 
 bool ConnectionController::startTcpServer(quint16 port, const QHostAddress &address)
 {
+    m_mode = ConnectionMode::TcpServer;
     TcpServerTransport *server = ensureServer();
     server->setExclusive(m_serverExclusive);
     server->setAllowlist(m_serverAllowlist);
@@ -302,6 +303,12 @@ qint64 ConnectionController::bytesToWrite(ConnectionMode mode) const
 {
     const PortTransport *transport = transportFor(mode);
     return transport ? transport->bytesToWrite() : 0;
+}
+
+qint64 ConnectionController::bytesToWrite(ConnectionMode mode, const SendTarget &target) const
+{
+    const PortTransport *transport = transportFor(mode);
+    return transport ? transport->bytesToWriteFor(target) : 0;
 }
 
 qint64 ConnectionController::writeBacklog() const

@@ -117,6 +117,8 @@ public:
     bool sendUdpToPeer(const QByteArray &data, int row);
 
     qint64 bytesToWrite(ConnectionMode mode) const;
+    // What still waits for one send target of the mode (one server client).
+    qint64 bytesToWrite(ConnectionMode mode, const SendTarget &target) const;
 
     bool setControlLine(ControlLine line, bool on);
     bool dtrLevel() const;

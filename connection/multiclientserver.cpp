@@ -211,6 +211,11 @@ qint64 MultiClientServer::bytesToWrite() const
     return total;
 }
 
+qint64 MultiClientServer::clientBytesToWrite(int index) const
+{
+    return index >= 0 && index < m_clients.size() ? m_clients.at(index)->bytesToWrite() : 0;
+}
+
 QStringList MultiClientServer::clientLabels() const
 {
     QStringList labels;

@@ -51,8 +51,9 @@ public:
     static constexpr qint64 kClientWriteHighWatermark = 1024 * 1024;
 
     qint64 bytesToWrite() const;
-    // What one client, by label, still has to take; 0 when there is none.
+    // What waits for one client, by label or index; 0 for none.
     qint64 clientBytesToWrite(const QString &peer) const;
+    qint64 clientBytesToWrite(int index) const;
     // Closes one client at once, as if it had left; false when none has
     // that label.
     bool disconnectClient(const QString &peer);

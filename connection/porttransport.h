@@ -45,6 +45,13 @@ public:
     // The transport's one write path; what "target" means depends on the kind.
     virtual bool send(const QByteArray &data, const SendTarget &target) = 0;
     virtual qint64 bytesToWrite() const = 0;
+    // What still waits for one send target (one client of a server); the
+    // kinds with one peer have only bytesToWrite().
+    virtual qint64 bytesToWriteFor(const SendTarget &target) const
+    {
+        Q_UNUSED(target);
+        return bytesToWrite();
+    }
     // What counts against the write watermark: for a kind with several
     // peers, the most any one of them still has to take.
     virtual qint64 writeBacklog() const { return bytesToWrite(); }

@@ -17,7 +17,6 @@ constexpr int kReadErrorsMeaningLost = 64;
 
 const QString kDtrName = QStringLiteral("DTR");
 const QString kRtsName = QStringLiteral("RTS");
-const QString kBreakName = QStringLiteral("Break");
 
 using Parameters = SerialPortTransport::Parameters;
 
@@ -109,7 +108,21 @@ bool SerialPortTransport::open(const ConnectionConfig &settings, const QString &
     m_break = false;
 
     emit statusMessage(tr("Serial Port %1 OPEN SUCCESS").arg(m_serial->portName()), kOpenedTimeout);
-    applyDtr(m_dtr, true);
+    // A port without modem lines (a pseudo-terminal) refuses them as an
+    // unsupported operation: that is said once, as a note, instead of two
+    // failures at every open.
+    if (!m_serial->setDataTerminalReady(m_dtr)) {
+        if (m_serial->error() == QSerialPort::UnsupportedOperationError) {
+            m_serial->clearError();
+            qCInfo(lcTerminal) << "no control lines on" << m_serial->portName();
+            emit statusMessage(tr("Serial Port %1 has no control lines; DTR and RTS are left alone.")
+                                   .arg(m_serial->portName()),
+                               kNoticeTimeout);
+            return true;
+        }
+        emit statusMessage(tr("Failed to set %1: %2").arg(kDtrName, m_serial->errorString()), kNoticeTimeout);
+        m_serial->clearError();
+    }
     if (m_serial->flowControl() != QSerialPort::HardwareControl)
         applyRts(m_rts, true);
     return true;
@@ -240,7 +253,7 @@ bool SerialPortTransport::setControlLine(ControlLine line, bool on)
         }
         if (on)
             m_break = false;
-        emit statusMessage(tr("Failed to set %1: %2").arg(kBreakName, m_serial->errorString()), kNoticeTimeout);
+        emit statusMessage(tr("Failed to set %1: %2").arg(tr("Break"), m_serial->errorString()), kNoticeTimeout);
         m_serial->clearError();
         return false;
     }

@@ -83,6 +83,16 @@ qint64 TcpServerTransport::bytesToWrite() const
     return m_server->bytesToWrite();
 }
 
+qint64 TcpServerTransport::bytesToWriteFor(const SendTarget &target) const
+{
+    // The client a send to this target reaches, as send() picks it.
+    if (!target.clientLabel.isEmpty())
+        return m_server->clientBytesToWrite(target.clientLabel);
+    if (target.index >= 0 && m_server->clientCount() > 0)
+        return m_server->clientBytesToWrite(target.index < m_server->clientCount() ? target.index : 0);
+    return m_server->bytesToWrite();
+}
+
 qint64 TcpServerTransport::writeBacklog() const
 {
     return m_server->largestClientBacklog();

@@ -29,6 +29,7 @@ public:
     bool sendToClient(const QByteArray &data, const QString &clientLabel);
     qint64 sendToAll(const QByteArray &data);
     qint64 bytesToWrite() const override;
+    qint64 bytesToWriteFor(const SendTarget &target) const override;
     qint64 writeBacklog() const override;
 
     void setExclusive(bool on) { m_exclusive = on; }

@@ -7,7 +7,7 @@ lupdate=/usr/lib/qt6/bin/lupdate
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 status=0
-for area in app connection terminal bridge transfer tools cloud settings forms; do
+for area in common app connection terminal bridge transfer tools cloud settings forms; do
     [ -d "$root/$area" ] || continue
     if ! find "$root/$area" -name '*.cpp' -o -name '*.h' -o -name '*.ui' | grep -q .; then
         continue

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 lupdate=/usr/lib/qt6/bin/lupdate
-for area in app connection terminal bridge transfer tools cloud settings forms; do
+for area in common app connection terminal bridge transfer tools cloud settings forms; do
     [ -d "$area" ] || continue
     if ! find "$area" -name '*.cpp' -o -name '*.h' -o -name '*.ui' | grep -q .; then
         continue

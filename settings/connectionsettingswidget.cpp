@@ -68,10 +68,10 @@ void ConnectionSettingsWidget::buildForm()
 
     m_listenAddress = new QComboBox(this);
     m_listenAddress->setObjectName(QStringLiteral("listenAddressBox"));
-    m_listenAddress->addItem(QStringLiteral("Any"), int(QHostAddress::Any));
-    m_listenAddress->addItem(QStringLiteral("AnyIPv4"), int(QHostAddress::AnyIPv4));
-    m_listenAddress->addItem(QStringLiteral("LocalHost"), int(QHostAddress::LocalHost));
-    m_listenAddress->addItem(QStringLiteral("LocalHostIPv6"), int(QHostAddress::LocalHostIPv6));
+    m_listenAddress->addItem(tr("Any"), int(QHostAddress::Any));
+    m_listenAddress->addItem(tr("AnyIPv4"), int(QHostAddress::AnyIPv4));
+    m_listenAddress->addItem(tr("LocalHost"), int(QHostAddress::LocalHost));
+    m_listenAddress->addItem(tr("LocalHostIPv6"), int(QHostAddress::LocalHostIPv6));
     m_form->addRow(tr("Listen on"), m_listenAddress);
 
     m_targetPort = new QSpinBox(this);

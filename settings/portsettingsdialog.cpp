@@ -1,10 +1,12 @@
 #include "settings/portsettingsdialog.h"
 
 #include "settings/connectionsettingswidget.h"
-#include "terminal/monospacefont.h"
+#include "settings/optionboxes.h"
+#include "common/monospacefont.h"
 
 #include <QCheckBox>
 #include <QColorDialog>
+#include <QComboBox>
 #include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QFontComboBox>
@@ -34,6 +36,8 @@ PortSettingsDialog::PortSettingsDialog(const PaneSettings &settings, QWidget *pa
         ports.append({info.portName(), info.description()});
     m_connection->setAvailablePorts(ports);
     tabs->addTab(m_connection, tr("Connection"));
+    tabs->addTab(buildReceivePage(), tr("Receive"));
+    tabs->addTab(buildSendPage(), tr("Send"));
     tabs->addTab(buildDisplayPage(), tr("Display"));
     tabs->addTab(buildLogPage(), tr("Data Log"));
 
@@ -49,6 +53,88 @@ PortSettingsDialog::PortSettingsDialog(const PaneSettings &settings, QWidget *pa
     layout->addWidget(buttons);
     show(settings);
     resize(560, 460);
+}
+
+namespace {
+
+template <typename T>
+T *named(T *widget, const char *name)
+{
+    widget->setObjectName(QLatin1String(name));
+    return widget;
+}
+
+QHBoxLayout *rowOf(std::initializer_list<QWidget *> widgets)
+{
+    auto *row = new QHBoxLayout;
+    for (QWidget *w : widgets)
+        row->addWidget(w);
+    row->addStretch(1);
+    return row;
+}
+
+} // namespace
+
+QWidget *PortSettingsDialog::buildReceivePage()
+{
+    auto *page = new QWidget;
+    auto *form = new QFormLayout(page);
+    m_rxFormat = named(new QComboBox(page), "rxFormatBox");
+    OptionBoxes::addFormats(m_rxFormat);
+    m_rxEncoding = named(new QComboBox(page), "rxEncodingBox");
+    OptionBoxes::addEncodings(m_rxEncoding);
+    form->addRow(tr("Format"), rowOf({m_rxFormat, m_rxEncoding}));
+    m_rxLineEnding = named(new QComboBox(page), "rxLineEndingBox");
+    OptionBoxes::addLineEndings(m_rxLineEnding, true);
+    m_rxLineEnding->setToolTip(tr("Start a new line after an idle interval"));
+    m_autoFeedInterval = named(new QSpinBox(page), "autoFeedIntervalBox");
+    m_autoFeedInterval->setRange(1, 600000);
+    m_autoFeedInterval->setSuffix(tr(" ms"));
+    form->addRow(tr("Auto Line Feed"), rowOf({m_rxLineEnding, m_autoFeedInterval}));
+    m_displayTime = named(new QCheckBox(tr("Display Time"), page), "displayTimeBox");
+    m_displayTime->setToolTip(tr("Prefix received data with a timestamp"));
+    form->addRow(QString(), m_displayTime);
+    return page;
+}
+
+QWidget *PortSettingsDialog::buildSendPage()
+{
+    auto *page = new QWidget;
+    auto *form = new QFormLayout(page);
+    m_hexSend = named(new QCheckBox(tr("Hex"), page), "hexSendBox");
+    m_txEncoding = named(new QComboBox(page), "txEncodingBox");
+    OptionBoxes::addEncodings(m_txEncoding);
+    form->addRow(tr("Format"), rowOf({m_hexSend, m_txEncoding}));
+    m_autoSend = named(new QCheckBox(page), "autoSendBox");
+    m_autoSend->setToolTip(tr("Resend automatically at an interval"));
+    m_sendInterval = named(new QSpinBox(page), "sendIntervalBox");
+    m_sendInterval->setRange(1, 86400000);
+    m_sendTimeUnit = named(new QComboBox(page), "sendTimeUnitBox");
+    OptionBoxes::addTimeUnits(m_sendTimeUnit);
+    form->addRow(tr("Loop Send"), rowOf({m_autoSend, m_sendInterval, m_sendTimeUnit}));
+    m_appendLineEnding = named(new QCheckBox(page), "appendLineEndingBox");
+    m_appendLineEnding->setToolTip(tr("Ending appended to each send"));
+    m_txLineEnding = named(new QComboBox(page), "txLineEndingBox");
+    OptionBoxes::addLineEndings(m_txLineEnding, false);
+    form->addRow(tr("Append Line Ending"), rowOf({m_appendLineEnding, m_txLineEnding}));
+    m_terminalEnter = named(new QComboBox(page), "terminalEnterBox");
+    OptionBoxes::addLineEndings(m_terminalEnter, false);
+    m_terminalEnter->setToolTip(tr("Bytes sent when Enter is pressed in the receive terminal"));
+    form->addRow(tr("Enter Sends"), rowOf({m_terminalEnter}));
+    m_checksum = named(new QComboBox(page), "sendChecksumBox");
+    OptionBoxes::addChecksums(m_checksum);
+    m_checksum->setToolTip(tr("Checksum appended to each send"));
+    form->addRow(tr("Append Checksum"), rowOf({m_checksum}));
+    m_displaySend = named(new QCheckBox(tr("Display Send"), page), "displaySendBox");
+    m_displaySend->setToolTip(tr("Echo sent data in the display"));
+    form->addRow(QString(), m_displaySend);
+    m_localEcho = named(new QCheckBox(tr("Local Echo"), page), "localEchoBox");
+    m_localEcho->setToolTip(tr("Echo keys typed into the receive terminal"));
+    form->addRow(QString(), m_localEcho);
+    m_lineByLine = named(new QCheckBox(tr("Line by Line"), page), "lineByLineBox");
+    m_lineByLine->setToolTip(tr("Send multi-line input line by line"));
+    form->addRow(QString(), m_lineByLine);
+    return page;
 }
 
 QWidget *PortSettingsDialog::buildDisplayPage()
@@ -142,6 +228,23 @@ void PortSettingsDialog::show(const PaneSettings &s)
 {
     const PaneOptions &o = s.options;
     m_connection->setConfig(s.connection);
+    OptionBoxes::selectValue(m_rxFormat, int(o.receiveFormat));
+    OptionBoxes::selectEncoding(m_rxEncoding, o.receiveEncoding);
+    OptionBoxes::selectValue(m_rxLineEnding, int(o.rxLineEnding));
+    m_autoFeedInterval->setValue(o.autoFeedInterval);
+    m_displayTime->setChecked(o.displayTime);
+    m_hexSend->setChecked(o.sendFormat == MessageFormat::Hex);
+    OptionBoxes::selectEncoding(m_txEncoding, o.sendEncoding);
+    m_autoSend->setChecked(o.autoSend);
+    m_sendInterval->setValue(o.sendInterval);
+    OptionBoxes::selectValue(m_sendTimeUnit, int(o.sendTimeUnit));
+    m_appendLineEnding->setChecked(o.txAutoFeedLine);
+    OptionBoxes::selectValue(m_txLineEnding, int(o.txLineEnding));
+    OptionBoxes::selectValue(m_terminalEnter, int(o.terminalEnterMode));
+    OptionBoxes::selectValue(m_checksum, o.sendChecksum);
+    m_displaySend->setChecked(o.displaySendMsg);
+    m_localEcho->setChecked(o.localEcho);
+    m_lineByLine->setChecked(o.lineByLine);
     m_fontFamily->setCurrentFont(MonospaceFont::make(o.fontFamily, o.fontSize, o.fontWeight));
     m_fontSize->setValue(o.fontSize);
     m_fontBold->setChecked(o.fontWeight >= QFont::Bold);
@@ -169,6 +272,24 @@ PaneSettings PortSettingsDialog::settings() const
     PaneSettings s = m_settings;
     s.connection = m_connection->config();
     PaneOptions &o = s.options;
+    o.receiveFormat = MessageFormat(m_rxFormat->currentData().toInt());
+    o.receiveEncoding = m_rxEncoding->currentText();
+    o.rxLineEnding = LineEnding(m_rxLineEnding->currentData().toInt());
+    o.rxAutoFeedLine = o.rxLineEnding != LineEnding::None;
+    o.autoFeedInterval = m_autoFeedInterval->value();
+    o.displayTime = m_displayTime->isChecked();
+    o.sendFormat = m_hexSend->isChecked() ? MessageFormat::Hex : MessageFormat::Text;
+    o.sendEncoding = m_txEncoding->currentText();
+    o.autoSend = m_autoSend->isChecked();
+    o.sendInterval = m_sendInterval->value();
+    o.sendTimeUnit = SendTimeUnit(m_sendTimeUnit->currentData().toInt());
+    o.txAutoFeedLine = m_appendLineEnding->isChecked();
+    o.txLineEnding = LineEnding(m_txLineEnding->currentData().toInt());
+    o.terminalEnterMode = LineEnding(m_terminalEnter->currentData().toInt());
+    o.sendChecksum = m_checksum->currentData().toInt();
+    o.displaySendMsg = m_displaySend->isChecked();
+    o.localEcho = m_localEcho->isChecked();
+    o.lineByLine = m_lineByLine->isChecked();
     // The family is kept empty while it is the preferred one, so a project
     // moved to another system picks that system's preference.
     const QString family = m_fontFamily->currentFont().family();

@@ -1,20 +1,22 @@
 #pragma once
 
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QDialog>
 
 class ConnectionSettingsWidget;
 class QCheckBox;
+class QComboBox;
 class QFontComboBox;
 class QLineEdit;
 class QPushButton;
 class QSpinBox;
 class QTimeEdit;
 
-// The full settings panel of one port: its connection, the look of its
-// views and its data log, including what the pane's side panel has no room
-// for (log file name, timestamps, rotation, font, colours).
+// The full settings panel of one port: its connection, how it receives and
+// sends (every option the pane's quick strip offers, whether the strip shows
+// it or not), the look of its views and its data log, including what the
+// strip has no room for (log file name, timestamps, rotation, font, colours).
 class PortSettingsDialog : public QDialog
 {
     Q_OBJECT
@@ -36,6 +38,8 @@ public Q_SLOTS:
     void on_pbRestoreDefaults_clicked();
 
 private:
+    QWidget *buildReceivePage();
+    QWidget *buildSendPage();
     QWidget *buildDisplayPage();
     QWidget *buildLogPage();
     void show(const PaneSettings &settings);
@@ -44,6 +48,25 @@ private:
 
     PaneSettings m_settings;
     ConnectionSettingsWidget *m_connection = nullptr;
+    // Receive
+    QComboBox *m_rxFormat = nullptr;
+    QComboBox *m_rxEncoding = nullptr;
+    QComboBox *m_rxLineEnding = nullptr;
+    QSpinBox *m_autoFeedInterval = nullptr;
+    QCheckBox *m_displayTime = nullptr;
+    // Send
+    QCheckBox *m_hexSend = nullptr;
+    QComboBox *m_txEncoding = nullptr;
+    QCheckBox *m_autoSend = nullptr;
+    QSpinBox *m_sendInterval = nullptr;
+    QComboBox *m_sendTimeUnit = nullptr;
+    QCheckBox *m_appendLineEnding = nullptr;
+    QComboBox *m_txLineEnding = nullptr;
+    QComboBox *m_terminalEnter = nullptr;
+    QComboBox *m_checksum = nullptr;
+    QCheckBox *m_displaySend = nullptr;
+    QCheckBox *m_localEcho = nullptr;
+    QCheckBox *m_lineByLine = nullptr;
     QFontComboBox *m_fontFamily = nullptr;
     QSpinBox *m_fontSize = nullptr;
     QCheckBox *m_fontBold = nullptr;

@@ -1,7 +1,7 @@
 #include "terminal/displayformatter.h"
 
 #include "common/logging.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 namespace {
 
@@ -34,10 +34,12 @@ DisplayFormatter::DisplayFormatter() = default;
 
 void DisplayFormatter::setOptions(const Options &options)
 {
-    // A line end left open in text form means nothing to hex, and back.
+    // A line end left open in text form means nothing to hex, and back;
+    // and the new form starts on a line of its own, stamped.
     if (options.format != m_options.format) {
         m_rxStream = Stream();
         m_txStream = Stream();
+        m_breakBeforeNext = !m_atLineStart;
     }
     m_options = options;
 }
@@ -61,6 +63,7 @@ void DisplayFormatter::reset()
     m_previousTime = QDateTime();
     m_lineDirection = ChunkDirection::Received;
     m_atLineStart = true;
+    m_breakBeforeNext = false;
 }
 
 QString DisplayFormatter::toHex(QByteArrayView bytes)
@@ -134,7 +137,12 @@ QString DisplayFormatter::format(const DisplayChunk &chunk, StampPlaces *stamps)
         body = toHex(chunk.bytes);
     } else {
         WireTextDecoder &decoder = received ? m_rxDecoder : m_txDecoder;
-        body = foldLineEnds(decoder.decode(chunk.bytes), received ? m_rxStream : m_txStream);
+        QString text = decoder.decode(chunk.bytes);
+        // A sent chunk is a whole frame: a byte left over (a checksum that
+        // reads as a lead byte) ends with it instead of spoiling the next.
+        if (!received)
+            text += decoder.finish();
+        body = foldLineEnds(text, received ? m_rxStream : m_txStream);
     }
     // Nothing to show yet (half a character, the tail of a split CR LF):
     // leave the line state and the feed timing to the chunk that shows it.
@@ -143,6 +151,10 @@ QString DisplayFormatter::format(const DisplayChunk &chunk, StampPlaces *stamps)
 
     QString out;
     bool lineStart = m_atLineStart;
+    if (std::exchange(m_breakBeforeNext, false) && !lineStart) {
+        out += u'\n';
+        lineStart = true;
+    }
 
     if (m_options.autoFeed && m_previousTime.isValid()
         && m_previousTime.msecsTo(chunk.time) >= m_options.autoFeedIntervalMs) {

@@ -2,7 +2,7 @@
 
 #include "common/result.h"
 #include "terminal/displaychunk.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "terminal/wiretextdecoder.h"
 
 #include <QByteArrayView>
@@ -67,7 +67,11 @@ public:
     // Whether the text produced so far ends with a line feed (an empty view
     // counts as one). The owner of the view sets it when the view is cleared.
     bool endsWithLineFeed() const { return m_atLineStart; }
-    void setEndsWithLineFeed(bool atLineStart) { m_atLineStart = atLineStart; }
+    void setEndsWithLineFeed(bool atLineStart)
+    {
+        m_atLineStart = atLineStart;
+        m_breakBeforeNext = m_breakBeforeNext && !atLineStart;
+    }
 
     // Starts afresh, as for an emptied view: decoders, split line ends,
     // the line state and the time of the previous chunk are forgotten.
@@ -100,4 +104,6 @@ private:
     QDateTime m_previousTime;
     ChunkDirection m_lineDirection = ChunkDirection::Received;
     bool m_atLineStart = true;
+    // The format changed in the middle of a line.
+    bool m_breakBeforeNext = false;
 };

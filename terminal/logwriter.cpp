@@ -411,6 +411,11 @@ Result LogWriter::checkCurrentFile() const
         return Result::failure(tr("Current log file does not exist."));
     QFile file(m_path);
     if (!file.open(QIODevice::ReadOnly))
-        return Result::failure(tr("Could not open current log file."));
+        return Result::failure(cannotOpenCurrentText());
     return Result::success();
+}
+
+QString LogWriter::cannotOpenCurrentText()
+{
+    return tr("Could not open current log file.");
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/result.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -93,6 +93,7 @@ public:
     static QString pathIsDirectoryText(const QString &path);
     static QString cannotCreateFolderText(const QString &folder);
     static QString cannotOpenText(const QString &path, const QString &reason);
+    static QString cannotOpenCurrentText();
     static QString cannotWriteText(const QString &path, const QString &reason);
     static QString cannotRotateText(const QString &path, const QString &reason);
     // The line written where pending text had to be dropped.

@@ -1,11 +1,12 @@
 #include "terminal/paneoptionsform.h"
 
 #include "terminal/controllinelights.h"
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 #include "terminal/panequicksettings.h"
 
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidgetui.h"
+#include "settings/optionboxes.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -15,28 +16,6 @@
 #include <QSignalBlocker>
 #include <QSpinBox>
 #include <QSplitter>
-
-namespace {
-
-void selectData(QComboBox *box, int value)
-{
-    const int index = box->findData(value);
-    box->setCurrentIndex(index >= 0 ? index : 0);
-}
-
-void selectText(QComboBox *box, const QString &text)
-{
-    const int index = box->findText(text, Qt::MatchFixedString);
-    if (index >= 0) {
-        box->setCurrentIndex(index);
-    } else {
-        // A stored encoding the list does not offer still counts.
-        box->addItem(text);
-        box->setCurrentIndex(box->count() - 1);
-    }
-}
-
-} // namespace
 
 namespace PaneOptionsForm {
 
@@ -53,26 +32,26 @@ bool show(SerialPortWidgetUi &ui, const PaneOptions &o)
         QSignalBlocker(ui.localEchoBox), QSignalBlocker(ui.autoSendBox), QSignalBlocker(ui.sendIntervelSB),
         QSignalBlocker(ui.sendTimeUnitBox), QSignalBlocker(ui.cbLinebyLine),
     };
-    selectData(ui.receiveFormatBox, int(o.receiveFormat));
-    selectText(ui.receiveEncodingBox, o.receiveEncoding);
+    OptionBoxes::selectValue(ui.receiveFormatBox, int(o.receiveFormat));
+    OptionBoxes::selectEncoding(ui.receiveEncodingBox, o.receiveEncoding);
     ui.displayTimeBox->setChecked(o.displayTime);
     ui.displaySendBox->setChecked(o.displaySendMsg);
-    selectData(ui.rxLineEndingBox, int(o.rxLineEnding));
+    OptionBoxes::selectValue(ui.rxLineEndingBox, int(o.rxLineEnding));
     ui.autoFeedIntervalSB->setValue(o.autoFeedInterval);
     ui.displayBufferSB->setValue(o.displayBufferSize);
     ui.logSaveBox->setChecked(o.logSaveFlag);
     ui.logFolderEdit->setText(o.logFilePath);
     ui.hexSendBox->setChecked(o.sendFormat == MessageFormat::Hex);
-    selectText(ui.sendEncodingBox, o.sendEncoding);
+    OptionBoxes::selectEncoding(ui.sendEncodingBox, o.sendEncoding);
     ui.appendLineEndingBox->setChecked(o.txAutoFeedLine);
-    selectData(ui.txLineEndingBox, int(o.txLineEnding));
+    OptionBoxes::selectValue(ui.txLineEndingBox, int(o.txLineEnding));
     const bool checksumKnown = ui.sendChecksumBox->findData(o.sendChecksum) >= 0;
-    selectData(ui.sendChecksumBox, checksumKnown ? o.sendChecksum : 0);
-    selectData(ui.terminalEnterBox, int(o.terminalEnterMode));
+    OptionBoxes::selectValue(ui.sendChecksumBox, checksumKnown ? o.sendChecksum : 0);
+    OptionBoxes::selectValue(ui.terminalEnterBox, int(o.terminalEnterMode));
     ui.localEchoBox->setChecked(o.localEcho);
     ui.autoSendBox->setChecked(o.autoSend);
     ui.sendIntervelSB->setValue(o.sendInterval);
-    selectData(ui.sendTimeUnitBox, int(o.sendTimeUnit));
+    OptionBoxes::selectValue(ui.sendTimeUnitBox, int(o.sendTimeUnit));
     ui.cbLinebyLine->setChecked(o.lineByLine);
     const QFont font = MonospaceFont::make(o.fontFamily, o.fontSize, o.fontWeight);
     ui.indicatorLights->setVisible(o.showControlLineLeds && PaneQuickSettings::lightsWanted(ui));
@@ -116,8 +95,8 @@ PaneOptions read(const SerialPortWidgetUi &ui, PaneOptions o)
 void showEncodings(SerialPortWidgetUi &ui, const QString &receive, const QString &send)
 {
     const QSignalBlocker rx(ui.receiveEncodingBox), tx(ui.sendEncodingBox);
-    selectText(ui.receiveEncodingBox, receive);
-    selectText(ui.sendEncodingBox, send);
+    OptionBoxes::selectEncoding(ui.receiveEncodingBox, receive);
+    OptionBoxes::selectEncoding(ui.sendEncodingBox, send);
 }
 
 } // namespace PaneOptionsForm

@@ -5,7 +5,7 @@
 #include "connection/connectioncontroller.h"
 #include "connection/serialparametertext.h"
 #include "terminal/sendframebuilder.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QJsonArray>
 #include <QMetaMethod>
@@ -102,6 +102,8 @@ QJsonObject PortSession::snapshotEntry() const
 void PortSession::applySettings(const ConnectionConfig &config, const PaneOptions &options,
                                 const QStringList &sendHistory)
 {
+    const PaneOptions before = m_options;
+    const QString portStamp = currentRealPortName();
     m_config = config;
     m_options = options;
     m_history.setEntries(sendHistory);
@@ -115,6 +117,10 @@ void PortSession::applySettings(const ConnectionConfig &config, const PaneOption
         f->setSendEncoding(m_options.sendEncoding);
     }
     m_consoleDecoder = decoderFor(m_options.receiveEncoding);
+    followLogOptions(before, portStamp);
+    // Loop send switched or retimed on an open port takes effect at once.
+    if (m_open && (before.autoSend != m_options.autoSend || autoSendIntervalOf(before) != autoSendIntervalMs()))
+        restartAutoSend();
 }
 
 Result PortSession::setOptions(const PaneOptions &options)
@@ -138,7 +144,9 @@ Result PortSession::setOptions(const PaneOptions &options)
         if (rxEncoding)
             m_consoleDecoder = decoderFor(options.receiveEncoding);
     }
+    const PaneOptions before = m_options;
     m_options = options;
+    followLogOptions(before, currentRealPortName());
     m_ingest.setDisplayBufferSize(m_options.displayBufferSize);
     if (m_sendTimer->isActive())
         m_sendTimer->setInterval(autoSendIntervalMs());
@@ -407,6 +415,8 @@ void PortSession::closeConnection()
     if (m_config.mode == ConnectionMode::TcpServer && m_viewState == ViewState::Normal)
         emit flushViewRequested();
     m_userClosing = true;
+    if (isReconnecting())
+        emit failureCleared();  // nothing is waited for any more
     disarmReconnect();
     m_controller->close(m_config.mode, m_config.portName);
     m_ingest.readThrottle().reset();
@@ -453,7 +463,10 @@ void PortSession::onSerialPortLost()
         return;
     }
     startReconnecting();
-    emit statusMessage(tr("Serial Port %1 lost, waiting for it to come back...").arg(currentRealPortName()), 3000);
+    const QString text = tr("Serial Port %1 lost, waiting for it to come back...").arg(currentRealPortName());
+    emit statusMessage(text, 3000);
+    // The pane keeps saying so until the port is back or the user closes it.
+    emit waiting(text);
 }
 
 void PortSession::onStreamDisconnected()
@@ -476,6 +489,7 @@ void PortSession::onStreamDisconnected()
 void PortSession::onReconnectTick()
 {
     if (isConnectionOpen()) {
+        emit failureCleared();
         disarmReconnect();
         emit stateChanged();
         return;
@@ -485,6 +499,7 @@ void PortSession::onReconnectTick()
     if (m_config.mode == ConnectionMode::Serial) {
         if (m_controller->open(m_config, {}, true)) {
             disarmReconnect();
+            emit failureCleared();
             emit statusMessage(tr("Serial Port %1 RECONNECTED").arg(currentRealPortName()), 3000);
             emit stateChanged();
         }
@@ -575,8 +590,10 @@ void PortSession::ingestReceived(const QByteArray &data, const QString &peer)
     Q_UNUSED(peer);
     if (data.isEmpty())
         return;
-    if (isTransferActive() && m_receiveTaker && m_receiveTaker(data))
+    if (isTransferActive() && m_receiveTaker && m_receiveTaker(data)) {
+        m_ingest.countTaken(data.size());  // as Tx counts what the transfer sent
         return;
+    }
     emit received();
     const QDateTime now = QDateTime::currentDateTime();
     logChunk(DisplayChunk{now, ChunkDirection::Received, data});
@@ -648,9 +665,18 @@ quint64 PortSession::txCount() const
     return m_txAccepted > waiting ? m_txAccepted - waiting : 0;
 }
 
+qint64 PortSession::peerBacklog() const
+{
+    // A send to one client of a server waits on that client alone: another
+    // that is slow to read is not the one being written to.
+    const bool oneClient = m_config.mode == ConnectionMode::TcpServer
+        && (!m_target.clientLabel.isEmpty() || m_target.index >= 0);
+    return oneClient ? m_controller->bytesToWrite(m_config.mode, m_target) : m_controller->writeBacklog();
+}
+
 bool PortSession::isPeerBacklogged() const
 {
-    return m_controller->writeBacklog() >= PortTransport::kWriteHighWatermark;
+    return peerBacklog() >= PortTransport::kWriteHighWatermark;
 }
 
 void PortSession::resetCounters()
@@ -714,7 +740,7 @@ bool PortSession::send(const QByteArray &data, bool echo, bool showEchoAtOnce)
         return false;
     if (isPeerBacklogged()) {
         emit statusMessage(tr("The peer is not reading: %L1 bytes are still waiting to be sent.")
-                               .arg(m_controller->writeBacklog()),
+                               .arg(peerBacklog()),
                            5000);
         return false;
     }
@@ -753,8 +779,13 @@ void PortSession::onSendData()
 
 int PortSession::autoSendIntervalMs() const
 {
-    const int factor = m_options.sendTimeUnit == SendTimeUnit::Seconds ? 1000 : 1;
-    return int(qMin<qint64>(qint64(m_options.sendInterval) * factor, std::numeric_limits<int>::max()));
+    return autoSendIntervalOf(m_options);
+}
+
+int PortSession::autoSendIntervalOf(const PaneOptions &options)
+{
+    const int factor = options.sendTimeUnit == SendTimeUnit::Seconds ? 1000 : 1;
+    return int(qMin<qint64>(qint64(options.sendInterval) * factor, std::numeric_limits<int>::max()));
 }
 
 void PortSession::restartAutoSend()
@@ -859,8 +890,12 @@ void PortSession::logChunk(const DisplayChunk &chunk)
 void PortSession::noteLogResult(const Result &result)
 {
     if (!result) {
-        m_logFailing = true;
-        reportFailure(result.errorText());
+        const QString text = result.errorText().isEmpty() ? LogWriter::invalidNameText() : result.errorText();
+        reportFailure(text);
+        // Asked once per run of failures: the box does not come back every
+        // save tick while the disk stays full.
+        if (!std::exchange(m_logFailing, true))
+            emit logFailed(text);
         return;
     }
     // The disk took the text again: the old error no longer holds.
@@ -877,7 +912,7 @@ void PortSession::startLog()
         return;
     const Result opened = m_log.open(LogWriter::Options::fromPaneOptions(m_options, currentRealPortName()));
     if (!opened) {
-        reportFailure(opened.errorText());
+        noteLogResult(opened);
         return;
     }
     // A new log starts at a line start with fresh decoders.
@@ -906,11 +941,28 @@ void PortSession::restartLog()
 
 void PortSession::setLogEnabled(bool on)
 {
+    const PaneOptions before = m_options;
     m_options.logSaveFlag = on;
-    if (on && m_open)
-        startLog();
-    else if (!on)
+    followLogOptions(before, currentRealPortName());
+}
+
+void PortSession::followLogOptions(const PaneOptions &before, const QString &portStampBefore)
+{
+    // A running log takes new options at once: switched off, on, or to a
+    // new file under the new name, folder, stamps or rotation.
+    if (!m_options.logSaveFlag) {
         stopLog();
+        return;
+    }
+    if (!m_open)
+        return;
+    if (!m_logActive) {
+        startLog();
+        return;
+    }
+    if (!(LogWriter::Options::fromPaneOptions(before, portStampBefore)
+          == LogWriter::Options::fromPaneOptions(m_options, currentRealPortName())))
+        restartLog();
 }
 
 void PortSession::onSaveTick()

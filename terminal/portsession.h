@@ -9,7 +9,7 @@
 #include "terminal/displayformatter.h"
 #include "terminal/linestepper.h"
 #include "terminal/logwriter.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "terminal/receiveingest.h"
 #include "terminal/reconnectpolicy.h"
 #include "terminal/sendhistory.h"
@@ -151,6 +151,8 @@ public:
     // than at once, so that a steady stream is drawn in the view's budget.
     bool forwardBytes(const QByteArray &data);
     bool isPeerBacklogged() const;
+    // What still waits for the peer the next send goes to.
+    qint64 peerBacklog() const;
     void onSendData();
     void restartAutoSend();
     void resetLineStepper() { m_lineStepper.reset(); }
@@ -179,6 +181,8 @@ public:
     // Restarts the log under the current options (a new folder, say).
     void restartLog();
     void setLogEnabled(bool on);
+    // Whether the current log file can be opened: the user's texts when not.
+    Result checkCurrentLogFile() const { return m_log.checkCurrentFile(); }
 
     // Marks something in the view (a transfer's start and end, say).
     void writeNote(const QString &text) { emit note(text); }
@@ -197,8 +201,12 @@ Q_SIGNALS:
     void statusMessage(const QString &message, int timeoutMs);
     // A failure the user must see in the pane (and the status bar).
     void failure(const QString &message);
+    // The data log could not be opened or written; once per run of failures.
+    void logFailed(const QString &message);
     // Cleared by a successful (re)connection.
     void failureCleared();
+    // A lost port is being waited for; shown until failureCleared().
+    void waiting(const QString &message);
     // Whether the session is started, connected or waiting changed.
     void stateChanged();
     // The list of peers (server clients, UDP senders) changed.
@@ -240,6 +248,8 @@ private:
     void updateReadPause();
     void logChunk(const DisplayChunk &chunk);
     void noteLogResult(const Result &result);
+    // Starts, stops or restarts the log after the options changed.
+    void followLogOptions(const PaneOptions &before, const QString &portStampBefore);
     void startLog();
     void stopLog();
 public Q_SLOTS:
@@ -250,6 +260,7 @@ private:
     void rememberTargetHost();
     bool send(const QByteArray &data, bool echo, bool showEchoAtOnce);
     int autoSendIntervalMs() const;
+    static int autoSendIntervalOf(const PaneOptions &options);
     bool refuseDuringTransfer(const QString &what);
     bool isConsoleListening() const;
     bool sendRemoteBreak(bool on);

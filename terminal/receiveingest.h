@@ -48,6 +48,8 @@ public:
 
     quint64 rxCount() const { return m_rxCount; }
     void resetRxCount() { m_rxCount = 0; }
+    // Bytes received that someone else took (a file transfer) still count.
+    void countTaken(qsizetype bytes) { m_rxCount += quint64(bytes); }
 
     // Call after each ingest and each drain; the caller pauses or resumes
     // reading from the connection as told.

@@ -1,6 +1,6 @@
 #include "terminal/sendframebuilder.h"
 
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 #include "tools/hexparser.h"
 #include "tools/sendchecksum.h"
 

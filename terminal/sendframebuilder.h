@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/result.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QString>
 #include <QStringList>

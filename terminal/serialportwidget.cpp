@@ -12,7 +12,7 @@
 #include "terminal/receivefindbar.h"
 #include "terminal/receiveview.h"
 #include "terminal/sendframebuilder.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -20,6 +20,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSaveFile>
@@ -165,10 +166,8 @@ void SerialPortWidget::connectOptionWidgets()
     connect(ui.displayBufferSB, &QSpinBox::editingFinished, this, changed);
     connect(ui.sendTimeUnitBox, &QComboBox::activated, this, [this] { m_session->restartAutoSend(); });
     connect(ui.splitter, &QSplitter::splitterMoved, this, changed);
-    connect(ui.logFolderEdit, &QLineEdit::editingFinished, this, [this, changed] {
-        changed();
-        m_session->restartLog();
-    });
+    // A running log follows a new folder at once (the session restarts it).
+    connect(ui.logFolderEdit, &QLineEdit::editingFinished, this, changed);
     connect(ui.logSaveBox, &QCheckBox::toggled, this, [this](bool on) {
         if (m_loading)
             return;
@@ -205,6 +204,17 @@ void SerialPortWidget::connectSession()
     connect(s, &PortSession::bridgeLinksChanged, this, &SerialPortWidget::updateBridgeBadge);
     connect(s, &PortSession::failure, this, &SerialPortWidget::showFailure);
     connect(s, &PortSession::failureCleared, ui.errorLabel, &QWidget::hide);
+    connect(s, &PortSession::waiting, this, [this](const QString &text) {
+        ui.errorLabel->setText(text);
+        ui.errorLabel->show();
+    });
+    connect(s, &PortSession::logFailed, this, [this](const QString &text) {
+        // Not modal: the port keeps running while the box is up.
+        auto *box = new QMessageBox(QMessageBox::Warning, tr("Warning"), text, QMessageBox::Ok, this);
+        box->setObjectName(QStringLiteral("logWarning"));
+        box->setAttribute(Qt::WA_DeleteOnClose);
+        box->open();
+    });
     connect(s, &PortSession::stateChanged, this, [this] { changeConnState(m_session->isStarted()); });
     connect(s, &PortSession::targetsChanged, this, &SerialPortWidget::scheduleTargetUpdate);
     connect(s, &PortSession::peerArrived, this, &SerialPortWidget::peerArrived);

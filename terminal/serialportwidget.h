@@ -3,7 +3,7 @@
 #include "connection/connectionconfig.h"
 #include "terminal/displaychunk.h"
 #include "terminal/displaylinebreaker.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "terminal/portsession.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidgetui.h"

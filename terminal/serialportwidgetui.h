@@ -29,8 +29,6 @@ struct SerialPortWidgetUi
 
 public:
     void setupUi(QWidget *pane);
-    static void addLineEndings(QComboBox *box, bool receiveLabels);
-    static void addFormats(QComboBox *box);
 
     QSplitter *splitter = nullptr;         // options left, views right
     QSplitter *viewSplitter = nullptr;     // receive above, send below

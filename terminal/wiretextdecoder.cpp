@@ -1,6 +1,6 @@
 #include "terminal/wiretextdecoder.h"
 
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QTextCodec>
 
@@ -91,6 +91,13 @@ QString WireTextDecoder::decode(QByteArrayView bytes)
     const qsizetype tail = incompleteTail(bytes);
     m_carry = bytes.last(tail).toByteArray();
     return m_decoder.decode(bytes.first(bytes.size() - tail));
+}
+
+QString WireTextDecoder::finish()
+{
+    const bool partial = m_legacy ? m_legacy->state.remainingChars > 0 : !m_carry.isEmpty();
+    reset();
+    return partial ? QString(QChar::ReplacementCharacter) : QString();
 }
 
 qsizetype WireTextDecoder::incompleteTail(QByteArrayView bytes) const

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "terminal/wiretextcodec.h"
+#include "common/wiretextcodec.h"
 
 #include <QByteArrayView>
 #include <QString>
@@ -27,6 +27,9 @@ public:
     QString name() const { return m_codec.name(); }
 
     QString decode(QByteArrayView bytes);
+    // Ends the stream: a partly received character left over becomes one
+    // U+FFFD, and the next decode() starts afresh.
+    QString finish();
     // Forgets a partly received character.
     void reset();
 

@@ -422,6 +422,7 @@ void ToolBox::on_calculateCRC_clicked()
 
     const int id = cbName->currentData().toInt();
     quint64 value = 0;
+    int width = 0;
     if (id == CrcModelId::Custom) {
         const ValueResult<CrcParams> params = validateCustomCrcParams(
             leWidth->text(), lePoly->text(), leInit->text(), leXorout->text(), cbRefin->isChecked(),
@@ -429,11 +430,16 @@ void ToolBox::on_calculateCRC_clicked()
         if (!params)
             return failCalculation(params.errorText());
         value = CrcTable(params.value()).compute(input.value());
+        width = params.value().width;
     } else {
         value = computeCatalogueCrc(id, input.value());
+        width = findCrcModel(id) ? findCrcModel(id)->width : enteredWidth();
     }
     m_lastInput = std::move(input.value());
     m_lastValue = value;
+    // The result keeps the width it was computed with: choosing another
+    // algorithm afterwards re-renders nothing with a width not its own.
+    m_lastWidth = width;
     m_resultValid = true;
     crcErrorLabel->clear();
     renderResult();
@@ -451,10 +457,9 @@ void ToolBox::failCalculation(const QString &text)
 void ToolBox::renderResult()
 {
     if (m_resultValid) {
-        const int width = enteredWidth();
-        leResult->setText(formatCrcValue(m_lastValue, cbResultBase->currentData().toInt(), width));
+        leResult->setText(formatCrcValue(m_lastValue, cbResultBase->currentData().toInt(), m_lastWidth));
         leWireBytes->setText(HexParser::toHexText(
-            crcWireBytes(m_lastValue, width, CrcByteOrder(cbByteOrder->currentData().toInt()))));
+            crcWireBytes(m_lastValue, m_lastWidth, CrcByteOrder(cbByteOrder->currentData().toInt()))));
     } else {
         leResult->clear();
         leWireBytes->clear();
@@ -499,7 +504,7 @@ void ToolBox::on_btnInsertFrame_clicked()
     if (!m_resultValid || m_lastInput.size() > kMaxInsertBytes)
         return;
     const QByteArray wire =
-        crcWireBytes(m_lastValue, enteredWidth(), CrcByteOrder(cbByteOrder->currentData().toInt()));
+        crcWireBytes(m_lastValue, m_lastWidth, CrcByteOrder(cbByteOrder->currentData().toInt()));
     Q_EMIT insertRequested(m_lastInput + wire);
 }
 

@@ -123,6 +123,7 @@ private:
     QByteArray m_bulkBytes;
     QByteArray m_lastInput;
     quint64 m_lastValue = 0;
+    int m_lastWidth = 0;  // the width m_lastValue was computed with
     bool m_resultValid = false;
     int m_shownModel = -1;
     CustomFields m_customFields;

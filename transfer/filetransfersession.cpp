@@ -126,7 +126,10 @@ void FileTransferSession::feedReceived(const QByteArray &bytes)
 
 void FileTransferSession::onPortBytesWritten()
 {
-    if (m_runState != RunState::Running || !m_codec || !m_awaitingWritten || m_port->bytesToWrite() > 0)
+    if (m_runState != RunState::Running || !m_codec || !m_awaitingWritten)
+        return;
+    m_writeProgressMs = m_clock();
+    if (m_port->bytesToWrite() > 0)
         return;
     m_awaitingWritten = false;
     execute(m_codec->onBytesWritten(m_clock()));
@@ -136,6 +139,18 @@ void FileTransferSession::onTick()
 {
     if (m_runState != RunState::Running || !m_codec)
         return;
+    if (m_awaitingWritten) {
+        // The codec waits for the write; only a peer that takes nothing
+        // more ends that wait.
+        const qint64 quietMs = m_clock() - m_writeProgressMs;
+        if (quietMs >= kWriteStallMs) {
+            end(false, XmodemError::ConnectionGone,
+                tr("The connection stopped taking data for %1 s, so the transfer stopped.").arg(kWriteStallMs / 1000));
+            return;
+        }
+        m_timer.start(int(kWriteStallMs - quietMs));
+        return;
+    }
     execute(m_codec->tick(m_clock()));
 }
 
@@ -196,6 +211,8 @@ void FileTransferSession::execute(const XmodemAction &action)
     }
     if (action.wantsWake())
         m_timer.start(int(qBound<qint64>(qint64(0), action.wakeAtMs - m_clock(), qint64(24 * 3600 * 1000))));
+    else if (m_awaitingWritten)
+        m_timer.start(int(kWriteStallMs));  // the write must make progress
     else
         m_timer.stop();
     reportProgress(false);
@@ -206,6 +223,7 @@ bool FileTransferSession::writeToPort(const QByteArray &bytes)
     if (!m_port->isOpen() || !m_port->write(bytes))
         return false;
     m_awaitingWritten = true;
+    m_writeProgressMs = m_clock();
     // A port that wrote at once reports nothing later: finish the write on
     // the next turn of the event loop.
     if (m_port->bytesToWrite() == 0)

@@ -39,6 +39,9 @@ public:
 
     // Progress reports come at most this often (and once at the end).
     static constexpr qint64 kProgressIntervalMs = 100;
+    // A write that makes no progress at all for this long means the peer
+    // stopped taking data: the transfer ends instead of waiting for ever.
+    static constexpr qint64 kWriteStallMs = 60000;
 
     FileTransferSession(XferPort *port, const Request &request, QObject *parent = nullptr,
                         MonotonicClock clock = systemMonotonicClock());
@@ -72,6 +75,8 @@ public:
 public slots:
     void feedReceived(const QByteArray &bytes);
     void onPortBytesWritten();
+    // The session's timer fired (tests with a virtual clock call it too).
+    void onTick();
     void stop(FileTransferSession::StopReason reason, const QString &detail = QString());
 
 signals:
@@ -79,7 +84,6 @@ signals:
     void finished(bool success, const QString &summary);
 
 private:
-    void onTick();
     void execute(const XmodemAction &action);
     bool writeToPort(const QByteArray &bytes);
     void reportProgress(bool force);
@@ -104,6 +108,8 @@ private:
     qint64 m_endMs = -1;
     qint64 m_lastProgressMs = -1;
     bool m_awaitingWritten = false;
+    // When the port last reported bytes going out while a write waited.
+    qint64 m_writeProgressMs = -1;
     bool m_locked = false;
 };
 

@@ -36,7 +36,9 @@ bool PortSessionXferPort::write(const QByteArray &bytes)
 
 qint64 PortSessionXferPort::bytesToWrite() const
 {
-    return m_session ? m_session->controller()->bytesToWrite() : 0;
+    // Only the transfer's own peer: another client of a server that is slow
+    // to read takes no part in it and must not hold it up.
+    return m_session ? m_session->controller()->bytesToWrite(m_session->config().mode, m_session->sendTarget()) : 0;
 }
 
 bool PortSessionXferPort::isOpen() const

@@ -472,7 +472,14 @@ void XmodemCodec::sendTimeout()
              false);
         return;
     case State::SendWaitAck:
-        if (m_streaming)
+        if (m_lastPacket == Packet::BatchEnd) {
+            // The file was delivered. lrzsz's rb acknowledges the
+            // end-of-batch header and flushes its line as it leaves, which
+            // on a tty throws the acknowledgement away: nobody is left to
+            // answer, and a cancel would only wait on the line for the next
+            // transfer.
+            succeed();
+        } else if (m_streaming)
             fail(XmodemError::RetriesExhausted, stopped, true);
         else if (retryAllowed())
             resendPacket();
@@ -515,20 +522,6 @@ qint64 XmodemCodec::startRepeatMs() const
 void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
 {
     Q_UNUSED(nowMs);
-    if (m_eotPending) {
-        // Bytes right after an EOT: it was the number of a block that lost
-        // its SOH.
-        m_eotPending = false;
-        startPurge();
-        return;
-    }
-    if (m_purging) {
-        // Wait for the line to fall quiet, then ask for the block again.
-        m_purgedTail = (m_purgedTail + m_input).right(kCancelTailBytes);
-        m_input.clear();
-        m_out.timeoutMs = kPurgeQuietMs;
-        return;
-    }
     const char first = m_input.at(0);
     if (first == CAN) {
         m_input.remove(0, 1);
@@ -551,10 +544,6 @@ void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
             ++junk;
         }
         m_input.remove(0, junk);
-        // A block whose first byte was damaged: its data must not be read
-        // as control bytes (a data byte 0x04 would pass for EOT).
-        if (m_state == State::RecvBlocks)
-            startPurge();
         return;
     }
     const qsizetype dataLength = first == SOH ? 128 : 1024;
@@ -587,11 +576,8 @@ void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
 
 void XmodemCodec::badBlock()
 {
-    // The sender has started, whatever the line did to its block: from now
-    // on silence costs retries and the start character is not repeated
-    // (nor does a CRC receiver fall back to checksums).
-    if (m_state == State::RecvStarting)
-        m_state = State::RecvBlocks;
+    // A receiver still starting stays so: a damaged first block may come
+    // from a sender that uses checksums, which the fallback then reaches.
     ++m_retries;
     ++m_totalRetries;
     if (m_streaming)
@@ -620,19 +606,8 @@ void XmodemCodec::handleEot()
         emitBytes(QByteArray(1, ACK) + QByteArray(1, startChar()), kWaitMs);
         return;
     }
-    // A block whose SOH was lost starts with its number, and block 4 reads
-    // as EOT. With a known length the written size tells them apart;
-    // without one, a real EOT is followed by silence, a damaged block by
-    // the rest of its bytes.
-    if (isYmodemVariant(m_variant) && m_fileSize >= 0) {
-        if (m_written < m_fileSize)
-            startPurge();
-        else
-            acceptEot();
-        return;
-    }
-    m_eotPending = true;
-    m_out.timeoutMs = kEotQuietMs;
+    // Even short of an announced size: the sender says the file ends here.
+    acceptEot();
 }
 
 void XmodemCodec::acceptEot()
@@ -664,21 +639,6 @@ bool XmodemCodec::endsWithCancel(const QByteArray &bytes)
     while (end > 0 && bytes.at(end - 1) == BS)
         --end;
     return end >= 2 && bytes.at(end - 1) == CAN && bytes.at(end - 2) == CAN;
-}
-
-void XmodemCodec::startPurge()
-{
-    // The sender has started, whatever the line did to its block.
-    if (m_state == State::RecvStarting)
-        m_state = State::RecvBlocks;
-    if (m_streaming) {
-        badBlock();
-        return;
-    }
-    m_purging = true;
-    m_purgedTail = m_input.right(kCancelTailBytes);
-    m_input.clear();
-    m_out.timeoutMs = kPurgeQuietMs;
 }
 
 void XmodemCodec::handleBlock(int number, const QByteArray &data)
@@ -787,11 +747,6 @@ void XmodemCodec::handleHeader(const QByteArray &data)
 
 void XmodemCodec::receiveTimeout(qint64 nowMs)
 {
-    if (m_eotPending) {
-        m_eotPending = false;
-        acceptEot();
-        return;
-    }
     switch (m_state) {
     case State::RecvStarting:
         if (nowMs - m_startMs < kStartLimitMs) {
@@ -811,14 +766,12 @@ void XmodemCodec::receiveTimeout(qint64 nowMs)
         if (m_streaming) {
             fail(XmodemError::RetriesExhausted,
                  tr("The device stopped sending. YMODEM-G cannot recover, so the transfer has failed."), true);
-        } else if (endsWithCancel(m_purging ? m_purgedTail : m_input)) {
-            // A device that cancels in the middle of a block, or while a
-            // damaged one is being dropped, sends its CANs where data was
-            // expected; the silence after them tells them apart from data.
+        } else if (endsWithCancel(m_input)) {
+            // A device that cancels in the middle of a block sends its CANs
+            // where data was expected; the silence after them tells them
+            // apart from data.
             failDeviceCancelled();
         } else if (retryAllowed()) {
-            m_purging = false;
-            m_purgedTail.clear();
             m_input.clear();
             const char ask = (m_written == 0 && m_crcMode) ? startChar() : NAK;
             emitBytes(QByteArray(1, ask), kWaitMs);

@@ -102,12 +102,6 @@ public:
     static constexpr qint64 kChecksumStartRepeatMs = 10000;
     static constexpr qint64 kStartLimitMs = 60000;
     static constexpr int kMaxRetries = 10;
-    // After bytes that cannot start a block, the receiver drops everything
-    // until the line has been quiet this long, then asks again (NAK).
-    static constexpr qint64 kPurgeQuietMs = 1000;
-    // Without a known length, an EOT counts once the line has stayed quiet
-    // this long after it (the rest of a damaged block would follow at once).
-    static constexpr qint64 kEotQuietMs = 250;
     // From this start attempt on an XMODEM CRC receiver asks for checksums.
     static constexpr int kChecksumFallbackAttempt = 7;
     // Received bytes waiting to be parsed. A peer that keeps sending while
@@ -195,7 +189,6 @@ private:
     void handleHeader(const QByteArray &data);
     void handleEot();
     void acceptEot();
-    void startPurge();
     static bool endsWithCancel(const QByteArray &bytes);
     void failDeviceCancelled();
     void badBlock();
@@ -228,11 +221,6 @@ private:
     int m_startAttempts = 0;
     qint64 m_startMs = 0;
     bool m_headerReceived = false;
-    bool m_purging = false;
-    // The last bytes dropped while purging: a cancel hides among them.
-    QByteArray m_purgedTail;
-    static constexpr qsizetype kCancelTailBytes = 32;
-    bool m_eotPending = false;
 
     int m_retries = 0;
     int m_totalRetries = 0;

@@ -141,10 +141,6 @@ Do you want to save your changes?</source>
         <translation>设置文件保存在 %1</translation>
     </message>
     <message>
-        <source>No data log is being recorded.</source>
-        <translation>当前没有正在记录的数据日志。</translation>
-    </message>
-    <message>
         <source>Cannot open %1</source>
         <translation>无法打开 %1</translation>
     </message>
@@ -180,6 +176,14 @@ Close anyway?</source>
         <translation>文件传输正在进行。关闭会停止传输，设备上可能留下不完整的文件。
 仍要关闭吗？</translation>
     </message>
+    <message>
+        <source>Could not open %1.</source>
+        <translation>无法打开 %1。</translation>
+    </message>
+    <message>
+        <source>Warning</source>
+        <translation>警告</translation>
+    </message>
 </context>
 <context>
     <name>NewConnectionDialog</name>
@@ -194,6 +198,13 @@ Close anyway?</source>
     <message>
         <source>TCP/IP</source>
         <translation>TCP/IP</translation>
+    </message>
+</context>
+<context>
+    <name>PaneTransfers</name>
+    <message>
+        <source>YMODEM-G does not retransmit, so it needs hardware flow control (RTS/CTS). This connection has none.</source>
+        <translation>YMODEM-G 不会重传，因此需要硬件流控（RTS/CTS）。此连接没有硬件流控。</translation>
     </message>
 </context>
 <context>
@@ -217,6 +228,10 @@ Close anyway?</source>
     <message>
         <source>Cannot read %1.</source>
         <translation>无法读取 %1。</translation>
+    </message>
+    <message>
+        <source>%1 does not hold Tessaline settings. Nothing was changed.</source>
+        <translation>%1 不是 Tessaline 设置文件，未做任何更改。</translation>
     </message>
 </context>
 <context>

@@ -172,6 +172,14 @@
         <source>Serial Port %1 DISCONNECTED</source>
         <translation>串口 %1 已断开</translation>
     </message>
+    <message>
+        <source>Serial Port %1 has no control lines; DTR and RTS are left alone.</source>
+        <translation>串口 %1 没有控制线，DTR 和 RTS 保持不变。</translation>
+    </message>
+    <message>
+        <source>Break</source>
+        <translation>中断信号</translation>
+    </message>
 </context>
 <context>
     <name>StreamClientTransport</name>

@@ -121,7 +121,7 @@
     </message>
     <message>
         <source>TCP/UDP</source>
-        <translation>TCP/UDP</translation>
+        <translation>网络 (TCP/UDP)</translation>
     </message>
     <message>
         <source>Remote Serial (RFC 2217)</source>
@@ -130,6 +130,45 @@
     <message>
         <source>Remote Serial (Live Relay)</source>
         <translation>远程串口 (实时中继)</translation>
+    </message>
+    <message>
+        <source>Any</source>
+        <translation>任意地址</translation>
+    </message>
+    <message>
+        <source>AnyIPv4</source>
+        <translation>任意 IPv4 地址</translation>
+    </message>
+    <message>
+        <source>LocalHost</source>
+        <translation>仅本机</translation>
+    </message>
+    <message>
+        <source>LocalHostIPv6</source>
+        <translation>仅本机 (IPv6)</translation>
+    </message>
+</context>
+<context>
+    <name>OptionBoxes</name>
+    <message>
+        <source>Text</source>
+        <translation>文本</translation>
+    </message>
+    <message>
+        <source>Hex</source>
+        <translation>十六进制</translation>
+    </message>
+    <message>
+        <source>None</source>
+        <translation>无</translation>
+    </message>
+    <message>
+        <source>ms</source>
+        <translation>毫秒</translation>
+    </message>
+    <message>
+        <source>s</source>
+        <translation>秒</translation>
     </message>
 </context>
 <context>
@@ -249,6 +288,98 @@ Active connections are stopped when you press OK; Cancel changes nothing.</sourc
         <translation>所有端口的连接、接收、发送、日志、显示和快速设置选项都将恢复为默认值。
 您的账户、已保存的设置文件和日志文件不会改变。
 按“确定”后活动连接将被停止；按“取消”则不做任何更改。</translation>
+    </message>
+    <message>
+        <source>Receive</source>
+        <translation>接收</translation>
+    </message>
+    <message>
+        <source>Send</source>
+        <translation>发送</translation>
+    </message>
+    <message>
+        <source>Format</source>
+        <translation>格式</translation>
+    </message>
+    <message>
+        <source>Start a new line after an idle interval</source>
+        <translation>空闲一段时间后另起一行</translation>
+    </message>
+    <message>
+        <source> ms</source>
+        <translation> 毫秒</translation>
+    </message>
+    <message>
+        <source>Auto Line Feed</source>
+        <translation>自动换行</translation>
+    </message>
+    <message>
+        <source>Display Time</source>
+        <translation>显示时间</translation>
+    </message>
+    <message>
+        <source>Prefix received data with a timestamp</source>
+        <translation>在接收数据前加上时间戳</translation>
+    </message>
+    <message>
+        <source>Hex</source>
+        <translation>十六进制</translation>
+    </message>
+    <message>
+        <source>Resend automatically at an interval</source>
+        <translation>按间隔自动重发</translation>
+    </message>
+    <message>
+        <source>Loop Send</source>
+        <translation>循环发送</translation>
+    </message>
+    <message>
+        <source>Ending appended to each send</source>
+        <translation>每次发送时追加的行尾</translation>
+    </message>
+    <message>
+        <source>Append Line Ending</source>
+        <translation>追加行尾</translation>
+    </message>
+    <message>
+        <source>Bytes sent when Enter is pressed in the receive terminal</source>
+        <translation>在接收终端中按回车时发送的字节</translation>
+    </message>
+    <message>
+        <source>Enter Sends</source>
+        <translation>回车发送</translation>
+    </message>
+    <message>
+        <source>Checksum appended to each send</source>
+        <translation>每次发送时追加的校验和</translation>
+    </message>
+    <message>
+        <source>Append Checksum</source>
+        <translation>追加校验</translation>
+    </message>
+    <message>
+        <source>Display Send</source>
+        <translation>显示发送</translation>
+    </message>
+    <message>
+        <source>Echo sent data in the display</source>
+        <translation>在显示区回显已发送的数据</translation>
+    </message>
+    <message>
+        <source>Local Echo</source>
+        <translation>本地回显</translation>
+    </message>
+    <message>
+        <source>Echo keys typed into the receive terminal</source>
+        <translation>回显在接收终端中键入的按键</translation>
+    </message>
+    <message>
+        <source>Line by Line</source>
+        <translation>逐行发送</translation>
+    </message>
+    <message>
+        <source>Send multi-line input line by line</source>
+        <translation>将多行输入逐行发送</translation>
     </message>
 </context>
 <context>

@@ -5,7 +5,7 @@
     <name>ControlLineLights</name>
     <message>
         <source>Break</source>
-        <translation>Break</translation>
+        <translation>中断</translation>
     </message>
     <message>
         <source>Lights while data is being sent or received</source>
@@ -296,14 +296,6 @@
         <translation>日志文件夹</translation>
     </message>
     <message>
-        <source>None</source>
-        <translation>无</translation>
-    </message>
-    <message>
-        <source>Text</source>
-        <translation>文本</translation>
-    </message>
-    <message>
         <source>Hex</source>
         <translation>十六进制</translation>
     </message>
@@ -412,14 +404,6 @@
         <translation>按间隔自动重复发送</translation>
     </message>
     <message>
-        <source>ms</source>
-        <translation>毫秒</translation>
-    </message>
-    <message>
-        <source>s</source>
-        <translation>秒</translation>
-    </message>
-    <message>
         <source>Loop Send</source>
         <translation>循环发送</translation>
     </message>
@@ -471,23 +455,9 @@
         <source>This port is part of a bridge link (Tools &gt; Bridges...): what it receives is forwarded, and file transfers are refused while the link runs.</source>
         <translation>此端口属于一个桥接链路（工具 &gt; 桥接...）：它收到的数据会被转发，链路运行期间拒绝文件传输。</translation>
     </message>
-</context>
-<context>
-    <name>WireTextCodec</name>
     <message>
-        <source>The character &apos;%1&apos; cannot be encoded as %2. Change the encoding or edit the message.</source>
-        <translation>字符“%1”无法用 %2 编码。请更换编码或修改消息。</translation>
-    </message>
-    <message>
-        <source>This message cannot be encoded as %1. Change the encoding or edit the message.</source>
-        <translation>此消息无法用 %1 编码。请更换编码或修改消息。</translation>
-    </message>
-</context>
-<context>
-    <name>WireTextCodecRegistry</name>
-    <message>
-        <source>The text encoding &quot;%1&quot; is not available on this system.</source>
-        <translation>本系统不支持文本编码“%1”。</translation>
+        <source>Warning</source>
+        <translation>警告</translation>
     </message>
 </context>
 </TS>

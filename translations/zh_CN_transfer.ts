@@ -265,6 +265,10 @@
         <source>Transfer complete: %1 bytes in %2 s, %3 KB/s, %4 retries</source>
         <translation>传输完成：%1 字节，用时 %2 秒，%3 KB/s，重试 %4 次</translation>
     </message>
+    <message>
+        <source>The connection stopped taking data for %1 s, so the transfer stopped.</source>
+        <translation>连接已有 %1 秒不再接收数据，传输已停止。</translation>
+    </message>
 </context>
 <context>
     <name>XferFileSink</name>

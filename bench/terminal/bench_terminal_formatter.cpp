@@ -4,7 +4,7 @@
 
 #include "terminal/displayformatter.h"
 #include "terminal/receiveingest.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 #include "terminal/wiretextdecoder.h"
 
 #include <QCoreApplication>

@@ -10,8 +10,9 @@
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
 #include "cloud/cloudconsoleservice.h"
+#include "connection/connectioncontroller.h"
 #include "terminal/controllinelights.h"
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
 #include "support/lrzszpeer.h"
@@ -24,12 +25,14 @@
 #include <QComboBox>
 #include <QFormLayout>
 #include <QGroupBox>
+#include <QTabWidget>
 #include <QTreeWidget>
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTemporaryDir>
 #include <QCheckBox>
 #include <QTcpServer>
+#include <QUdpSocket>
 #include <QApplication>
 #include <QDialogButtonBox>
 #include <QLabel>
@@ -38,6 +41,8 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QSettings>
+#include <QScrollBar>
+#include <QScrollArea>
 #include <QTimer>
 #include <QtTest>
 
@@ -78,6 +83,12 @@ private Q_SLOTS:
     void transferRefusedOrCancelledFromTheMenu();
     void panesGoWhileTransfersRun();
     void liveConsoleSwitchesAreKeptAndWatchingIsShown();
+    void logRecordingFollowsTheMenu();
+    void projectsKeepListenAddressAndRefuseOtherFiles();
+    void onlyPanesOpenAtExitAreRestored();
+    void settingsAndRestoreDefaultsFromTheMenu();
+    void twoPanesFitSideBySide_data();
+    void twoPanesFitSideBySide();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -134,7 +145,14 @@ void MainWindowTest::languageActionsStoreChoice()
         QSettings settings;
         QCOMPARE(LanguageChoice::stored(settings), value);
         QCOMPARE(boxText, QString("The changes will take effect when the program is restarted."));
+        // The menu marks the choice, and only that one.
+        QVERIFY(w.findChild<QAction *>(action)->isChecked());
+        QCOMPARE(w.findChild<QAction *>("actionChinese")->isChecked(), value == 1);
     }
+    // A new window marks what is stored.
+    MainWindow again;
+    QVERIFY(again.findChild<QAction *>("actionEnglish")->isChecked());
+    QVERIFY(!again.findChild<QAction *>("actionChinese")->isChecked());
 }
 
 void MainWindowTest::paneStartsFromLastUsedAndSavesChanges()
@@ -144,12 +162,18 @@ void MainWindowTest::paneStartsFromLastUsedAndSavesChanges()
         settings.setValue("LastBaudrate", 115200);
         settings.setValue("LastReceiveEncoding", "GBK");
         settings.setValue("LastDisplaySendTime", false);
+        // Written by every save of the record and read where it is used:
+        // the log name a new pane starts with.
+        settings.setValue("LastLogFileName", "bench_%S.log");
+        settings.setValue("LastListenAddress", int(QHostAddress::LocalHost));
     }
     MainWindow w;
     QCOMPARE(w.panes().size(), 1);
     SerialPortWidget *pane = w.panes().constFirst();
     QCOMPARE(pane->connectionConfig().baudRate, 115200);
     QCOMPARE(pane->paneOptions().receiveEncoding, QString("GBK"));
+    QCOMPARE(pane->paneOptions().logFileName, QString("bench_%S.log"));
+    QCOMPARE(pane->connectionConfig().listenAddress, QHostAddress::LocalHost);
 
     pane->findChild<QCheckBox *>("displayTimeBox")->click();
     QSettings settings;
@@ -480,7 +504,32 @@ void MainWindowTest::settingsDialogKeepsWhatItShows()
     o.logRotateAtTime = true;
     o.logRotateTime = QTime(6, 30, 0);
     o.needHourTimeStamp = true;
+    // Every receive and send option of the quick strip is here too.
+    o.receiveFormat = MessageFormat::Hex;
+    o.receiveEncoding = "GBK";
+    o.rxLineEnding = LineEnding::CrLf;
+    o.rxAutoFeedLine = true;
+    o.autoFeedInterval = 75;
+    o.displayTime = true;
+    o.sendFormat = MessageFormat::Hex;
+    o.sendEncoding = "ISO-8859-1";
+    o.autoSend = true;
+    o.sendInterval = 3;
+    o.sendTimeUnit = SendTimeUnit::Seconds;
+    o.txAutoFeedLine = true;
+    o.txLineEnding = LineEnding::LfCr;
+    o.terminalEnterMode = LineEnding::Lf;
+    o.sendChecksum = 4;
+    o.displaySendMsg = false;
+    o.localEcho = true;
+    o.lineByLine = true;
     PortSettingsDialog dialog(in);
+    auto *tabs = dialog.findChild<QTabWidget *>("settingsTabs");
+    QStringList pages;
+    for (int i = 0; i < tabs->count(); ++i)
+        pages << tabs->tabText(i);
+    QCOMPARE(pages, (QStringList{"Connection", "Receive", "Send", "Display", "Data Log"}));
+    QCOMPARE(dialog.findChild<QComboBox *>("sendChecksumBox")->currentText(), QString("CRC-16/MODBUS"));
     const PaneSettings out = dialog.settings();
     QVERIFY(out.connection == in.connection);
     QVERIFY(out.options == in.options);
@@ -728,6 +777,29 @@ void MainWindowTest::transfersRunFromTheMenuWithABar()
         // A whole number of 1 KiB blocks: nothing padded.
         QCOMPARE(fileContents(ours.filePath(QStringLiteral("capture.bin"))), incoming);
     }
+    // YMODEM-G on a line without RTS/CTS: the pane says what that risks
+    // while it runs, and the Rx counter counts what the transfer took.
+    {
+        LrzszPeer peer;
+        QVERIFY(peer.start(peerEnd, theirs.path(), QStringLiteral("sb -k -q capture.bin")));
+        QString hint;
+        const auto watch = connect(pane, &SerialPortWidget::transferStateChanged, this, [&](bool active) {
+            if (auto *label = pane->findChild<QLabel *>(QStringLiteral("ymodemGHint")); label && active)
+                hint = label->text();
+        });
+        const quint64 rxBefore = pane->rxCount();
+        QTemporaryDir again;
+        const QString failure = runTransferDialog(window, pane, "acXferReceive", XmodemVariant::YmodemG,
+                                                  [&](FileTransferDialog *dialog) { dialog->setFolder(again.path()); });
+        disconnect(watch);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        QCOMPARE(peer.waitForExit(15000), 0);
+        QCOMPARE(hint, QString("YMODEM-G does not retransmit, so it needs hardware flow control (RTS/CTS). "
+                               "This connection has none."));
+        QTRY_VERIFY_WITH_TIMEOUT(!pane->findChild<QLabel *>(QStringLiteral("ymodemGHint")), 5000);
+        QVERIFY(pane->rxCount() >= rxBefore + quint64(incoming.size()));
+        QCOMPARE(fileContents(again.filePath(QStringLiteral("capture.bin"))), incoming);
+    }
     // The pane's view is its own again.
     QVERIFY(!pane->isTransferActive());
     QVERIFY(pane->sendBytes("after\n"));
@@ -867,6 +939,252 @@ void MainWindowTest::liveConsoleSwitchesAreKeptAndWatchingIsShown()
     QVERIFY(!service->isEnabled());
     QVERIFY(badge->isHidden());
     QCOMPARE(QSettings().value("LastCloudConsole").toBool(), false);
+}
+
+namespace {
+
+// A pane listening for UDP on a port the system picks, logging into folder.
+void makeUdpPane(SerialPortWidget *pane, const QString &folder, bool log)
+{
+    ConnectionConfig c = pane->connectionConfig();
+    c.mode = ConnectionMode::UdpServer;
+    c.udpLocalPort = 0;
+    PaneOptions o = pane->paneOptions();
+    o.logFilePath = folder;
+    o.logSaveFlag = log;
+    pane->applySettings(c, o, {});
+}
+
+QString readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+} // namespace
+
+void MainWindowTest::logRecordingFollowsTheMenu()
+{
+    QTemporaryDir logs;
+    MainWindow w;
+    w.addPane();
+    for (SerialPortWidget *pane : w.panes())
+        makeUdpPane(pane, logs.path(), false);
+    SerialPortWidget *pane = w.panes().constFirst();
+    QVERIFY(pane->openConnection());
+    QAction *record = w.findChild<QAction *>("acFileRecordDataLog");
+    QVERIFY(!record->isChecked());
+
+    // Nothing recorded yet: the user is told so in the log's own words.
+    w.findChild<QAction *>("acFileViewCurrentDataLog")->trigger();
+    auto *warning = w.findChild<QMessageBox *>("windowWarning");
+    QVERIFY(warning);
+    QCOMPARE(warning->windowTitle(), QString("Warning"));
+    QCOMPARE(warning->text(), QString("Current log file does not exist."));
+    warning->close();
+
+    // On an open port the menu starts the log at once, and stops it.
+    record->trigger();
+    QVERIFY(record->isChecked());
+    QVERIFY(pane->isLogging());
+    QVERIFY(!w.panes().at(1)->isLogging());  // closed: it logs once it opens
+    QVERIFY(w.panes().at(1)->paneOptions().logSaveFlag);
+    QUdpSocket device;
+    device.writeDatagram("recorded\n", QHostAddress::LocalHost, pane->controller()->udpLocalPort());
+    QTRY_VERIFY_WITH_TIMEOUT(pane->rxCount() == 9, 5000);
+    const QString file = pane->currentLogFile();
+    record->trigger();
+    QVERIFY(!record->isChecked());
+    QVERIFY(!pane->isLogging());
+    QVERIFY(readAll(file).contains("recorded"));
+
+    // The mark follows the panes: one pane logging alone does not check it,
+    // all of them do.
+    PaneOptions o = pane->paneOptions();
+    o.logSaveFlag = true;
+    pane->applySettings(pane->connectionConfig(), o, {});
+    QVERIFY(pane->isLogging());
+    QCOMPARE(pane->currentLogFile(), file);
+    QTest::mouseClick(w.panes().at(1)->findChild<QCheckBox *>("logSaveBox"), Qt::LeftButton);
+    QVERIFY(record->isChecked());
+
+    // A project whose panes log brings the mark with it.
+    const QString project = logs.filePath("logging.tsl");
+    QVERIFY(w.saveProjectTo(project));
+    record->trigger();
+    QVERIFY(!record->isChecked());
+    QVERIFY(w.openProject(project));
+    QVERIFY(record->isChecked());
+    QVERIFY(w.panes().constFirst()->paneOptions().logSaveFlag);
+    w.close();
+}
+
+void MainWindowTest::projectsKeepListenAddressAndRefuseOtherFiles()
+{
+    QTemporaryDir dir;
+    QTcpServer probe;  // a free port for the server pane, as a user would pick one
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    const quint16 port = probe.serverPort();
+    probe.close();
+    const QString file = dir.filePath("local.tsl");
+    {
+        MainWindow w;
+        SerialPortWidget *pane = w.panes().constFirst();
+        ConnectionConfig c = pane->connectionConfig();
+        c.mode = ConnectionMode::TcpServer;
+        c.targetPort = port;
+        c.listenAddress = QHostAddress::LocalHost;
+        pane->applySettings(c, pane->paneOptions(), {});
+        QVERIFY(w.saveProjectTo(file));
+        w.close();
+    }
+    QCOMPARE(QSettings(file, QSettings::IniFormat).value("0/ListenAddress").toInt(), int(QHostAddress::LocalHost));
+    MainWindow again;
+    QCOMPARE(again.currentFile(), file);
+    SerialPortWidget *server = again.panes().constFirst();
+    QCOMPARE(server->connectionConfig().listenAddress, QHostAddress::LocalHost);
+    QVERIFY(server->openConnection());
+    QCOMPARE(server->controller()->serverAddressText(), QString("127.0.0.1:%1").arg(port));
+    server->closeConnection();
+
+    // A file named .tsl that holds no project changes nothing.
+    const QString bogus = dir.filePath("photo.tsl");
+    {
+        QFile f(bogus);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16) + QByteArray(200, '\x07'));
+    }
+    const QString text = dir.filePath("notes.tsl");
+    {
+        QFile f(text);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("shopping list\nmilk\n");
+    }
+    for (const QString &path : {bogus, text}) {
+        QVERIFY(!again.openProject(path));
+        QCOMPARE(again.currentFile(), file);
+        QCOMPARE(again.panes().size(), 1);
+        QCOMPARE(again.panes().constFirst()->connectionConfig().mode, ConnectionMode::TcpServer);
+        QVERIFY(again.statusBar()->currentMessage().contains("does not hold Tessaline settings"));
+    }
+    // A project from before the key existed listens on every interface.
+    QSettings old(file, QSettings::IniFormat);
+    old.remove("0/ListenAddress");
+    old.sync();
+    QVERIFY(again.openProject(file));
+    QCOMPARE(again.panes().constFirst()->connectionConfig().listenAddress, QHostAddress::Any);
+    again.close();
+}
+
+void MainWindowTest::onlyPanesOpenAtExitAreRestored()
+{
+    QTemporaryDir logs;
+    QSettings().setValue("OpenLastConnection", true);
+    {
+        MainWindow w;
+        w.addPane();
+        w.addPane();
+        for (SerialPortWidget *pane : w.panes())
+            makeUdpPane(pane, logs.path(), false);
+        QVERIFY(w.panes().at(1)->openConnection());
+        QVERIFY(w.saveProjectTo(logs.filePath("three.tsl")));
+        QVERIFY(w.close());
+    }
+    MainWindow again;
+    QCOMPARE(again.panes().size(), 3);
+    again.restoreLastConnection();
+    QVERIFY(!again.panes().at(0)->isConnectionOpen());
+    QVERIFY(again.panes().at(1)->isConnectionOpen());
+    QVERIFY(!again.panes().at(2)->isConnectionOpen());
+    again.close();
+}
+
+// Through the Tools menu, as a user: with Quick Settings closed the full
+// panel still changes how a pane sends; Restore Default Settings closes the
+// open port and brings every option back.
+void MainWindowTest::settingsAndRestoreDefaultsFromTheMenu()
+{
+    QTemporaryDir logs;
+    MainWindow w;
+    w.show();
+    SerialPortWidget *pane = w.panes().constFirst();
+    makeUdpPane(pane, logs.path(), true);
+    QVERIFY(pane->openConnection());
+    QVERIFY(pane->isLogging());
+    w.findChild<QAction *>("acViewQuickSettings")->trigger();  // closes the strip
+    QAction *settingsAction = w.findChild<QAction *>("acToolsSetting");
+
+    auto withDialog = [](const std::function<void(PortSettingsDialog *)> &act) {
+        QTimer::singleShot(0, [act] {
+            auto *dialog = qobject_cast<PortSettingsDialog *>(QApplication::activeModalWidget());
+            QVERIFY(dialog);
+            act(dialog);
+        });
+    };
+    withDialog([](PortSettingsDialog *dialog) {
+        auto *checksum = dialog->findChild<QComboBox *>("sendChecksumBox");
+        checksum->setCurrentIndex(checksum->findData(3));
+        dialog->findChild<QCheckBox *>("hexSendBox")->setChecked(true);
+        dialog->accept();
+    });
+    settingsAction->trigger();
+    QCOMPARE(pane->paneOptions().sendChecksum, 3);
+    QCOMPARE(pane->paneOptions().sendFormat, MessageFormat::Hex);
+    QVERIFY(pane->isConnectionOpen());  // options only: the port stays open
+    QVERIFY(w.isWindowModified());
+
+    withDialog([](PortSettingsDialog *dialog) {
+        answerNextBox(QMessageBox::Ok);
+        dialog->findChild<QPushButton *>("pbRestoreDefaults")->click();
+        dialog->reject();
+    });
+    settingsAction->trigger();
+    QVERIFY(!pane->isConnectionOpen());
+    QVERIFY(!pane->isLogging());
+    QVERIFY(pane->paneOptions() == PaneOptions());
+    QCOMPARE(pane->connectionConfig().mode, ConnectionMode::Serial);
+    QVERIFY(!w.findChild<QAction *>("acFileRecordDataLog")->isChecked());
+    QCOMPARE(w.statusBar()->currentMessage(), QString("Default settings restored."));
+    // New panes start from the defaults too.
+    QVERIFY(w.addPane()->paneOptions() == PaneOptions());
+    answerNextBox(QMessageBox::Discard);
+    QVERIFY(w.close());
+}
+
+void MainWindowTest::twoPanesFitSideBySide_data()
+{
+    QTest::addColumn<int>("width");
+    QTest::addColumn<bool>("quickSettings");
+    QTest::newRow("1600 px with Quick Settings") << 1600 << true;
+    QTest::newRow("1280 px without") << 1280 << false;
+}
+
+// Two panes side by side on a common screen, without the window scrolling
+// sideways; a TCP server pane, whose rows are the widest.
+void MainWindowTest::twoPanesFitSideBySide()
+{
+    QFETCH(int, width);
+    QFETCH(bool, quickSettings);
+    MainWindow w;
+    w.setColumnNumber(2);
+    w.addPane();
+    ConnectionConfig server = w.panes().at(1)->connectionConfig();
+    server.mode = ConnectionMode::TcpServer;
+    w.panes().at(1)->applySettings(server, w.panes().at(1)->paneOptions(), {});
+    if (!quickSettings)
+        w.findChild<QAction *>("acViewQuickSettings")->trigger();
+    w.resize(width, 860);
+    w.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&w));
+    QCoreApplication::processEvents();
+    auto *scroll = w.findChild<QScrollArea *>("portScrollArea");
+    QVERIFY(scroll);
+    QVERIFY2(scroll->horizontalScrollBar()->maximum() == 0,
+             qPrintable(QString("the panes need %1 px more").arg(scroll->horizontalScrollBar()->maximum())));
+    for (SerialPortWidget *pane : w.panes())
+        QVERIFY(pane->width() >= pane->minimumSizeHint().width());
+    answerNextBox(QMessageBox::Discard);
+    w.close();
 }
 
 QTEST_MAIN(MainWindowTest)

@@ -5,7 +5,7 @@
 #include "app/projectfile.h"
 #include "common/appidentity.h"
 #include "buildinfo.h"
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 #include "app/windowplacement.h"
 #include "support/settingssandbox.h"
 

@@ -19,6 +19,8 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSettings>
+#include <QSysInfo>
+#include <QJsonObject>
 #include <QtTest>
 
 class TestAccountDialog : public QObject
@@ -30,6 +32,7 @@ private slots:
     void registersThroughTheServerItWasGiven();
     void refusalsAreShownAsWarnings_data();
     void refusalsAreShownAsWarnings();
+    void takesOnlyRepliesItAskedFor();
     void aSecondComputerStartsWithTheSyncedSettings();
 
 private:
@@ -117,6 +120,33 @@ void TestAccountDialog::refusalsAreShownAsWarnings()
     QCOMPARE(dialog.result(), int(QDialog::Rejected));
 }
 
+// Account replies for others (a token refresh, a profile) pass the dialog
+// by; the answer to its own request does not.
+void TestAccountDialog::takesOnlyRepliesItAskedFor()
+{
+    QSettings().setValue("HostAddress", m_service.baseUrl());
+    NetworkServices network;
+    AccountSession session(&network);
+    AccountDialog dialog(&network, &session);
+    QSignalSpy shown(&dialog, &AccountDialog::messageShown);
+    const QJsonObject foreign{{"type", "account"}, {"status", false}, {"code", "refresh_token_expired"},
+                              {"description", "not yours"}};
+    emit network.accountResponse(foreign);
+    emit network.networkError(QStringLiteral("account"), QStringLiteral("not yours either"), QString());
+    QTest::qWait(20);
+    QCOMPARE(shown.size(), 0);
+    QVERIFY(child<QLabel>(dialog, "loginStatus")->text().isEmpty());
+
+    child<QLineEdit>(dialog, "loginEmail")->setText(QStringLiteral("nobody@example.org"));
+    child<QLineEdit>(dialog, "loginPassword")->setText(QStringLiteral("wrong"));
+    child<QPushButton>(dialog, "signInButton")->click();
+    QTRY_COMPARE_WITH_TIMEOUT(shown.size(), 1, 5000);
+    QCOMPARE(shown.at(0).at(1).toString(), QStringLiteral("The e-mail address or the password is wrong."));
+    emit network.accountResponse(foreign);  // after its answer, others pass by again
+    QTest::qWait(20);
+    QCOMPARE(shown.size(), 1);
+}
+
 namespace {
 
 QAction *action(MainWindow &window, const char *name)
@@ -174,7 +204,10 @@ void TestAccountDialog::aSecondComputerStartsWithTheSyncedSettings()
         QVERIFY(account);
         auto *devices = account->findChild<QTreeWidget *>(QStringLiteral("deviceList"));
         QTRY_COMPARE_WITH_TIMEOUT(devices->topLevelItemCount(), 1, 5000);
-        QVERIFY(devices->topLevelItem(0)->text(0).contains(QStringLiteral("101")));
+        // Named as people know it; the number the service keeps shows on hover.
+        QCOMPARE(devices->topLevelItem(0)->text(0),
+                 QStringLiteral("%1 (this computer)").arg(QSysInfo::machineHostName()));
+        QCOMPARE(devices->topLevelItem(0)->toolTip(0), QStringLiteral("101"));
         QTRY_VERIFY_WITH_TIMEOUT(account->findChild<QLabel *>(QStringLiteral("accountQuota"))->text().contains(
                                      QStringLiteral("no limit")), 5000);
         account->close();

@@ -229,6 +229,11 @@ void TestCloudClient::aReusedRefreshTokenEndsTheSignIn()
     QCOMPARE(notices.size(), 1);
     QCOMPARE(notices.at(0).at(1).toString(), QStringLiteral("Sign in has expired."));
     QCOMPARE(m_a.session->userId(), 0);
+    // Known by the service's words for it, not by a guess at their letters.
+    for (const char *code : {"invalid_refresh_token", "refresh_token_expired", "refresh_token_reused"})
+        QVERIFY2(AccountReplyHandler::isRefusedRefresh(QLatin1String(code)), code);
+    for (const char *code : {"refresh_rate_limited", "invalid_credentials", "device_limit", ""})
+        QVERIFY2(!AccountReplyHandler::isRefusedRefresh(QLatin1String(code)), code);
 }
 
 void TestCloudClient::bindsAndRemovesDevices()

@@ -7,7 +7,7 @@
 #include "cloud/sessionstate.h"
 #include "cloud/sessionstatemapping.h"
 #include "connection/connectionconfig.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 #include "cloud/sessionsynccoordinator.h"
 #include "support/settingssandbox.h"
 
@@ -225,10 +225,10 @@ void TestCloudSession::aSilentServerTimesOut()
              QStringLiteral("The server did not respond in time. Please check your network connection and try again."));
 
     // Nobody listening at all.
-    QTcpServer closed;
-    closed.listen(QHostAddress::LocalHost);
-    const quint16 port = closed.serverPort();
-    closed.close();
+    // Bound without listening: refused, and nobody else can listen there.
+    QTcpSocket closed;
+    QVERIFY(closed.bind(QHostAddress::LocalHost, 0, QAbstractSocket::DontShareAddress));
+    const quint16 port = closed.localPort();
     qputenv("TSL_HOST", QByteArray("http://127.0.0.1:") + QByteArray::number(port));
     network.fetchCloudQuota({});
     QTRY_COMPARE_WITH_TIMEOUT(errors.size(), 2, 5000);

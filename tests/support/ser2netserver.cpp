@@ -1,10 +1,10 @@
 #include "support/ser2netserver.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QStandardPaths>
 #include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
 
 Ser2netServer::~Ser2netServer()
@@ -80,15 +80,43 @@ void Ser2netServer::stop()
 
 bool Ser2netServer::waitUntilListening()
 {
+    // Watched from outside rather than probed with a connection: a probe
+    // makes ser2net open the device and close it again, and a test's own
+    // connection arriving while that close is still under way is refused
+    // (one connection per port), its bytes going nowhere.
     QDeadlineTimer deadline(3000);
     while (!deadline.hasExpired() && m_process.state() == QProcess::Running) {
-        QTcpSocket probe;
-        probe.connectToHost(QHostAddress::LocalHost, m_port);
-        if (probe.waitForConnected(200)) {
-            probe.abort();
+        if (isListening())
             return true;
-        }
-        QTest::qWait(50);
+        QTest::qWait(20);
+    }
+    return false;
+}
+
+bool Ser2netServer::isListening() const
+{
+    // The kernel's table of TCP sockets: a row in the listening state (0A)
+    // on our loopback port whose socket is one of ser2net's own files.
+    QFile table(QStringLiteral("/proc/net/tcp"));
+    if (!table.open(QIODevice::ReadOnly | QIODevice::Text))
+        return false;
+    const QByteArray local = QStringLiteral("0100007F:%1").arg(m_port, 4, 16, QLatin1Char('0')).toUpper().toLatin1();
+    QByteArrayList inodes;
+    table.readLine();  // column titles
+    while (!table.atEnd()) {
+        const QByteArrayList fields = table.readLine().simplified().split(' ');
+        if (fields.size() > 9 && fields.at(1) == local && fields.at(3) == "0A")
+            inodes << fields.at(9);
+    }
+    if (inodes.isEmpty())
+        return false;
+    const QString fdFolder = QStringLiteral("/proc/%1/fd").arg(m_process.processId());
+    const QStringList fds = QDir(fdFolder).entryList(QDir::Files | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString &fd : fds) {
+        const QByteArray target = QFile::symLinkTarget(fdFolder + u'/' + fd).toLatin1();
+        for (const QByteArray &inode : std::as_const(inodes))
+            if (target.endsWith("socket:[" + inode + "]"))
+                return true;
     }
     return false;
 }

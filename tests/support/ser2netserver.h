@@ -18,7 +18,8 @@ public:
     Ser2netServer &operator=(const Ser2netServer &) = delete;
 
     // Starts on a free port (port 0) or the given one and waits, at most a
-    // few seconds, until it accepts connections. On failure errorText() says
+    // few seconds, until it listens there (seen in the kernel's socket
+    // table, so that the test's own connection is ser2net's first). On failure errorText() says
     // why.
     bool start(const QString &device, Protocol protocol, quint16 port = 0);
     void stop();
@@ -31,6 +32,7 @@ public:
 
 private:
     bool waitUntilListening();
+    bool isListening() const;
 
     QTemporaryDir m_dir;
     QProcess m_process;

@@ -1,7 +1,7 @@
 #include "settings/connectionsettingswidget.h"
 #include "terminal/controllinelights.h"
 #include "terminal/ledindicator.h"
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 #include "terminal/receivefindbar.h"
 #include "terminal/receiveview.h"
 

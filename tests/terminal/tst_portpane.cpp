@@ -19,6 +19,7 @@
 #include <QTextDocument>
 #include <QTcpSocket>
 #include <QToolButton>
+#include <QMessageBox>
 #include <QtTest>
 
 #include <memory>
@@ -424,6 +425,20 @@ void PortPaneTest::logRecordsAndReportsUnwritableFolder()
     device.write("logged line\n");
     QTRY_VERIFY_WITH_TIMEOUT(viewText(*pane).contains("logged line"), 5000);
     const QString path = pane->currentLogFile();
+
+    // New log options reach the running log at once: a new name starts a
+    // new file; switched off, the log stops; on again, it starts.
+    PaneOptions renamed = options;
+    renamed.logFileName = "renamed_%S.log";
+    pane->applySettings(config, renamed, {});
+    QVERIFY(pane->isLogging());
+    QVERIFY(QFileInfo(pane->currentLogFile()).fileName().startsWith("renamed_"));
+    renamed.logSaveFlag = false;
+    pane->applySettings(config, renamed, {});
+    QVERIFY(!pane->isLogging());
+    pane->applySettings(config, options, {});
+    QVERIFY(pane->isLogging());
+    QCOMPARE(pane->currentLogFile(), path);
     pane->closeConnection();  // writes what is pending
     QFile log(path);
     QVERIFY(log.open(QIODevice::ReadOnly));
@@ -441,6 +456,11 @@ void PortPaneTest::logRecordsAndReportsUnwritableFolder()
     auto *error = pane->findChild<QLabel *>("errorLabel");
     QTRY_VERIFY_WITH_TIMEOUT(error->text().startsWith("Could not create log directory"), 5000);
     QVERIFY(!pane->isLogging());
+    // ...and in a warning box, once.
+    const QList<QMessageBox *> boxes = pane->findChildren<QMessageBox *>("logWarning");
+    QCOMPARE(boxes.size(), 1);
+    QCOMPARE(boxes.constFirst()->windowTitle(), QString("Warning"));
+    QVERIFY(boxes.constFirst()->text().startsWith("Could not create log directory"));
     QVERIFY(device.waitForClient());
     QTRY_VERIFY_WITH_TIMEOUT(device.server.hasPendingConnections() || device.client, 5000);
 }

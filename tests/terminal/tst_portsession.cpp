@@ -177,6 +177,8 @@ void PortSessionTest::lostSerialPortReconnectsOnTheClock()
     session.setAutoReconnect(autoReconnect);
     QVERIFY(session.openConnection());
     QSignalSpy status(&session, &PortSession::statusMessage);
+    QSignalSpy waiting(&session, &PortSession::waiting);
+    QSignalSpy cleared(&session, &PortSession::failureCleared);
 
     m_pty->kill();
     QTRY_VERIFY_WITH_TIMEOUT(!session.isConnectionOpen(), kWait);
@@ -189,6 +191,10 @@ void PortSessionTest::lostSerialPortReconnectsOnTheClock()
     }
     QVERIFY(statusShown(status, QString("Serial Port %1 lost, waiting for it to come back...").arg(m_pty->pathA())));
     QVERIFY(session.statusLine().contains("waiting to reconnect"));
+    // The pane says so for as long as it waits, not just for a moment.
+    QCOMPARE(waiting.count(), 1);
+    QCOMPARE(waiting.at(0).at(0).toString(), QString("Serial Port %1 lost, waiting for it to come back...").arg(m_pty->pathA()));
+    QCOMPARE(cleared.count(), 0);
 
     // Not before the interval, however often the timer ticks.
     QVERIFY2(m_pty->restart(), qPrintable(m_pty->errorText()));
@@ -202,6 +208,7 @@ void PortSessionTest::lostSerialPortReconnectsOnTheClock()
     QVERIFY(session.isConnectionOpen());
     QVERIFY(!session.isReconnecting());
     QVERIFY(statusShown(status, QString("Serial Port %1 RECONNECTED").arg(m_pty->pathA())));
+    QCOMPARE(cleared.count(), 1);
 
     QSerialPort far;
     QVERIFY(openFar(far));

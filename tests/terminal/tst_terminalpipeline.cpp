@@ -5,7 +5,7 @@
 #include "terminal/receiveingest.h"
 #include "terminal/sendframebuilder.h"
 #include "terminal/sendhistory.h"
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 #include "terminal/wiretextdecoder.h"
 
 #include <QtTest>
@@ -263,6 +263,37 @@ private Q_SLOTS:
         QCOMPARE(formatter.setReceiveEncoding("NO-SUCH-CODE").errorText(), kNoEncoding.arg("NO-SUCH-CODE"));
         QCOMPARE(formatter.receiveEncoding(), QString("GBK"));
         QCOMPARE(formatter.format(rx("\xce\xc4")), QString::fromUtf8("文"));
+    }
+
+    void formatterFramesAndFormatSwitch()
+    {
+        // A sent frame is whole: a checksum byte that reads as a lead byte
+        // ends with its frame instead of spoiling the next one.
+        DisplayFormatter formatter;
+        QCOMPARE(formatter.format(tx("AB\xe4")), QString("AB") + QChar(QChar::ReplacementCharacter));
+        QCOMPARE(formatter.format(tx("AT")), QString("AT"));
+        // Received bytes still wait for the rest of their character.
+        QCOMPARE(formatter.format(rx("\xe4\xb8")), QString());
+        QCOMPARE(formatter.format(rx("\xad")), QString::fromUtf8("中"));
+
+        // A new format starts on a line of its own, stamped.
+        Options o{.format = MessageFormat::Hex, .showTimestamps = true};
+        formatter = formatterWith(o);
+        QCOMPARE(formatter.format(rx("\x01", 1)), QString("[Rx][12:00:00.001] 01 "));
+        o.format = MessageFormat::Text;
+        formatter.setOptions(o);
+        QCOMPARE(formatter.format(rx("ok", 2)), QString("\n[Rx][12:00:00.002] ok"));
+        o = Options{};
+        formatter = formatterWith(o);
+        QCOMPARE(formatter.format(rx("abc")), QString("abc"));
+        o.format = MessageFormat::Hex;
+        formatter.setOptions(o);
+        QCOMPARE(formatter.format(rx("\x01")), QString("\n01 "));
+        // Not when the line was already complete, nor after the view was cleared.
+        o.format = MessageFormat::Text;
+        formatter.setOptions(o);
+        formatter.setEndsWithLineFeed(true);
+        QCOMPARE(formatter.format(rx("x")), QString("x"));
     }
 
     void drainBudgets_data()

@@ -379,6 +379,25 @@ void ToolDialogsTest::crcRerendersWithoutRecalculating()
     QTest::mouseClick(child<QPushButton>(&box, "btnInsertFrame"), Qt::LeftButton);
     QCOMPARE(inserted.count(), 1);
     QCOMPARE(inserted.at(0).at(0).toByteArray(), QByteArray("123456789\x37\x4B"));
+
+    // Choosing a wider algorithm without calculating keeps the result's
+    // own width: the shown value and the inserted frame stay as computed.
+    auto *name = child<QComboBox>(&box, "cbName");
+    int wide = -1;
+    for (int i = 0; i < name->count() && wide < 0; ++i) {
+        const auto model = findCrcModel(name->itemData(i).toInt());
+        if (model && model->width == 32)
+            wide = i;
+    }
+    QVERIFY(wide >= 0);
+    name->setCurrentIndex(wide);
+    child<QComboBox>(&box, "cbResultBase")->setCurrentIndex(0);
+    QCOMPARE(child<QLineEdit>(&box, "leResult")->text(), QStringLiteral("4B37"));
+    child<QComboBox>(&box, "cbByteOrder")->setCurrentIndex(0);
+    QCOMPARE(child<QLineEdit>(&box, "leWireBytes")->text(), QStringLiteral("4B 37"));
+    QTest::mouseClick(child<QPushButton>(&box, "btnInsertFrame"), Qt::LeftButton);
+    QCOMPARE(inserted.count(), 2);
+    QCOMPARE(inserted.at(1).at(0).toByteArray(), QByteArray("123456789\x4B\x37"));
 }
 
 void ToolDialogsTest::crcCustomParams_data()

@@ -7,6 +7,7 @@
 #include "transfer/filetransfersession.h"
 #include "transfer/portsessionxferport.h"
 
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -58,11 +59,26 @@ void PortSessionTransferTest::receivesOnAServerPane()
     session.applySettings(config, PaneOptions(), {});
     QVERIFY(session.controller()->startTcpServer(0, QHostAddress::LocalHost));
     const quint16 port = quint16(session.controller()->serverAddressText().section(':', -1).toUInt());
+    // A second client that reads nothing and already has output waiting:
+    // it takes no part in the transfer and must not hold it up.
+    QTcpSocket idle;
+    idle.setReadBufferSize(1);
+    idle.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(idle.waitForConnected(5000));
+    QTRY_COMPARE_WITH_TIMEOUT(session.controller()->serverClientCount(), 1, 5000);
+    const QString idleLabel = session.controller()->serverClientLabels().constFirst();
+    const QByteArray chunk(64 * 1024, 'x');
+    const SendTarget toIdle{idleLabel, -1};
+    for (int i = 0; i < 1024 && session.controller()->send(config, chunk, toIdle); ++i)
+        QCoreApplication::processEvents();
+    QVERIFY(session.controller()->bytesToWrite(ConnectionMode::TcpServer, toIdle) > 0);
+
     LrzszPeer peer;
     QVERIFY(peer.start(QStringLiteral("TCP:127.0.0.1:%1").arg(port), peerFolder.path(), "sb -q report.bin"));
-    QTRY_COMPARE_WITH_TIMEOUT(session.controller()->serverClientCount(), 1, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(session.controller()->serverClientCount(), 2, 5000);
 
     PortSessionXferPort xfer(&session);
+    QVERIFY(xfer.selectClient(session.controller()->serverClientLabels().at(1)));
     FileTransferSession::Request request;
     request.protocol = XmodemVariant::Ymodem;
     request.direction = FileTransferSession::Direction::Receive;

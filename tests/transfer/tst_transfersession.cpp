@@ -22,12 +22,13 @@ public:
         written += bytes;
         return true;
     }
-    qint64 bytesToWrite() const override { return 0; }
+    qint64 bytesToWrite() const override { return stuck; }
     bool isOpen() const override { return open; }
     void lock(bool on) override { locks << on; }
     void writeNote(const QString &text) override { notes << text; }
 
     bool open = true;
+    qint64 stuck = 0;  // bytes the peer never takes
     QByteArray written;
     QList<bool> locks;
     QStringList notes;
@@ -89,6 +90,7 @@ private slots:
     void unreadableSourceEndsAtOnceAndReleasesThePort();
     void fileChangedWhileSendingIsReported();
     void fullDiskRefusesTheOffer();
+    void peerThatTakesNothingEndsTheTransfer();
 };
 
 void TestTransferSession::receivedNamesAreMadeSafe_data()
@@ -233,10 +235,8 @@ void TestTransferSession::successSummaryGivesBytesTimeRateAndRetries()
     device.send(damaged);  // one retry
     for (int i = 1; i <= 80; ++i)
         device.send(block(i, QByteArray(128, 'a')));
-    now += 2500 - XmodemCodec::kEotQuietMs;
+    now += 2500;
     device.send(QByteArray(1, EOT));
-    // The EOT counts once the line has stayed quiet.
-    now += XmodemCodec::kEotQuietMs;
     QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 5000);
     QCOMPARE(finished.at(0).at(1).toString(),
              QStringLiteral("Transfer complete: 10240 bytes in 2.5 s, 4.0 KB/s, 1 retries"));
@@ -373,6 +373,34 @@ void TestTransferSession::fullDiskRefusesTheOffer()
              qPrintable(summary));
     QVERIFY(port.written.endsWith(XmodemCodec::cancelSequence()));
     QVERIFY(filesIn(dir.path()).isEmpty());
+}
+
+// A write the peer never takes holds the codec (it waits for the write to
+// finish before its own timeouts start): the session ends it once nothing
+// has gone out for a minute, and not while bytes still trickle out.
+void TestTransferSession::peerThatTakesNothingEndsTheTransfer()
+{
+    QTemporaryDir dir;
+    qint64 now = 0;
+    ScriptPort port;
+    port.stuck = 100;
+    FileTransferSession session(&port, receiveRequest(XmodemVariant::Ymodem, dir.path(), QString()), nullptr,
+                                [&now] { return now; });
+    QSignalSpy finished(&session, &FileTransferSession::finished);
+    session.start();
+    QCOMPARE(port.written, QByteArray("C"));
+    now += FileTransferSession::kWriteStallMs - 1000;
+    session.onPortBytesWritten();  // some went out
+    QTest::qWait(0);
+    now += FileTransferSession::kWriteStallMs - 1000;
+    session.onTick();
+    QCOMPARE(finished.count(), 0);
+    now += 1000;
+    session.onTick();
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(finished.at(0).at(1).toString(),
+             QStringLiteral("Transfer failed: The connection stopped taking data for 60 s, so the transfer stopped."));
+    QCOMPARE(port.locks, (QList<bool>{true, false}));
 }
 
 QTEST_GUILESS_MAIN(TestTransferSession)

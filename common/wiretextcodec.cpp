@@ -1,4 +1,4 @@
-#include "terminal/wiretextcodec.h"
+#include "common/wiretextcodec.h"
 
 #include <QList>
 #include <QTextCodec>

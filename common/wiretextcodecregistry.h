@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/result.h"
-#include "terminal/wiretextcodec.h"
+#include "common/wiretextcodec.h"
 
 #include <QCoreApplication>
 #include <QString>

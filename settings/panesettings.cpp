@@ -1,4 +1,4 @@
-#include "terminal/panesettings.h"
+#include "settings/panesettings.h"
 
 #include <QTime>
 
@@ -68,6 +68,9 @@ QList<PaneField> makeFields()
                                                 ConnectionConfig::kMaxTargetPort),
         field<C, &ConnectionConfig::udpLocalPort>("udpLocalPort", Kind::Int, 0, 65535),
         field<C, &ConnectionConfig::udpServerPort>("udpServerPort", Kind::Int, 0, 65535),
+        field<C, &ConnectionConfig::listenAddress>("listenAddress", Kind::Enum, 0, 0,
+                                                   {int(QHostAddress::Any), int(QHostAddress::AnyIPv4),
+                                                    int(QHostAddress::LocalHost), int(QHostAddress::LocalHostIPv6)}),
         field<C, &ConnectionConfig::useRemoteSerialConfig>("useRemoteSerialConfig", Kind::Bool),
         field<C, &ConnectionConfig::relayCid>("relayCid", Kind::String, 0, kTextMax),
         field<C, &ConnectionConfig::relayPortName>("relayPortName", Kind::String, 0, kTextMax),

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "connection/connectionconfig.h"
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QList>
 #include <QString>

@@ -1,4 +1,4 @@
-#include "terminal/monospacefont.h"
+#include "common/monospacefont.h"
 
 #include <QFontDatabase>
 

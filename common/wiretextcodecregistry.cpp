@@ -1,4 +1,4 @@
-#include "terminal/wiretextcodecregistry.h"
+#include "common/wiretextcodecregistry.h"
 
 #include <QTextCodec>
 

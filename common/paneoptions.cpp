@@ -1,4 +1,4 @@
-#include "terminal/paneoptions.h"
+#include "common/paneoptions.h"
 
 #include <QStandardPaths>
 
