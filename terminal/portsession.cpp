@@ -145,10 +145,26 @@ Result PortSession::setSerialParameters(const ConnectionConfig &edited)
     return Result::success();
 }
 
+QString PortSession::relayControlLineText()
+{
+    return tr("Live Relay carries only the data of the remote port: its control lines and Break stay with the "
+              "computer that shares it.");
+}
+
+QString PortSession::controlLineRefusal() const
+{
+    return m_config.mode == ConnectionMode::RemoteSerialRelay ? relayControlLineText() : QString();
+}
+
 void PortSession::setControlLine(bool dtr, bool on)
 {
     if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the control lines would interrupt it.")))
         return;
+    if (const QString refusal = controlLineRefusal(); !refusal.isEmpty()) {
+        // Never the local serial port: it has nothing to do with this pane.
+        emit statusMessage(refusal, 3000);
+        return;
+    }
     (dtr ? m_config.dtrOn : m_config.rtsOn) = on;
     const auto line = dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts;
     if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
@@ -162,6 +178,11 @@ bool PortSession::sendBreak(bool on)
 {
     if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
         return sendRemoteBreak(on);
+    if (const QString refusal = controlLineRefusal(); !refusal.isEmpty()) {
+        if (on)
+            emit statusMessage(refusal, 3000);
+        return false;
+    }
     if (!on) {
         return !m_controller->breakLevel()
             || m_controller->setControlLine(ConnectionController::ControlLine::Break, false);
@@ -270,6 +291,7 @@ void PortSession::connectController()
     });
     connect(c, &ConnectionController::serverConnectionsChanged, this, &PortSession::targetsChanged);
     connect(c, &ConnectionController::udpPeersChanged, this, &PortSession::targetsChanged);
+    connect(c, &ConnectionController::cloudRelayEnded, this, &PortSession::onRelayEnded);
     connect(c, &ConnectionController::remoteNotice, this, &PortSession::onRemoteNotice);
     connect(c, &ConnectionController::remoteSetting, this, &PortSession::onRemoteSetting);
     connect(c, &ConnectionController::remoteLineState, this, &PortSession::onRemoteLineState);
@@ -290,8 +312,21 @@ void PortSession::onControllerError(const QString &message)
     }
 }
 
+void PortSession::onRelayEnded(const QString &reason)
+{
+    // A relay does not come back by itself: its end is the connection's
+    // error and the session closes.
+    reportFailure(reason);
+    if (m_open && !m_userClosing)
+        changeConnState(false);
+}
+
 void PortSession::onPeerArrived(const QString &peer)
 {
+    if (peer.isEmpty() && m_config.mode == ConnectionMode::RemoteSerialRelay) {
+        emit failureCleared();
+        emit stateChanged();
+    }
     if (peer.isEmpty() && isStreamMode(m_config.mode)) {
         m_wasConnected = true;
         emit failureCleared();
@@ -364,10 +399,9 @@ void PortSession::closeConnection()
     m_userClosing = true;
     disarmReconnect();
     m_controller->close(m_config.mode, m_config.portName);
-    if (m_ingest.readThrottle().isReadingPaused()) {
-        m_ingest.readThrottle().reset();
-        m_controller->setReadPaused(m_config.mode, false);
-    }
+    m_ingest.readThrottle().reset();
+    m_readHeld = false;
+    applyReadPause();
     changeConnState(false);
     m_userClosing = false;
 }
@@ -502,6 +536,10 @@ QString PortSession::statusLine() const
         return QStringLiteral("<font color = #b9770e> %1 </font>")
             .arg(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort).toHtmlEscaped());
     }
+    if (!isConnectionOpen() && m_config.mode == ConnectionMode::RemoteSerialRelay) {
+        return QStringLiteral("<font color = #b9770e> %1 </font>")
+            .arg(tr("Waiting for the remote port %1 ...").arg(endpointText()).toHtmlEscaped());
+    }
     if (m_config.mode == ConnectionMode::Serial) {
         return QStringLiteral("<font color = green> %1 OPENED, %2, %3, %4, %5, %6 </font>")
             .arg(currentRealPortName().toHtmlEscaped())
@@ -542,17 +580,24 @@ void PortSession::ingestReceived(const QByteArray &data, const QString &peer)
 
 void PortSession::applyReadThrottle()
 {
-    switch (m_ingest.readThrottleAction()) {
-    case ReadThrottle::Action::PauseReading:
+    if (m_ingest.readThrottleAction() == ReadThrottle::Action::PauseReading)
         qCDebug(lcTerminal) << "display behind, pausing reads at" << m_ingest.pendingBytes() << "bytes";
-        m_controller->setReadPaused(m_config.mode, true);
-        break;
-    case ReadThrottle::Action::ResumeReading:
-        m_controller->setReadPaused(m_config.mode, false);
-        break;
-    case ReadThrottle::Action::None:
-        break;
-    }
+    applyReadPause();
+}
+
+void PortSession::holdReading(bool hold)
+{
+    m_readHeld = hold;
+    applyReadPause();
+}
+
+void PortSession::applyReadPause()
+{
+    const bool pause = m_readHeld || m_ingest.readThrottle().isReadingPaused();
+    if (pause == m_readPauseApplied)
+        return;
+    m_readPauseApplied = pause;
+    m_controller->setReadPaused(m_config.mode, pause);
 }
 
 QList<DisplayChunk> PortSession::takeForView(qint64 byteBudget, qint64 timeLimitMs)

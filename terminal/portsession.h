@@ -91,6 +91,10 @@ public:
     // The rich status line: opened, connecting, waiting or closed.
     QString statusLine() const;
     bool sendBreak(bool on);
+    // Why the pane's control lines and Break do nothing in this mode; empty
+    // where they act on a port.
+    QString controlLineRefusal() const;
+    static QString relayControlLineText();
     // Remote serial port: the last line-state and modem-state bytes the
     // remote reported (Rfc2217ClientSession's bits); 0 before any.
     quint8 remoteLineState() const { return m_remoteLineState; }
@@ -101,6 +105,11 @@ public:
     void ingestReceived(const QByteArray &data, const QString &peer = {});
     // Pulls what the controller holds (nothing, usually: it pushes).
     void readPending();
+    // Another consumer of the received bytes (a relay passing them on)
+    // holds reading while it cannot keep up; reading pauses while the view
+    // or a holder asks, and resumes when neither does.
+    void holdReading(bool hold);
+    bool isReadingHeld() const { return m_readHeld; }
     ReceiveIngest &ingest() { return m_ingest; }
     const ReceiveIngest &ingest() const { return m_ingest; }
     // The formatter that turns queued chunks into view text.
@@ -212,7 +221,9 @@ private:
     void startReconnecting();
     void onControllerError(const QString &message);
     void onPeerArrived(const QString &peer);
+    void onRelayEnded(const QString &reason);
     void applyReadThrottle();
+    void applyReadPause();
     void logChunk(const DisplayChunk &chunk);
     void noteLogResult(const Result &result);
     void startLog();
@@ -243,6 +254,8 @@ private:
     WireTextDecoder m_consoleDecoder;
     ViewState m_viewState = ViewState::Normal;
     ReceiveTaker m_receiveTaker;
+    bool m_readHeld = false;
+    bool m_readPauseApplied = false;
 
     // Send
     QString m_sendText;

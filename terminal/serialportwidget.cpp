@@ -670,8 +670,10 @@ void SerialPortWidget::updateControlLineAvailability()
         availability = config.flowControl == QSerialPort::HardwareControl ? A::RtsByFlowControl : A::SerialPort;
         break;
     case ConnectionMode::RemoteSerialRfc2217:
-    case ConnectionMode::RemoteSerialRelay:
         availability = config.useRemoteSerialConfig ? A::RemoteOwnConfig : A::RemoteSerialPort;
+        break;
+    case ConnectionMode::RemoteSerialRelay:
+        availability = A::RelayedPort;
         break;
     default:
         break;
