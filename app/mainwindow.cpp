@@ -4,6 +4,7 @@
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/newconnectiondialog.h"
+#include "app/panerelays.h"
 #include "app/panetransfers.h"
 #include "common/appidentity.h"
 #include "cloud/sessionstatemapping.h"
@@ -53,6 +54,8 @@ MainWindow::MainWindow(QWidget *parent)
     , ui(new Ui::MainWindow)
 {
     ui->setupUi(this);
+    // Before the first pane: every pane gets its relay transport from here.
+    m_relays = new PaneRelays(ui->acCloudConsoleAllowRelay, this);
     // Panes keep their minimum size: many of them on a small screen scroll
     // instead of pushing the window past the screen.
     auto *areaLayout = new QVBoxLayout(ui->portArea);
@@ -143,6 +146,7 @@ SerialPortWidget *MainWindow::addPane()
 SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
 {
     auto *pane = new SerialPortWidget(m_nextPaneId++, m_paneHolder);
+    m_relays->adopt(pane);
     pane->applySettings(settings.settings.connection, settings.settings.options, settings.sendList);
     pane->setAutoReconnect(ui->acAutoReconnect->isChecked());
     pane->applyQuickSettings(m_lastUsed.quickSettings, m_quickView);

@@ -13,6 +13,7 @@ class AsciiCode;
 class CloudAccountMenu;
 struct SessionState;
 class ModbusBuilderDialog;
+class PaneRelays;
 class PaneTransfers;
 class QSettings;
 class QSplitter;
@@ -41,6 +42,7 @@ public:
     SerialPortWidget *currentPane() const;
     SerialPortWidget *addPane();
     PaneTransfers *transfers() const { return m_transfers; }
+    PaneRelays *relays() const { return m_relays; }
     CloudAccountMenu *cloudMenu() const { return m_cloudMenu; }
     // The settings that travel with the account, and taking them from the
     // cloud: the last-used record and the behaviour flags; panes whose
@@ -163,5 +165,6 @@ private:
     AsciiCode *m_asciiCode = nullptr;
     ModbusBuilderDialog *m_modbusBuilder = nullptr;
     PaneTransfers *m_transfers = nullptr;
+    PaneRelays *m_relays = nullptr;
     CloudAccountMenu *m_cloudMenu = nullptr;
 };

@@ -1,6 +1,7 @@
 #include "cloud/relaytargets.h"
 
 #include <QJsonArray>
+#include <QSettings>
 #include <QUrl>
 
 namespace RelayTargets {
@@ -90,6 +91,19 @@ QString displayInviteCode(const QString &code)
     if (code.size() != kInviteCodeLength)
         return code;
     return code.left(4) + QLatin1Char('-') + code.mid(4, 4) + QLatin1Char('-') + code.mid(8);
+}
+
+QString guestName()
+{
+    QString fallback = qEnvironmentVariable("USERNAME");
+    if (fallback.isEmpty())
+        fallback = qEnvironmentVariable("USER");
+    return QSettings().value(QStringLiteral("RelayGuestName"), fallback).toString();
+}
+
+void setGuestName(const QString &name)
+{
+    QSettings().setValue(QStringLiteral("RelayGuestName"), name);
 }
 
 } // namespace RelayTargets

@@ -42,4 +42,9 @@ inline constexpr int kInviteCodeLength = 12;
 QString inviteCode(const QString &text);
 QString displayInviteCode(const QString &code);
 
+// `RelayGuestName`: the name a host sees when this user joins; by default
+// the system's user name ("USERNAME", else "USER").
+QString guestName();
+void setGuestName(const QString &name);
+
 } // namespace RelayTargets

@@ -180,6 +180,8 @@ void SerialPortWidget::connectOptionWidgets()
             &SerialPortWidget::onSerialParamsEdited);
     connect(ui.connectionSettings, &ConnectionSettingsWidget::connectionEdited, this,
             &SerialPortWidget::onConnectionConfigChanged);
+    connect(ui.connectionSettings, &ConnectionSettingsWidget::relayTargetRequested, this,
+            &SerialPortWidget::relayTargetRequested);
 
     auto lineToggled = [this](bool dtr, bool on) {
         m_session->setControlLine(dtr, on);
@@ -576,6 +578,14 @@ void SerialPortWidget::onRefreshAvalablePorts()
         return;
     qCDebug(lcTerminal) << "Refill Ports Info.";
     ui.connectionSettings->setAvailablePorts(ports);
+}
+
+void SerialPortWidget::setRelayTarget(const ConnectionConfig &target)
+{
+    m_session->setConnectionConfig(target);
+    const bool wasLoading = std::exchange(m_loading, true);
+    ui.connectionSettings->setConfig(m_session->config());
+    m_loading = wasLoading;
 }
 
 void SerialPortWidget::onSerialParamsEdited()
