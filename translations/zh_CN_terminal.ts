@@ -189,6 +189,14 @@
         <source>The data log is being written again.</source>
         <translation>数据日志已恢复写入。</translation>
     </message>
+    <message>
+        <source>Live Relay carries only the data of the remote port: its control lines and Break stay with the computer that shares it.</source>
+        <translation>实时中继只传送远程端口的数据：其控制线和 Break 仍由共享它的计算机掌管。</translation>
+    </message>
+    <message>
+        <source>Waiting for the remote port %1 ...</source>
+        <translation>正在等待远程端口 %1 ...</translation>
+    </message>
 </context>
 <context>
     <name>ReceiveFindBar</name>
