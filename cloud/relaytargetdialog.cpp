@@ -85,6 +85,7 @@ RelayTargetDialog::RelayTargetDialog(NetworkServices *network, AccountSession *a
     });
     connect(m_buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
 
+    m_peekTimer->setObjectName(QStringLiteral("peekTimer"));
     m_peekTimer->setSingleShot(true);
     m_peekTimer->setInterval(kPeekDelayMs);
     connect(m_peekTimer, &QTimer::timeout, this, &RelayTargetDialog::peek);
