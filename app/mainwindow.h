@@ -11,6 +11,7 @@
 
 class AsciiCode;
 class CloudAccountMenu;
+class CloudConsoleMenu;
 struct SessionState;
 class ModbusBuilderDialog;
 class PaneRelays;
@@ -44,6 +45,7 @@ public:
     PaneTransfers *transfers() const { return m_transfers; }
     PaneRelays *relays() const { return m_relays; }
     CloudAccountMenu *cloudMenu() const { return m_cloudMenu; }
+    CloudConsoleMenu *consoleMenu() const { return m_consoleMenu; }
     // The settings that travel with the account, and taking them from the
     // cloud: the last-used record and the behaviour flags; panes whose
     // connection is closed take them at once, open ones keep theirs.
@@ -72,6 +74,10 @@ public:
     void setColumnNumber(int perRow);
     int columnNumber() const { return m_columnNumber; }
     void removePane(SerialPortWidget *pane);
+
+Q_SIGNALS:
+    // A pane was added or removed.
+    void panesChanged();
 
 protected:
     void closeEvent(QCloseEvent *event) override;
@@ -167,4 +173,5 @@ private:
     PaneTransfers *m_transfers = nullptr;
     PaneRelays *m_relays = nullptr;
     CloudAccountMenu *m_cloudMenu = nullptr;
+    CloudConsoleMenu *m_consoleMenu = nullptr;
 };
