@@ -245,7 +245,11 @@ void RelayTargetDialog::peek()
     m_peekedCode = code;
     m_peekLabel.clear();
     if (code.isEmpty()) {
-        const bool complete = m_codeEdit->text().trimmed().size() >= RelayTargets::kInviteCodeLength;
+        // Judged without the separators, so a code typed half way is not
+        // called wrong; a link is whole once pasted.
+        QString bare = m_codeEdit->text();
+        bare.remove(QLatin1Char(' ')).remove(QLatin1Char('-'));
+        const bool complete = bare.size() >= RelayTargets::kInviteCodeLength || bare.contains(QLatin1Char('/'));
         m_inviteStatus->setText(complete ? tr("That does not look like an invite code.") : QString());
         return;
     }
