@@ -130,6 +130,7 @@ MainWindow::MainWindow(QWidget *parent)
         },
         this);
     connect(this, &MainWindow::panesChanged, m_consoleMenu, &CloudConsoleMenu::portsChanged);
+    m_relays->attachConsole(m_consoleMenu->service());
     connect(m_transfers, &PaneTransfers::runningChanged, this, &MainWindow::updateTransferActions);
     m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
         for (QWidget *w = now; w; w = w->parentWidget()) {

@@ -1,7 +1,9 @@
 #include "app/panerelays.h"
 
 #include "cloud/accountsession.h"
+#include "cloud/cloudconsoleservice.h"
 #include "cloud/networkservices.h"
+#include "cloud/relaycommand.h"
 #include "cloud/relayconnector.h"
 #include "cloud/relaycontroller.h"
 #include "cloud/relaysockettransport.h"
@@ -45,9 +47,24 @@ QString PaneRelays::ownCid(qint32 userId)
     return settings.value(QStringLiteral("CloudConsoleCid")).toString();
 }
 
+void PaneRelays::attachConsole(CloudConsoleService *console)
+{
+    m_console = console;
+    RelayCommand::addTo(*console, [this] {
+        QList<PortSession *> sessions;
+        for (const QPointer<SerialPortWidget> &pane : std::as_const(m_panes)) {
+            if (pane)
+                sessions.append(pane->session());
+        }
+        return sessions;
+    }, &NetworkServices::baseUrl);
+}
+
 void PaneRelays::setAllowed(bool on)
 {
     QSettings().setValue(kAllowKey, on);
+    if (m_console)
+        m_console->consentChanged();  // the ports' "open_relay" capability
     if (on)
         return;
     for (const QPointer<SerialPortWidget> &pane : std::as_const(m_panes)) {

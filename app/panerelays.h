@@ -8,6 +8,7 @@
 #include "cloud/relaytargetdialog.h"
 
 class AccountSession;
+class CloudConsoleService;
 class NetworkServices;
 class QAction;
 class RelayTransport;
@@ -26,6 +27,9 @@ class PaneRelays : public QObject
 public:
     PaneRelays(QAction *allowRelay, QWidget *window);
 
+    // The Live Console whose "open_relay" commands start the relays this
+    // computer hosts, and whose snapshots say whether it allows them.
+    void attachConsole(CloudConsoleService *console);
     void adopt(SerialPortWidget *pane);
     void chooseTarget(SerialPortWidget *pane);
     RelayTargetDialog *dialog() const { return m_dialog; }
@@ -42,6 +46,7 @@ private:
     QWidget *m_window;
     NetworkServices *m_network;
     AccountSession *m_account;
+    QPointer<CloudConsoleService> m_console;
     QList<QPointer<SerialPortWidget>> m_panes;
     // Chosen in this run (a remembered target reads differently when it is
     // gone), and an invite's passcode, never saved: by pane id.

@@ -43,7 +43,7 @@ RelayController::Opening RelayController::open(const Request &request, PortSessi
     if (request.relayId.isEmpty() || request.ticket.isEmpty())
         return {nullptr, QStringLiteral("invalid_payload"), QStringLiteral("open_relay needs a relay_id and a ticket")};
     if (!session)
-        return {nullptr, QStringLiteral("port_not_found"), QStringLiteral("no port has the key %1").arg(request.portKey)};
+        return {nullptr, QStringLiteral("port_not_found"), QStringLiteral("no such port: %1").arg(request.portKey)};
     if (of(session))
         return {nullptr, QStringLiteral("relay_busy"), QStringLiteral("this port already has a relay")};
     // Only a port that is open is shared; a relay never opens one.
