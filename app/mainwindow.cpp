@@ -5,6 +5,7 @@
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/newconnectiondialog.h"
+#include "app/panerelays.h"
 #include "app/panetransfers.h"
 #include "common/appidentity.h"
 #include "cloud/sessionstatemapping.h"
@@ -63,6 +64,8 @@ MainWindow::MainWindow(QWidget *parent)
 {
     ui->setupUi(this);
     m_bridges = new BridgeManager(this);
+    // Before the first pane: every pane gets its relay transport from here.
+    m_relays = new PaneRelays(ui->acCloudConsoleAllowRelay, this);
     // Panes keep their minimum size: many of them on a small screen scroll
     // instead of pushing the window past the screen.
     auto *areaLayout = new QVBoxLayout(ui->portArea);
@@ -141,6 +144,7 @@ MainWindow::MainWindow(QWidget *parent)
         },
         this);
     connect(this, &MainWindow::panesChanged, m_consoleMenu, &CloudConsoleMenu::portsChanged);
+    m_relays->attachConsole(m_consoleMenu->service());
     connect(m_transfers, &PaneTransfers::runningChanged, this, &MainWindow::updateTransferActions);
     m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
         for (QWidget *w = now; w; w = w->parentWidget()) {
@@ -168,6 +172,7 @@ SerialPortWidget *MainWindow::addPane()
 SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
 {
     auto *pane = new SerialPortWidget(m_nextPaneId++, m_paneHolder);
+    m_relays->adopt(pane);
     pane->applySettings(settings.settings.connection, settings.settings.options, settings.sendList);
     pane->setAutoReconnect(ui->acAutoReconnect->isChecked());
     pane->applyQuickSettings(m_lastUsed.quickSettings, m_quickView);

@@ -16,6 +16,7 @@ class CloudAccountMenu;
 class CloudConsoleMenu;
 struct SessionState;
 class ModbusBuilderDialog;
+class PaneRelays;
 class PaneTransfers;
 class QSettings;
 class QSplitter;
@@ -45,6 +46,7 @@ public:
     SerialPortWidget *addPane();
     PaneTransfers *transfers() const { return m_transfers; }
     BridgeManager *bridges() const { return m_bridges; }
+    PaneRelays *relays() const { return m_relays; }
     CloudAccountMenu *cloudMenu() const { return m_cloudMenu; }
     CloudConsoleMenu *consoleMenu() const { return m_consoleMenu; }
     // The settings that travel with the account, and taking them from the
@@ -185,6 +187,7 @@ private:
     BridgeManager *m_bridges = nullptr;
     BridgesDialog *m_bridgesDialog = nullptr;
     PaneTransfers *m_transfers = nullptr;
+    PaneRelays *m_relays = nullptr;
     CloudAccountMenu *m_cloudMenu = nullptr;
     CloudConsoleMenu *m_consoleMenu = nullptr;
 };

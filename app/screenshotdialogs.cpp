@@ -9,6 +9,7 @@
 #include "cloud/accountsession.h"
 #include "cloud/myaccountdialog.h"
 #include "cloud/networkservices.h"
+#include "cloud/relaytargetdialog.h"
 #include "cloud/syncsettingsdialog.h"
 #include "app/setconfigfilepathdialog.h"
 #include "settings/portsettingsdialog.h"
@@ -92,6 +93,9 @@ ScreenshotDialogs ScreenshotDialogs::standard()
     });
     table.add(QStringLiteral("my-account"), [](QWidget *parent) -> QWidget * {
         return new MyAccountDialog(NetworkServices::instance(), AccountSession::instance(), parent);
+    });
+    table.add(QStringLiteral("relay-target"), [](QWidget *parent) -> QWidget * {
+        return new RelayTargetDialog(NetworkServices::instance(), AccountSession::instance(), QString(), parent);
     });
     table.add(QStringLiteral("sync-settings"), [](QWidget *parent) -> QWidget * { return new SyncSettingsDialog(parent); });
     return table;

@@ -89,6 +89,9 @@ Q_SIGNALS:
     void watchingChanged(bool watching);
     // A command ran (once, however often it was delivered).
     void commandRun(const QString &commandId, const QString &command, const QJsonObject &result);
+    // A relay this computer hosts has its other end now, and has ended.
+    void relayEngaged(const QString &portKey, const QString &guestName);
+    void relayEnded(const QString &portKey);
 
 private:
     enum class Channel { Http, Socket };

@@ -235,14 +235,14 @@ void NetworkServices::openRelaySession(const QString &accessToken, const QString
 }
 
 void NetworkServices::joinByInvite(const QString &accessToken, const QString &code, const QString &passcode,
-                                   const QString &guestName)
+                                   const QString &guestName, const QString &tag)
 {
     QJsonObject body{{QStringLiteral("code"), code}};
     if (!passcode.isEmpty())
         body.insert(QStringLiteral("passcode"), passcode);
     if (!guestName.isEmpty())
         body.insert(QStringLiteral("guest_name"), guestName);
-    post(kPrefix + QStringLiteral("/relay/join"), body, QStringLiteral("relay"), accessToken);
+    post(kPrefix + QStringLiteral("/relay/join"), body, tag.isEmpty() ? QStringLiteral("relay") : tag, accessToken);
 }
 
 void NetworkServices::createShare(const QString &accessToken, const QJsonObject &body)

@@ -59,7 +59,7 @@ public:
     void openRelaySession(const QString &accessToken, const QString &cid, const QString &sessionId,
                           const QString &portKey, const QString &tag = {});
     void joinByInvite(const QString &accessToken, const QString &code, const QString &passcode,
-                      const QString &guestName);
+                      const QString &guestName, const QString &tag = {});
     void createShare(const QString &accessToken, const QJsonObject &body);
     void requestRegistrationCode(const QString &accessToken, const QString &email);
     void registerAccount(const QString &accessToken, const QString &email, const QString &username,

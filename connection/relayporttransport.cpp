@@ -25,6 +25,7 @@ bool RelayPortTransport::attach(RelayTransport *relay)
     m_relay = relay;
     relay->setParent(this);
     m_buffer.clear();
+    relay->setReadPaused(isReadPaused());
     connect(relay, &RelayTransport::connected, this, &RelayPortTransport::connected);
     connect(relay, &RelayTransport::dataReceived, this, [this](const QByteArray &data) {
         m_buffer.append(data);
@@ -75,6 +76,12 @@ bool RelayPortTransport::send(const QByteArray &data, const SendTarget &target)
 {
     Q_UNUSED(target);
     return write(data);
+}
+
+void RelayPortTransport::applyReadPaused(bool paused)
+{
+    if (m_relay)
+        m_relay->setReadPaused(paused);
 }
 
 qint64 RelayPortTransport::bytesToWrite() const

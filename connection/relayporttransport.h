@@ -34,6 +34,8 @@ Q_SIGNALS:
 
 protected:
     bool hasWaitingData() const override { return !m_buffer.isEmpty(); }
+    // The relay stops reading, so what waits here stays small.
+    void applyReadPaused(bool paused) override;
 
 private:
     // Guarded: the relay is ours, but a cloud object might still delete it.

@@ -24,6 +24,9 @@ public:
     // Ends the session from this side. Emits nothing: the caller already
     // knows it is closing.
     virtual void close() = 0;
+    // While paused the relay stops taking bytes from the far end, which is
+    // then held back, instead of delivering them faster than they are read.
+    virtual void setReadPaused(bool paused) { Q_UNUSED(paused); }
 
 Q_SIGNALS:
     void connected();

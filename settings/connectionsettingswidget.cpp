@@ -7,9 +7,11 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFormLayout>
+#include <QHBoxLayout>
 #include <QIntValidator>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPushButton>
 #include <QSignalBlocker>
 #include <QSpinBox>
 
@@ -129,16 +131,19 @@ void ConnectionSettingsWidget::buildForm()
     m_useRemoteConfig->setObjectName(QStringLiteral("useRemoteConfigBox"));
     m_form->addRow(QString(), m_useRemoteConfig);
 
-    m_relayCid = new QLineEdit(this);
-    m_relayCid->setObjectName(QStringLiteral("relayCidEdit"));
-    m_form->addRow(tr("Computer"), m_relayCid);
-    m_relayPortName = new QLineEdit(this);
-    m_relayPortName->setObjectName(QStringLiteral("relayPortNameEdit"));
-    m_form->addRow(tr("Shared port"), m_relayPortName);
-    m_relayPortKey = new QLineEdit(this);
-    m_relayPortKey->setObjectName(QStringLiteral("relayPortKeyEdit"));
-    m_relayPortKey->setEchoMode(QLineEdit::PasswordEchoOnEdit);
-    m_form->addRow(tr("Share key"), m_relayPortKey);
+    // The remote port is picked in the target dialog, never typed.
+    m_relayRow = new QWidget(this);
+    auto *relayLayout = new QHBoxLayout(m_relayRow);
+    relayLayout->setContentsMargins(0, 0, 0, 0);
+    m_relayTarget = new QLabel(m_relayRow);
+    m_relayTarget->setObjectName(QStringLiteral("relayTargetLabel"));
+    m_relayTarget->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    relayLayout->addWidget(m_relayTarget, 1);
+    auto *choose = new QPushButton(tr("Choose…"), m_relayRow);
+    choose->setObjectName(QStringLiteral("relayChooseButton"));
+    relayLayout->addWidget(choose);
+    connect(choose, &QPushButton::clicked, this, &ConnectionSettingsWidget::relayTargetRequested);
+    m_form->addRow(tr("Remote port"), m_relayRow);
 
     connect(m_portBox, &QComboBox::currentIndexChanged, this, [this] {
         updateVisibility();
@@ -159,8 +164,6 @@ void ConnectionSettingsWidget::buildForm()
     connect(m_udpLocalPort, &QSpinBox::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
     connect(m_udpRemotePort, &QSpinBox::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
     connect(m_useRemoteConfig, &QCheckBox::toggled, this, &ConnectionSettingsWidget::announceConnectionEdit);
-    for (QLineEdit *edit : {m_relayCid, m_relayPortName, m_relayPortKey})
-        connect(edit, &QLineEdit::editingFinished, this, &ConnectionSettingsWidget::announceConnectionEdit);
 
     connect(m_baudBox, &QComboBox::activated, this, &ConnectionSettingsWidget::onBaudChosen);
     for (QComboBox *box : {m_dataBitsBox, m_parityBox, m_stopBitsBox, m_flowBox})
@@ -305,8 +308,7 @@ void ConnectionSettingsWidget::updateVisibility()
     for (const auto &[w, id] : serialRows)
         setRowVisible(w, serialParams && !m_quickHidden.contains(QLatin1String(id)));
     setRowVisible(m_useRemoteConfig, remote);
-    for (QWidget *w : {m_relayCid, m_relayPortName, m_relayPortKey})
-        setRowVisible(w, kind == PortKind::Relay);
+    setRowVisible(m_relayRow, kind == PortKind::Relay);
 }
 
 void ConnectionSettingsWidget::setConfig(const ConnectionConfig &config)
@@ -363,9 +365,12 @@ void ConnectionSettingsWidget::setConfig(const ConnectionConfig &config)
         const QSignalBlocker blocker(m_useRemoteConfig);
         m_useRemoteConfig->setChecked(config.useRemoteSerialConfig);
     }
-    m_relayCid->setText(config.relayCid);
-    m_relayPortName->setText(config.relayPortName);
-    m_relayPortKey->setText(config.relayPortKey);
+    if (!config.relayShareLabel.isEmpty())
+        m_relayTarget->setText(config.relayShareLabel);
+    else if (!config.relayPortName.isEmpty())
+        m_relayTarget->setText(config.relayPortName);
+    else
+        m_relayTarget->setText(tr("None chosen yet"));
     updateVisibility();
     m_loading = false;
 }
@@ -399,9 +404,6 @@ ConnectionConfig ConnectionSettingsWidget::config() const
     c.stopBits = QSerialPort::StopBits(m_stopBitsBox->currentData().toInt());
     c.flowControl = QSerialPort::FlowControl(m_flowBox->currentData().toInt());
     c.useRemoteSerialConfig = m_useRemoteConfig->isChecked();
-    c.relayCid = m_relayCid->text().trimmed();
-    c.relayPortName = m_relayPortName->text().trimmed();
-    c.relayPortKey = m_relayPortKey->text();
     return c;
 }
 

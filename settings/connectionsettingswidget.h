@@ -57,6 +57,8 @@ Q_SIGNALS:
     // The user changed only baud rate, data bits, parity, stop bits or flow
     // control: an open serial port can take them in place.
     void serialParametersEdited();
+    // The user wants to pick the remote port of a Live Relay connection.
+    void relayTargetRequested();
 
 private:
     enum class PortKind { Serial, Network, Rfc2217, Relay };
@@ -85,9 +87,8 @@ private:
     QComboBox *m_stopBitsBox = nullptr;
     QComboBox *m_flowBox = nullptr;
     QCheckBox *m_useRemoteConfig = nullptr;
-    QLineEdit *m_relayCid = nullptr;
-    QLineEdit *m_relayPortName = nullptr;
-    QLineEdit *m_relayPortKey = nullptr;
+    QWidget *m_relayRow = nullptr;
+    QLabel *m_relayTarget = nullptr;
     // Fields the form does not show but must hand back unchanged.
     ConnectionConfig m_hidden;
     QStringList m_quickHidden;

@@ -1,6 +1,7 @@
 #include "terminal/controllinelights.h"
 
 #include "terminal/ledindicator.h"
+#include "terminal/portsession.h"
 
 #include <QHBoxLayout>
 #include <QLabel>
@@ -135,6 +136,10 @@ void ControlLineLights::refreshTips()
     case Availability::RemoteOwnConfig:
         dtr = rts = brk = false;
         dtrTip = rtsTip = breakTip = tr("The remote port is left under its own configuration. Clear \"Keep the remote port's own config\" to drive RTS, DTR and Break from here.");
+        break;
+    case Availability::RelayedPort:
+        dtr = rts = brk = false;
+        dtrTip = rtsTip = breakTip = PortSession::relayControlLineText();
         break;
     }
     if (m_locked) {

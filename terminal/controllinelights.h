@@ -21,6 +21,7 @@ public:
         NoSerialPort,      // a network connection has no control lines
         RemoteOwnConfig,   // a remote port left under its own configuration
         RemoteSerialPort,  // a remote port driven from here
+        RelayedPort,       // a remote port through the Live Relay: data only
     };
 
     explicit ControlLineLights(QWidget *parent = nullptr);

@@ -192,10 +192,26 @@ Result PortSession::setSerialParameters(const ConnectionConfig &edited)
     return Result::success();
 }
 
+QString PortSession::relayControlLineText()
+{
+    return tr("Live Relay carries only the data of the remote port: its control lines and Break stay with the "
+              "computer that shares it.");
+}
+
+QString PortSession::controlLineRefusal() const
+{
+    return m_config.mode == ConnectionMode::RemoteSerialRelay ? relayControlLineText() : QString();
+}
+
 void PortSession::setControlLine(bool dtr, bool on)
 {
     if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the control lines would interrupt it.")))
         return;
+    if (const QString refusal = controlLineRefusal(); !refusal.isEmpty()) {
+        // Never the local serial port: it has nothing to do with this pane.
+        emit statusMessage(refusal, 3000);
+        return;
+    }
     (dtr ? m_config.dtrOn : m_config.rtsOn) = on;
     const auto line = dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts;
     if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
@@ -209,6 +225,11 @@ bool PortSession::sendBreak(bool on)
 {
     if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
         return sendRemoteBreak(on);
+    if (const QString refusal = controlLineRefusal(); !refusal.isEmpty()) {
+        if (on)
+            emit statusMessage(refusal, 3000);
+        return false;
+    }
     if (!on) {
         return !m_controller->breakLevel()
             || m_controller->setControlLine(ConnectionController::ControlLine::Break, false);
@@ -317,6 +338,7 @@ void PortSession::connectController()
     });
     connect(c, &ConnectionController::serverConnectionsChanged, this, &PortSession::targetsChanged);
     connect(c, &ConnectionController::udpPeersChanged, this, &PortSession::targetsChanged);
+    connect(c, &ConnectionController::cloudRelayEnded, this, &PortSession::onRelayEnded);
     connect(c, &ConnectionController::remoteNotice, this, &PortSession::onRemoteNotice);
     connect(c, &ConnectionController::remoteSetting, this, &PortSession::onRemoteSetting);
     connect(c, &ConnectionController::remoteLineState, this, &PortSession::onRemoteLineState);
@@ -337,8 +359,21 @@ void PortSession::onControllerError(const QString &message)
     }
 }
 
+void PortSession::onRelayEnded(const QString &reason)
+{
+    // A relay does not come back by itself: its end is the connection's
+    // error and the session closes.
+    reportFailure(reason);
+    if (m_open && !m_userClosing)
+        changeConnState(false);
+}
+
 void PortSession::onPeerArrived(const QString &peer)
 {
+    if (peer.isEmpty() && m_config.mode == ConnectionMode::RemoteSerialRelay) {
+        emit failureCleared();
+        emit stateChanged();
+    }
     if (peer.isEmpty() && isStreamMode(m_config.mode)) {
         m_wasConnected = true;
         emit failureCleared();
@@ -564,6 +599,10 @@ QString PortSession::statusLine() const
     if (!isConnectionOpen() && isStreamMode(m_config.mode)) {
         return QStringLiteral("<font color = #b9770e> %1 </font>")
             .arg(tr("Connecting to %1:%2 ...").arg(m_config.targetHost).arg(m_config.targetPort).toHtmlEscaped());
+    }
+    if (!isConnectionOpen() && m_config.mode == ConnectionMode::RemoteSerialRelay) {
+        return QStringLiteral("<font color = #b9770e> %1 </font>")
+            .arg(tr("Waiting for the remote port %1 ...").arg(endpointText()).toHtmlEscaped());
     }
     if (m_config.mode == ConnectionMode::Serial) {
         return QStringLiteral("<font color = green> %1 OPENED, %2, %3, %4, %5, %6 </font>")

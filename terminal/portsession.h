@@ -100,6 +100,10 @@ public:
     // The rich status line: opened, connecting, waiting or closed.
     QString statusLine() const;
     bool sendBreak(bool on);
+    // Why the pane's control lines and Break do nothing in this mode; empty
+    // where they act on a port.
+    QString controlLineRefusal() const;
+    static QString relayControlLineText();
     // Remote serial port: the last line-state and modem-state bytes the
     // remote reported (Rfc2217ClientSession's bits); 0 before any.
     quint8 remoteLineState() const { return m_remoteLineState; }
@@ -126,8 +130,8 @@ public:
     ViewState viewState() const { return m_viewState; }
     // Pausing keeps the newest received bytes aside; resuming queues them.
     void setPaused(bool paused);
-    // Another consumer of the received bytes (a bridge) that cannot keep
-    // up holds reading, beside the view's own throttle: the transport stays
+    // Another consumer of the received bytes (a bridge, a relay) that
+    // cannot keep up holds reading, beside the view's own throttle: the transport stays
     // paused while any holder or the view wants it.
     void setReadHold(const QObject *holder, bool held);
 
@@ -243,6 +247,7 @@ private:
     void startReconnecting();
     void onControllerError(const QString &message);
     void onPeerArrived(const QString &peer);
+    void onRelayEnded(const QString &reason);
     void applyReadThrottle();
     // Pauses or resumes the transport when the view's throttle or a hold changed.
     void updateReadPause();

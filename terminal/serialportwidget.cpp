@@ -179,6 +179,8 @@ void SerialPortWidget::connectOptionWidgets()
             &SerialPortWidget::onSerialParamsEdited);
     connect(ui.connectionSettings, &ConnectionSettingsWidget::connectionEdited, this,
             &SerialPortWidget::onConnectionConfigChanged);
+    connect(ui.connectionSettings, &ConnectionSettingsWidget::relayTargetRequested, this,
+            &SerialPortWidget::relayTargetRequested);
 
     auto lineToggled = [this](bool dtr, bool on) {
         m_session->setControlLine(dtr, on);
@@ -585,6 +587,14 @@ void SerialPortWidget::onRefreshAvalablePorts()
     ui.connectionSettings->setAvailablePorts(ports);
 }
 
+void SerialPortWidget::setRelayTarget(const ConnectionConfig &target)
+{
+    m_session->setConnectionConfig(target);
+    const bool wasLoading = std::exchange(m_loading, true);
+    ui.connectionSettings->setConfig(m_session->config());
+    m_loading = wasLoading;
+}
+
 void SerialPortWidget::onSerialParamsEdited()
 {
     m_loading = true;
@@ -677,8 +687,10 @@ void SerialPortWidget::updateControlLineAvailability()
         availability = config.flowControl == QSerialPort::HardwareControl ? A::RtsByFlowControl : A::SerialPort;
         break;
     case ConnectionMode::RemoteSerialRfc2217:
-    case ConnectionMode::RemoteSerialRelay:
         availability = config.useRemoteSerialConfig ? A::RemoteOwnConfig : A::RemoteSerialPort;
+        break;
+    case ConnectionMode::RemoteSerialRelay:
+        availability = A::RelayedPort;
         break;
     default:
         break;

@@ -87,6 +87,10 @@ public:
     void addStrip(QWidget *strip);
 
     bool isLogging() const { return m_session->isLogging(); }
+
+    // The remote port of a Live Relay connection, as chosen in the target
+    // dialog: it becomes the pane's record (reopened if it was open).
+    void setRelayTarget(const ConnectionConfig &target);
     QString currentLogFile() const { return m_session->currentLogFile(); }
 
 public Q_SLOTS:
@@ -131,6 +135,8 @@ Q_SIGNALS:
     void rxTapped(const QByteArray &data);
     // For the main window's status bar.
     void statusMessage(const QString &message, int timeoutMs);
+    // The user wants to pick the remote port of this Live Relay pane.
+    void relayTargetRequested();
 
 private Q_SLOTS:
     void on_closeButton_clicked();

@@ -201,6 +201,17 @@ Close anyway?</source>
     </message>
 </context>
 <context>
+    <name>PaneRelays</name>
+    <message>
+        <source>Live Relay was switched off on this computer.</source>
+        <translation>本机已关闭实时中继。</translation>
+    </message>
+    <message>
+        <source>Sign in to use a port of your own devices.</source>
+        <translation>登录后才能使用您自己设备上的端口。</translation>
+    </message>
+</context>
+<context>
     <name>PaneTransfers</name>
     <message>
         <source>YMODEM-G does not retransmit, so it needs hardware flow control (RTS/CTS). This connection has none.</source>

@@ -224,6 +224,254 @@
     </message>
 </context>
 <context>
+    <name>RelayConnector</name>
+    <message>
+        <source>That does not look like an invite code.</source>
+        <translation>这看起来不是邀请码。</translation>
+    </message>
+    <message>
+        <source>The relay could not be opened.</source>
+        <translation>无法打开中继。</translation>
+    </message>
+    <message>
+        <source>That computer is no longer bound to this account.</source>
+        <translation>该计算机已不再绑定到此账户。</translation>
+    </message>
+    <message>
+        <source>%1 is offline.</source>
+        <translation>%1 当前离线。</translation>
+    </message>
+    <message>
+        <source>%1 no longer shares a port called &quot;%2&quot;. Choose it again.</source>
+        <translation>%1 已不再共享名为“%2”的端口。请重新选择。</translation>
+    </message>
+    <message>
+        <source>The server did not return a relay ticket.</source>
+        <translation>服务器没有返回中继票据。</translation>
+    </message>
+    <message>
+        <source>The port this project used (%1) is not available right now.</source>
+        <translation>此项目使用的端口（%1）目前不可用。</translation>
+    </message>
+</context>
+<context>
+    <name>RelayController</name>
+    <message>
+        <source>the shared port was closed</source>
+        <translation>共享的端口已关闭</translation>
+    </message>
+    <message>
+        <source>another computer</source>
+        <translation>另一台计算机</translation>
+    </message>
+    <message>
+        <source>Live Relay: %1 now uses this port.</source>
+        <translation>实时中继：%1 正在使用此端口。</translation>
+    </message>
+    <message>
+        <source>the shared port did not take the data</source>
+        <translation>共享的端口未能接收数据</translation>
+    </message>
+    <message>
+        <source>The relay could not keep up with the port: %L1 bytes from the port were dropped.</source>
+        <translation>中继跟不上端口的速度：端口发来的 %L1 字节已被丢弃。</translation>
+    </message>
+    <message>
+        <source>Live Relay ended: %1</source>
+        <translation>实时中继已结束：%1</translation>
+    </message>
+</context>
+<context>
+    <name>RelaySocket</name>
+    <message>
+        <source>The remote computer does not allow Live Relay on that port.</source>
+        <translation>远程计算机不允许在该端口上使用实时中继。</translation>
+    </message>
+    <message>
+        <source>The remote port already has a relay session.</source>
+        <translation>远程端口已有一个中继会话。</translation>
+    </message>
+    <message>
+        <source>The remote computer&apos;s ports changed. Choose the port again.</source>
+        <translation>远程计算机的端口已变化。请重新选择端口。</translation>
+    </message>
+    <message>
+        <source>The remote computer declined the relay (%1).</source>
+        <translation>远程计算机拒绝了中继（%1）。</translation>
+    </message>
+    <message>
+        <source>The remote computer declined the relay.</source>
+        <translation>远程计算机拒绝了中继。</translation>
+    </message>
+    <message>
+        <source>The relay is rate limited to %1 bytes per second.</source>
+        <translation>中继速率被限制为每秒 %1 字节。</translation>
+    </message>
+    <message>
+        <source>The remote end disconnected.</source>
+        <translation>远端已断开连接。</translation>
+    </message>
+    <message>
+        <source>The monthly cloud traffic quota is exhausted.</source>
+        <translation>本月云流量配额已用完。</translation>
+    </message>
+    <message>
+        <source>The server closed the relay.</source>
+        <translation>服务器关闭了中继。</translation>
+    </message>
+    <message>
+        <source>Missing relay address or ticket.</source>
+        <translation>缺少中继地址或票据。</translation>
+    </message>
+    <message>
+        <source>%1 is not a server address</source>
+        <translation>%1 不是服务器地址</translation>
+    </message>
+    <message>
+        <source>The relay connection was closed (code %1).</source>
+        <translation>中继连接已关闭（代码 %1）。</translation>
+    </message>
+    <message>
+        <source>The remote computer did not join the relay. Check that it is online and that Live Relay is allowed on that port.</source>
+        <translation>远程计算机没有加入中继。请检查它是否在线，以及该端口是否允许实时中继。</translation>
+    </message>
+    <message>
+        <source>The relay gateway could not be reached.</source>
+        <translation>无法连接到中继网关。</translation>
+    </message>
+    <message>
+        <source>The relay gateway could not be reached: %1</source>
+        <translation>无法连接到中继网关：%1</translation>
+    </message>
+</context>
+<context>
+    <name>RelayTargetDialog</name>
+    <message>
+        <source>Select a Remote Serial Port</source>
+        <translation>选择远程串口</translation>
+    </message>
+    <message>
+        <source>Join with an invite code</source>
+        <translation>使用邀请码加入</translation>
+    </message>
+    <message>
+        <source>XXXX-XXXX-XXXX or the invite link</source>
+        <translation>XXXX-XXXX-XXXX 或邀请链接</translation>
+    </message>
+    <message>
+        <source>Invite code</source>
+        <translation>邀请码</translation>
+    </message>
+    <message>
+        <source>The name the host will see</source>
+        <translation>主机端看到的名字</translation>
+    </message>
+    <message>
+        <source>Your name</source>
+        <translation>您的名字</translation>
+    </message>
+    <message>
+        <source>Passcode</source>
+        <translation>访问密码</translation>
+    </message>
+    <message>
+        <source>Or choose one of your own devices</source>
+        <translation>或者选择您自己的一台设备</translation>
+    </message>
+    <message>
+        <source>Device / Port</source>
+        <translation>设备 / 端口</translation>
+    </message>
+    <message>
+        <source>Status</source>
+        <translation>状态</translation>
+    </message>
+    <message>
+        <source>Refresh</source>
+        <translation>刷新</translation>
+    </message>
+    <message>
+        <source>Waiting for the device to report its ports…</source>
+        <translation>正在等待设备报告其端口…</translation>
+    </message>
+    <message>
+        <source>Looking for your devices…</source>
+        <translation>正在查找您的设备…</translation>
+    </message>
+    <message>
+        <source>Sign in to see your own devices.</source>
+        <translation>登录后可查看您自己的设备。</translation>
+    </message>
+    <message>
+        <source>Asking for the port list…</source>
+        <translation>正在请求端口列表…</translation>
+    </message>
+    <message>
+        <source>The relay could not be opened.</source>
+        <translation>无法打开中继。</translation>
+    </message>
+    <message>
+        <source>No devices are bound to this account yet.</source>
+        <translation>此账户尚未绑定任何设备。</translation>
+    </message>
+    <message>
+        <source>Online</source>
+        <translation>在线</translation>
+    </message>
+    <message>
+        <source>Offline</source>
+        <translation>离线</translation>
+    </message>
+    <message>
+        <source>No ports reported yet</source>
+        <translation>尚未报告端口</translation>
+    </message>
+    <message>
+        <source>Relay not allowed there</source>
+        <translation>该端口不允许中继</translation>
+    </message>
+    <message>
+        <source>Open</source>
+        <translation>已打开</translation>
+    </message>
+    <message>
+        <source>Closed</source>
+        <translation>已关闭</translation>
+    </message>
+    <message>
+        <source>The device has not reported its ports. Press Refresh to ask again.</source>
+        <translation>设备尚未报告其端口。请按“刷新”再次请求。</translation>
+    </message>
+    <message>
+        <source>That does not look like an invite code.</source>
+        <translation>这看起来不是邀请码。</translation>
+    </message>
+    <message>
+        <source>Checking the code…</source>
+        <translation>正在检查邀请码…</translation>
+    </message>
+    <message>
+        <source>Too many tries. Wait a minute.</source>
+        <translation>尝试次数过多。请稍等一分钟。</translation>
+    </message>
+    <message>
+        <source>That code is not valid or has expired.</source>
+        <translation>该邀请码无效或已过期。</translation>
+    </message>
+    <message>
+        <source>%1 — the host is offline right now.</source>
+        <translation>%1 — 主机当前离线。</translation>
+    </message>
+    <message>
+        <source>%1 — someone is already connected to that port.</source>
+        <translation>%1 — 已有人连接到该端口。</translation>
+    </message>
+    <message>
+        <source>%1 — ready.</source>
+        <translation>%1 — 就绪。</translation>
+    </message>
+</context>
+<context>
     <name>SessionSyncCoordinator</name>
     <message>
         <source>Settings synced</source>
@@ -287,6 +535,41 @@
     <message>
         <source>Auto sync interval</source>
         <translation>自动同步间隔</translation>
+    </message>
+</context>
+<context>
+    <name>WebSocketCodec</name>
+    <message>
+        <source>the WebSocket handshake is too long</source>
+        <translation>WebSocket 握手过长</translation>
+    </message>
+    <message>
+        <source>the server did not answer with HTTP</source>
+        <translation>服务器没有以 HTTP 应答</translation>
+    </message>
+    <message>
+        <source>the server answered %1 instead of opening a WebSocket</source>
+        <translation>服务器应答了 %1，而没有打开 WebSocket</translation>
+    </message>
+    <message>
+        <source>the server&apos;s WebSocket handshake is not valid</source>
+        <translation>服务器的 WebSocket 握手无效</translation>
+    </message>
+    <message>
+        <source>the request is not a WebSocket handshake</source>
+        <translation>该请求不是 WebSocket 握手</translation>
+    </message>
+    <message>
+        <source>a malformed WebSocket frame arrived</source>
+        <translation>收到了格式错误的 WebSocket 帧</translation>
+    </message>
+    <message>
+        <source>a message larger than %L1 bytes arrived</source>
+        <translation>收到了大于 %L1 字节的消息</translation>
+    </message>
+    <message>
+        <source>a text message that is not UTF-8 arrived</source>
+        <translation>收到了不是 UTF-8 的文本消息</translation>
     </message>
 </context>
 </TS>

@@ -280,6 +280,14 @@
         <translation>退出登录</translation>
     </message>
     <message>
+        <source>Live Relay</source>
+        <translation>实时中继</translation>
+    </message>
+    <message>
+        <source>Allow Live Relay: another computer of your account, or a guest you invite, may use this computer&apos;s open ports as its own</source>
+        <translation>允许实时中继：您账户下的另一台计算机或您邀请的访客，可以像使用自己的端口一样使用本机已打开的端口</translation>
+    </message>
+    <message>
         <source>Live Console</source>
         <translation>实时控制台</translation>
     </message>

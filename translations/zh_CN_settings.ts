@@ -108,18 +108,6 @@
         <translation>保留远程端口自身的配置</translation>
     </message>
     <message>
-        <source>Computer</source>
-        <translation>计算机</translation>
-    </message>
-    <message>
-        <source>Shared port</source>
-        <translation>共享端口</translation>
-    </message>
-    <message>
-        <source>Share key</source>
-        <translation>共享密钥</translation>
-    </message>
-    <message>
         <source>TCP/UDP</source>
         <translation>网络 (TCP/UDP)</translation>
     </message>
@@ -146,6 +134,14 @@
     <message>
         <source>LocalHostIPv6</source>
         <translation>仅本机 (IPv6)</translation>
+    </message>
+    <message>
+        <source>Choose…</source>
+        <translation>选择…</translation>
+    </message>
+    <message>
+        <source>None chosen yet</source>
+        <translation>尚未选择</translation>
     </message>
 </context>
 <context>

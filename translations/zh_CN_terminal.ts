@@ -193,6 +193,14 @@
         <source>This port is part of a bridge link. Remove the link before transferring a file.</source>
         <translation>此端口属于一个桥接链路。请先移除该链路再传输文件。</translation>
     </message>
+    <message>
+        <source>Live Relay carries only the data of the remote port: its control lines and Break stay with the computer that shares it.</source>
+        <translation>实时中继只传送远程端口的数据：其控制线和 Break 仍由共享它的计算机掌管。</translation>
+    </message>
+    <message>
+        <source>Waiting for the remote port %1 ...</source>
+        <translation>正在等待远程端口 %1 ...</translation>
+    </message>
 </context>
 <context>
     <name>ReceiveFindBar</name>
