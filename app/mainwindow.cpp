@@ -2,6 +2,7 @@
 
 #include "app/cloudaccountmenu.h"
 #include "app/cloudconsolemenu.h"
+#include "app/cloudsharemenu.h"
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/newconnectiondialog.h"
@@ -145,6 +146,8 @@ MainWindow::MainWindow(QWidget *parent)
         this);
     connect(this, &MainWindow::panesChanged, m_consoleMenu, &CloudConsoleMenu::portsChanged);
     m_relays->attachConsole(m_consoleMenu->service());
+    new CloudShareMenu({ui->acCloudShareGuest, ui->acCloudManageShares, ui->acCloudConsole},
+                       m_consoleMenu->service(), statusBar(), this);
     connect(m_transfers, &PaneTransfers::runningChanged, this, &MainWindow::updateTransferActions);
     m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
         for (QWidget *w = now; w; w = w->parentWidget()) {

@@ -7,6 +7,9 @@
 #include "bridge/bridgesdialog.h"
 #include "cloud/accountdialog.h"
 #include "cloud/accountsession.h"
+#include "cloud/guestsharedialog.h"
+#include "cloud/guestsharekeeper.h"
+#include "cloud/manageguestsharesdialog.h"
 #include "cloud/myaccountdialog.h"
 #include "cloud/networkservices.h"
 #include "cloud/relaytargetdialog.h"
@@ -19,8 +22,40 @@
 #include "tools/toolbox.h"
 #include "transfer/filetransferdialog.h"
 
+#include <QDateTime>
 #include <QSettings>
 #include <QTabWidget>
+#include <QTimer>
+
+namespace {
+
+// A keeper of no real computer for the share dialogs' pictures; the
+// dialog takes it as its child.
+GuestShareKeeper *pictureKeeper()
+{
+    return new GuestShareKeeper(NetworkServices::instance(), QStringLiteral("picture"),
+                                {[] { return QString(); }, [] { return QStringLiteral("this-computer"); },
+                                 [] { return QList<PortSession *>(); }, [] { return true; }, [] { return true; }});
+}
+
+GuestShare pictureShare(const QString &code, const QString &device, const QString &port, qint64 expiresInMs)
+{
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    GuestShare share;
+    share.shareId = code;
+    share.code = code;
+    share.link = NetworkServices::baseUrl() + QStringLiteral("/join/") + QString(code).remove(QLatin1Char('-'));
+    share.cid = QStringLiteral("this-computer");
+    share.deviceName = device;
+    share.portName = port;
+    share.web = QStringLiteral("send");
+    share.relay = true;
+    share.createdAt = now - 45 * 60000;
+    share.expiresAt = now + expiresInMs;
+    return share;
+}
+
+} // namespace
 
 ScreenshotDialogs ScreenshotDialogs::standard()
 {
@@ -96,6 +131,42 @@ ScreenshotDialogs ScreenshotDialogs::standard()
     });
     table.add(QStringLiteral("relay-target"), [](QWidget *parent) -> QWidget * {
         return new RelayTargetDialog(NetworkServices::instance(), AccountSession::instance(), QString(), parent);
+    });
+    table.add(QStringLiteral("guest-share"), [](QWidget *parent) -> QWidget * {
+        GuestShareKeeper *keeper = pictureKeeper();
+        auto *dialog = new GuestShareDialog(keeper, {}, parent);
+        keeper->setParent(dialog);
+        return dialog;
+    });
+    table.add(QStringLiteral("guest-share-live"), [](QWidget *parent) -> QWidget * {
+        GuestShareKeeper *keeper = pictureKeeper();
+        auto *dialog = new GuestShareDialog(keeper, {}, parent);
+        keeper->setParent(dialog);
+        GuestShare share = pictureShare(QStringLiteral("K7QM-4HXP-2RTA"), {}, QStringLiteral("ttyUSB0"),
+                                        (3 * 60 + 12) * 60000);
+        share.guest = GuestShare::Guest{QStringLiteral("mei"), QDateTime::currentMSecsSinceEpoch() - 12 * 60000,
+                                        QStringLiteral("r1")};
+        share.webGuests = 2;
+        dialog->watchShare(share);
+        return dialog;
+    });
+    table.add(QStringLiteral("manage-shares"), [](QWidget *parent) -> QWidget * {
+        GuestShareKeeper *keeper = pictureKeeper();
+        auto *dialog = new ManageGuestSharesDialog(keeper, parent);
+        keeper->setParent(dialog);
+        QList<GuestShare> shares{pictureShare(QStringLiteral("K7QM-4HXP-2RTA"), QStringLiteral("bench-pc"),
+                                              QStringLiteral("ttyUSB0"), 3 * 3600000),
+                                 pictureShare(QStringLiteral("9CWD-T3NB-F6YE"), QStringLiteral("bench-pc"),
+                                              QStringLiteral("ttyACM1"), 40 * 60000),
+                                 pictureShare(QStringLiteral("RXP4-8GQH-MZ2K"), QStringLiteral("lab-gateway"),
+                                              QStringLiteral("ttyS0"), 20 * 3600000)};
+        shares[0].webGuests = 1;
+        shares[0].label = QStringLiteral("Field unit 12");
+        shares[1].guest = GuestShare::Guest{QStringLiteral("mei"), 0, {}};
+        shares[2].cid = QStringLiteral("another-computer");
+        // After the dialog asked, as the service's answer would come.
+        QTimer::singleShot(50, keeper, [keeper, shares] { emit keeper->shareOverviewFetched(shares, 1); });
+        return dialog;
     });
     table.add(QStringLiteral("sync-settings"), [](QWidget *parent) -> QWidget * { return new SyncSettingsDialog(parent); });
     return table;

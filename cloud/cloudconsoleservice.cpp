@@ -3,6 +3,7 @@
 #include "cloud/accountsession.h"
 #include "cloud/consoleidentity.h"
 #include "cloud/consolesocket.h"
+#include "cloud/guestsharekeeper.h"
 #include "cloud/networkservices.h"
 #include "common/appidentity.h"
 #include "common/logging.h"
@@ -43,6 +44,10 @@ CloudConsoleService::CloudConsoleService(NetworkServices *network, AccountSessio
     , m_snapshotSettleTimer(new QTimer(this))
     , m_sessionId(ConsoleIdentity::newIdentifier())
 {
+    m_shares = new GuestShareKeeper(m_network, m_sessionId,
+                                    {[this] { return usableToken(); }, [this] { return m_cid; }, m_ports,
+                                     [this] { return m_enabled; }, [this] { return m_commands.consent().relay; }},
+                                    this);
     setTiming(m_timing);
     m_snapshotSettleTimer->setSingleShot(true);
     connect(m_heartbeatTimer, &QTimer::timeout, this, &CloudConsoleService::onHeartbeatTick);
@@ -59,7 +64,17 @@ CloudConsoleService::CloudConsoleService(NetworkServices *network, AccountSessio
     connect(m_socket, &ConsoleSocket::disconnected, this, &CloudConsoleService::onSocketDisconnected);
     connect(m_account, &AccountSession::changed, this, &CloudConsoleService::onAccountChanged);
 
+    connect(m_shares, &GuestShareKeeper::shareCreated, this, &CloudConsoleService::shareCreated);
+    connect(m_shares, &GuestShareKeeper::shareChanged, this, &CloudConsoleService::shareChanged);
+    connect(m_shares, &GuestShareKeeper::shareEnded, this, &CloudConsoleService::shareEnded);
+    connect(m_shares, &GuestShareKeeper::shareFailed, this, &CloudConsoleService::shareFailed);
+    connect(m_shares, &GuestShareKeeper::shareOverviewFetched, this, &CloudConsoleService::shareOverviewFetched);
+    connect(m_shares, &GuestShareKeeper::shareOverviewFailed, this, &CloudConsoleService::shareOverviewFailed);
+
     ConsolePortCommands::addTo(m_commands, m_ports);
+    m_commands.setShareGate([this](const QString &shareId, ConsoleCommandTable::Requirement) {
+        return m_shares->access(shareId);
+    });
     m_commands.add(QStringLiteral("request_snapshot"), ConsoleCommandTable::Requirement::Nothing,
                    [this](const QJsonObject &) {
                        sendSnapshot();
@@ -85,6 +100,7 @@ void CloudConsoleService::setTiming(const Timing &timing)
     m_watchdogTimer->setInterval(timing.watchdogMs);
     m_snapshotTimer->setInterval(timing.snapshotMs);
     m_snapshotSettleTimer->setInterval(timing.snapshotSettleMs);
+    m_shares->setTiming(timing.shareCreateMs, timing.shareSweepMs);
 }
 
 int CloudConsoleService::pollIntervalMs() const
@@ -115,6 +131,9 @@ void CloudConsoleService::setEnabled(bool on)
         onPollTick();
         return;
     }
+    // The shares travel over this channel: they end with it, and the
+    // service hears so while the token still works.
+    m_shares->endAll(GuestShare::consoleOffText());
     for (QTimer *timer : {m_heartbeatTimer, m_pollTimer, m_uploadTimer, m_resultRetryTimer, m_watchdogTimer,
                           m_snapshotTimer, m_snapshotSettleTimer})
         timer->stop();
@@ -149,6 +168,7 @@ void CloudConsoleService::onAccountChanged()
         }
         m_cid = signedIn ? ConsoleIdentity::cidFor(m_account->userId()) : QString();
         m_cidAccount = signedIn ? m_account->userId() : 0;
+        m_shares->accountChanged();
     }
     const QString token = signedIn ? m_account->accessToken() : QString();
     m_socket->setAccessToken(token);
@@ -436,6 +456,7 @@ void CloudConsoleService::onPortSourceDestroyed(QObject *source)
 
 void CloudConsoleService::portsChanged()
 {
+    m_shares->checkPorts();
     if (!isWatching())
         return;
     for (PortSession *session : m_ports())
@@ -445,6 +466,7 @@ void CloudConsoleService::portsChanged()
 
 void CloudConsoleService::consentChanged()
 {
+    m_shares->consentChanged();
     if (isWatching())
         scheduleSnapshot();
 }

@@ -5,6 +5,7 @@
 #include "cloud/consoleportcommands.h"
 #include "cloud/consoletrafficbuffer.h"
 #include "cloud/consolewatchstate.h"
+#include "cloud/guestshare.h"
 
 #include <QJsonObject>
 #include <QList>
@@ -15,6 +16,7 @@
 
 class AccountSession;
 class ConsoleSocket;
+class GuestShareKeeper;
 class NetworkServices;
 class PortSession;
 class QTimer;
@@ -41,6 +43,9 @@ public:
         // Port changes while watched (opened, closed, added, removed) are
         // gathered this long into one snapshot.
         int snapshotSettleMs = 250;
+        // A requested guest share is created this long after the request.
+        int shareCreateMs = 1500;
+        int shareSweepMs = 30000;
     };
     using PortList = ConsolePortCommands::PortList;
 
@@ -51,6 +56,8 @@ public:
     ConsoleSocket *socket() const { return m_socket; }
     // The command table; relays and shares add their commands and gate.
     ConsoleCommandTable &commands() { return m_commands; }
+    // The guest shares of this computer; their signals are passed on below.
+    GuestShareKeeper *shares() const { return m_shares; }
 
     void setEnabled(bool on);
     bool isEnabled() const { return m_enabled; }
@@ -92,6 +99,12 @@ Q_SIGNALS:
     // A relay this computer hosts has its other end now, and has ended.
     void relayEngaged(const QString &portKey, const QString &guestName);
     void relayEnded(const QString &portKey);
+    void shareCreated(const GuestShare &share);
+    void shareChanged(const GuestShare &share);
+    void shareEnded(const QString &shareId, const QString &reason);
+    void shareFailed(const QString &message);
+    void shareOverviewFetched(const QList<GuestShare> &shares, int revoked);
+    void shareOverviewFailed(const QString &message);
 
 private:
     enum class Channel { Http, Socket };
@@ -118,6 +131,7 @@ private:
     AccountSession *m_account;
     PortList m_ports;
     ConsoleSocket *m_socket;
+    GuestShareKeeper *m_shares;
     Timing m_timing;
     ConsoleCommandTable m_commands;
     ConsoleCommandLedger m_ledger;

@@ -87,6 +87,14 @@ ConsoleOutcome ConsoleCommandTable::check(Requirement requirement, const QJsonOb
                                                                   : access.errorCode,
                                        access.message.isEmpty() ? QStringLiteral("this computer holds no such share")
                                                                 : access.message);
+    // A guest reaches the one port of the share, nothing else.
+    const QJsonValue portKey = payload.value(QLatin1String("port_key"));
+    if (!portKey.isUndefined() && portKey.toString() != access.portKey)
+        return ConsoleOutcome::failure(ConsoleError::kPermissionDenied,
+                                       QStringLiteral("the share does not cover this port"));
+    if (requirement == Requirement::Relay && !access.relay)
+        return ConsoleOutcome::failure(ConsoleError::kPermissionDenied,
+                                       QStringLiteral("the share does not allow a relay"));
     const bool control = access.level == QLatin1String("control");
     if (requirement == Requirement::RemoteSend && !control && access.level != QLatin1String("send"))
         return ConsoleOutcome::failure(ConsoleError::kPermissionDenied,

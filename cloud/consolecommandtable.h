@@ -55,6 +55,8 @@ public:
         QString errorCode;
         QString message;
         QString level;  // "none", "view", "send" or "control"
+        QString portKey;  // the one port the share opens
+        bool relay = false;  // whether a guest may join as a real serial port
     };
     using ShareGate = std::function<ShareAccess(const QString &shareId, Requirement requirement)>;
     using Handler = std::function<ConsoleOutcome(const QJsonObject &payload)>;

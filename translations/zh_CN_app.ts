@@ -58,6 +58,25 @@
     </message>
 </context>
 <context>
+    <name>CloudShareMenu</name>
+    <message>
+        <source>expires %1</source>
+        <translation>%1 到期</translation>
+    </message>
+    <message>
+        <source>waiting for a guest</source>
+        <translation>等待访客</translation>
+    </message>
+    <message>
+        <source>Live Share · %1</source>
+        <translation>实时共享 · %1</translation>
+    </message>
+    <message>
+        <source>Sharing needs Live Console switched on. Switch it on now?</source>
+        <translation>共享需要开启实时控制台。现在开启吗？</translation>
+    </message>
+</context>
+<context>
     <name>CommandLine</name>
     <message>
         <source>A terminal for serial ports and networks.</source>

@@ -122,6 +122,385 @@
     </message>
 </context>
 <context>
+    <name>GuestShare</name>
+    <message>
+        <source>View only</source>
+        <translation>仅查看</translation>
+    </message>
+    <message>
+        <source>View and send</source>
+        <translation>查看和发送</translation>
+    </message>
+    <message>
+        <source>View, send and port control</source>
+        <translation>查看、发送和端口控制</translation>
+    </message>
+    <message>
+        <source>Not allowed</source>
+        <translation>不允许</translation>
+    </message>
+    <message>
+        <source>browser: view only</source>
+        <translation>浏览器：仅查看</translation>
+    </message>
+    <message>
+        <source>browser: view and send</source>
+        <translation>浏览器：查看和发送</translation>
+    </message>
+    <message>
+        <source>browser: view, send and port control</source>
+        <translation>浏览器：查看、发送和端口控制</translation>
+    </message>
+    <message>
+        <source>1 hour</source>
+        <translation>1 小时</translation>
+    </message>
+    <message>
+        <source>4 hours</source>
+        <translation>4 小时</translation>
+    </message>
+    <message>
+        <source>12 hours</source>
+        <translation>12 小时</translation>
+    </message>
+    <message>
+        <source>24 hours</source>
+        <translation>24 小时</translation>
+    </message>
+    <message>
+        <source>the computer restarted</source>
+        <translation>电脑已重新启动</translation>
+    </message>
+    <message>
+        <source>too many wrong passcodes</source>
+        <translation>错误访问码次数过多</translation>
+    </message>
+    <message>
+        <source>it expired</source>
+        <translation>已过期</translation>
+    </message>
+    <message>
+        <source>stopped by the owner</source>
+        <translation>被所有者停止</translation>
+    </message>
+    <message>
+        <source>The share no longer matched this run.</source>
+        <translation>该共享已与本次运行不符。</translation>
+    </message>
+    <message>
+        <source>Too many wrong passcodes; the share was revoked.</source>
+        <translation>错误访问码次数过多，共享已被撤销。</translation>
+    </message>
+    <message>
+        <source>The share ended.</source>
+        <translation>共享已结束。</translation>
+    </message>
+    <message>
+        <source>The share expired.</source>
+        <translation>共享已过期。</translation>
+    </message>
+    <message>
+        <source>You stopped sharing.</source>
+        <translation>您已停止共享。</translation>
+    </message>
+    <message>
+        <source>The shared port was closed.</source>
+        <translation>共享的端口已关闭。</translation>
+    </message>
+    <message>
+        <source>Live Console was switched off.</source>
+        <translation>实时控制台已关闭。</translation>
+    </message>
+    <message>
+        <source>Live Relay was switched off on this computer.</source>
+        <translation>这台电脑上的实时中继已关闭。</translation>
+    </message>
+</context>
+<context>
+    <name>GuestShareDialog</name>
+    <message>
+        <source>Share Port with a Guest</source>
+        <translation>与访客共享端口</translation>
+    </message>
+    <message>
+        <source>Other shares on this computer</source>
+        <translation>这台电脑上的其他共享</translation>
+    </message>
+    <message>
+        <source>Loading…</source>
+        <translation>正在加载…</translation>
+    </message>
+    <message>
+        <source>No open serial port</source>
+        <translation>没有打开的串口</translation>
+    </message>
+    <message>
+        <source>Optional, 4–16 characters</source>
+        <translation>可选，4–16 个字符</translation>
+    </message>
+    <message>
+        <source>What the guest sees</source>
+        <translation>访客看到的名称</translation>
+    </message>
+    <message>
+        <source>Also as a real serial port in Tessaline (Live Relay)</source>
+        <translation>同时作为 Tessaline 中的真实串口（实时中继）</translation>
+    </message>
+    <message>
+        <source>Port</source>
+        <translation>端口</translation>
+    </message>
+    <message>
+        <source>Valid for</source>
+        <translation>有效期</translation>
+    </message>
+    <message>
+        <source>Passcode</source>
+        <translation>访问码</translation>
+    </message>
+    <message>
+        <source>Label</source>
+        <translation>标签</translation>
+    </message>
+    <message>
+        <source>In a browser</source>
+        <translation>在浏览器中</translation>
+    </message>
+    <message>
+        <source>A browser guest sees decoded text that passes through the cloud; a relay moves raw bytes the cloud never reads.</source>
+        <translation>浏览器访客看到的是经过云端的解码文本；中继传送的是云端从不读取的原始字节。</translation>
+    </message>
+    <message>
+        <source>The guest needs no account and pays nothing. Traffic counts toward your cloud allowance: about 81 MB per hour at 115200 baud full rate.</source>
+        <translation>访客无需账户，也无需付费。流量计入您的云端额度：115200 波特率满速时每小时约 81 MB。</translation>
+    </message>
+    <message>
+        <source>Create Invite</source>
+        <translation>创建邀请</translation>
+    </message>
+    <message>
+        <source>Copy Code</source>
+        <translation>复制邀请码</translation>
+    </message>
+    <message>
+        <source>Copy Link</source>
+        <translation>复制链接</translation>
+    </message>
+    <message>
+        <source>Disconnect Guest</source>
+        <translation>断开访客</translation>
+    </message>
+    <message>
+        <source>Stop Sharing</source>
+        <translation>停止共享</translation>
+    </message>
+    <message>
+        <source>Share Again</source>
+        <translation>再次共享</translation>
+    </message>
+    <message>
+        <source>Code copied.</source>
+        <translation>邀请码已复制。</translation>
+    </message>
+    <message>
+        <source>Link copied.</source>
+        <translation>链接已复制。</translation>
+    </message>
+    <message>
+        <source>Switch on Cloud &gt; Live Relay to offer this.</source>
+        <translation>请先开启 云 &gt; 实时中继 才能提供此项。</translation>
+    </message>
+    <message>
+        <source>Creating the invite…</source>
+        <translation>正在创建邀请…</translation>
+    </message>
+    <message>
+        <source>Could not create the invite: %1</source>
+        <translation>无法创建邀请：%1</translation>
+    </message>
+    <message>
+        <source>Disconnected by the owner.</source>
+        <translation>已被所有者断开。</translation>
+    </message>
+    <message>
+        <source>Sharing ended: %1</source>
+        <translation>共享已结束：%1</translation>
+    </message>
+    <message>
+        <source>Passcode: %1</source>
+        <translation>访问码：%1</translation>
+    </message>
+    <message>
+        <source>Tessaline: real serial port</source>
+        <translation>Tessaline：真实串口</translation>
+    </message>
+    <message>
+        <source>Nothing is shared right now.</source>
+        <translation>目前没有任何共享。</translation>
+    </message>
+    <message>
+        <source>%1 h %2 min</source>
+        <translation>%1 小时 %2 分钟</translation>
+    </message>
+    <message>
+        <source>%1 min</source>
+        <translation>%1 分钟</translation>
+    </message>
+    <message>
+        <source>Expired — the share admits no new guests.</source>
+        <translation>已过期 — 该共享不再接纳新访客。</translation>
+    </message>
+    <message>
+        <source>Expires at %1 (in %2)</source>
+        <translation>%1 到期（还剩 %2）</translation>
+    </message>
+    <message>
+        <source>%1 connected since %2</source>
+        <translation>%1 自 %2 起已连接</translation>
+    </message>
+    <message>
+        <source>Watching in a browser: %1</source>
+        <translation>在浏览器中查看：%1</translation>
+    </message>
+    <message>
+        <source>Waiting for a guest…</source>
+        <translation>正在等待访客…</translation>
+    </message>
+    <message>
+        <source>%1: the share ended (%2).</source>
+        <translation>%1：共享已结束（%2）。</translation>
+    </message>
+    <message>
+        <source>%1 · expires %2</source>
+        <translation>%1 · %2 到期</translation>
+    </message>
+</context>
+<context>
+    <name>GuestShareKeeper</name>
+    <message>
+        <source>Open a serial port connection first: only an open serial port can be shared.</source>
+        <translation>请先打开一个串口连接：只有已打开的串口才能共享。</translation>
+    </message>
+    <message>
+        <source>Switch Live Console on first: the share travels over its channel.</source>
+        <translation>请先开启实时控制台：共享经由它的通道传输。</translation>
+    </message>
+    <message>
+        <source>A share is still being created; wait for it.</source>
+        <translation>仍有一个共享正在创建，请稍候。</translation>
+    </message>
+    <message>
+        <source>Switch on Cloud &gt; Live Relay first: a guest in Tessaline comes in through it.</source>
+        <translation>请先开启 云 &gt; 实时中继：Tessaline 中的访客经由它接入。</translation>
+    </message>
+    <message>
+        <source>This computer already holds %1 shares; stop one first.</source>
+        <translation>这台电脑已有 %1 个共享，请先停止其中一个。</translation>
+    </message>
+    <message>
+        <source>Sign in first: a share belongs to your cloud account.</source>
+        <translation>请先登录：共享属于您的云端账户。</translation>
+    </message>
+    <message>
+        <source>The server did not return the share.</source>
+        <translation>服务器没有返回该共享。</translation>
+    </message>
+</context>
+<context>
+    <name>GuestShareTable</name>
+    <message>
+        <source>A share lasts 1, 4, 12 or 24 hours.</source>
+        <translation>共享的时长为 1、4、12 或 24 小时。</translation>
+    </message>
+    <message>
+        <source>Allow at least one way in: the browser, Tessaline, or both.</source>
+        <translation>至少允许一种接入方式：浏览器、Tessaline 或两者。</translation>
+    </message>
+    <message>
+        <source>A passcode is 4–16 characters.</source>
+        <translation>访问码为 4–16 个字符。</translation>
+    </message>
+</context>
+<context>
+    <name>ManageGuestSharesDialog</name>
+    <message>
+        <source>Manage Guest Shares</source>
+        <translation>管理访客共享</translation>
+    </message>
+    <message>
+        <source>Every invite live on any of your computers, and who is on each. Stopping one ends its session too. Invites are created on the computer that owns the port: Cloud &gt; Share Port with a Guest…</source>
+        <translation>您所有电脑上仍有效的邀请，以及每个邀请上的访客。停止一个邀请也会结束其会话。邀请需在拥有该端口的电脑上创建：云 &gt; 与访客共享端口…</translation>
+    </message>
+    <message>
+        <source>Device / Port</source>
+        <translation>设备 / 端口</translation>
+    </message>
+    <message>
+        <source>Code</source>
+        <translation>邀请码</translation>
+    </message>
+    <message>
+        <source>Guest</source>
+        <translation>访客</translation>
+    </message>
+    <message>
+        <source>Expires</source>
+        <translation>到期</translation>
+    </message>
+    <message>
+        <source>Stop Sharing</source>
+        <translation>停止共享</translation>
+    </message>
+    <message>
+        <source>Copy Code</source>
+        <translation>复制邀请码</translation>
+    </message>
+    <message>
+        <source>Refresh</source>
+        <translation>刷新</translation>
+    </message>
+    <message>
+        <source>Could not load the share list: %1</source>
+        <translation>无法加载共享列表：%1</translation>
+    </message>
+    <message>
+        <source>Sign in to see your shares.</source>
+        <translation>登录后即可查看您的共享。</translation>
+    </message>
+    <message>
+        <source>Loading…</source>
+        <translation>正在加载…</translation>
+    </message>
+    <message>
+        <source>%1 (this computer)</source>
+        <translation>%1（这台电脑）</translation>
+    </message>
+    <message>
+        <source>Nothing is shared right now.</source>
+        <translation>目前没有任何共享。</translation>
+    </message>
+    <message>
+        <source>Revoked after wrong passcodes in the last 24 hours: %1</source>
+        <translation>过去 24 小时内因错误访问码被撤销：%1</translation>
+    </message>
+    <message>
+        <source>Stopping %1…</source>
+        <translation>正在停止 %1…</translation>
+    </message>
+    <message>
+        <source>Code copied.</source>
+        <translation>邀请码已复制。</translation>
+    </message>
+    <message>
+        <source>%1 (browser)</source>
+        <translation>%1（浏览器）</translation>
+    </message>
+    <message>
+        <source>waiting</source>
+        <translation>等待中</translation>
+    </message>
+</context>
+<context>
     <name>MyAccountDialog</name>
     <message>
         <source>Username</source>

@@ -319,6 +319,22 @@
         <source>Forward data between two ports (network to serial gateway)</source>
         <translation>在两个端口之间转发数据（网络转串口网关）</translation>
     </message>
+    <message>
+        <source>Share Port with a Guest…</source>
+        <translation>与访客共享端口…</translation>
+    </message>
+    <message>
+        <source>Invite somebody without an account to an open serial port for a limited time</source>
+        <translation>邀请没有账户的人在限定时间内使用一个已打开的串口</translation>
+    </message>
+    <message>
+        <source>Manage Guest Shares…</source>
+        <translation>管理访客共享…</translation>
+    </message>
+    <message>
+        <source>Every invite live on any of your computers, and who is on each</source>
+        <translation>您所有电脑上仍有效的邀请，以及每个邀请上的访客</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

@@ -36,6 +36,7 @@
 #include <QApplication>
 #include <QDialogButtonBox>
 #include <QLabel>
+#include <QMenu>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
@@ -903,6 +904,16 @@ void MainWindowTest::liveConsoleSwitchesAreKeptAndWatchingIsShown()
         QCOMPARE(console->text(), QString("Live Console"));
         QCOMPARE(send->text(), QString("Allow Remote Send"));
         QCOMPARE(control->text(), QString("Allow Remote Port Control"));
+        // The guest shares sit in the same menu, with their badge in the status bar.
+        auto *share = window.findChild<QAction *>("acCloudShareGuest");
+        auto *manage = window.findChild<QAction *>("acCloudManageShares");
+        QVERIFY(share && manage);
+        QCOMPARE(share->text(), QString("Share Port with a Guest…"));
+        QCOMPARE(manage->text(), QString("Manage Guest Shares…"));
+        auto *cloudMenu = window.findChild<QMenu *>("menuCloud");
+        QVERIFY(cloudMenu && cloudMenu->actions().contains(share) && cloudMenu->actions().contains(manage));
+        auto *shareBadge = window.statusBar()->findChild<QLabel *>("shareBadge");
+        QVERIFY(shareBadge && shareBadge->isHidden());
         // Everything off on a fresh installation.
         QVERIFY(!console->isChecked() && !send->isChecked() && !control->isChecked());
         QVERIFY(!window.consoleMenu()->service()->isEnabled());

@@ -250,7 +250,8 @@ void ConsoleLogicTest::tableChecksConsentAndShares_data()
 {
     QTest::addColumn<int>("requirement");
     QTest::addColumn<bool>("consented");
-    QTest::addColumn<QString>("share");  // share id: "" none, "s1" held with level below, "gone" unknown
+    QTest::addColumn<QString>("share");  // "" none; "s1" (port p1, relay) and "s2" (port p2, no relay) held
+                                         // with the level below; "gone" unknown
     QTest::addColumn<QString>("level");
     QTest::addColumn<QString>("code");  // "" for success
     QTest::addColumn<QString>("message");
@@ -273,6 +274,14 @@ void ConsoleLogicTest::tableChecksConsentAndShares_data()
                                                << "the share does not allow port control from a browser";
     QTest::newRow("share control controls") << int(Requirement::PortControl) << false << "s1" << "control" << ""
                                             << "";
+    QTest::newRow("share reaches its own port only") << int(Requirement::RemoteSend) << true << "s2" << "control"
+                                                     << denied << "the share does not cover this port";
+    QTest::newRow("relay through a share that allows one") << int(Requirement::Relay) << true << "s1" << "none"
+                                                           << "" << "";
+    QTest::newRow("relay through a share that does not") << int(Requirement::Relay) << true << "s3" << "control"
+                                                         << denied << "the share does not allow a relay";
+    QTest::newRow("owner's relay switch holds for shares too") << int(Requirement::Relay) << false << "s1" << "none"
+                                                               << denied << "cloud relay is disabled on the device";
     QTest::newRow("unknown share") << int(Requirement::RemoteSend) << true << "gone" << "" << "share_not_found"
                                    << "this computer holds no such share";
     QTest::newRow("share of an earlier run") << int(Requirement::PortControl) << true << "old" << ""
@@ -292,9 +301,14 @@ void ConsoleLogicTest::tableChecksConsentAndShares()
     table.setConsentSource([consented] { return ConsoleConsent{consented, consented, consented}; });
     table.setShareGate([level](const QString &id, Requirement) {
         if (id == "s1")
-            return ConsoleCommandTable::ShareAccess{true, {}, {}, level};
+            return ConsoleCommandTable::ShareAccess{true, {}, {}, level, "p1", true};
+        if (id == "s2")
+            return ConsoleCommandTable::ShareAccess{true, {}, {}, level, "p2", true};
+        if (id == "s3")
+            return ConsoleCommandTable::ShareAccess{true, {}, {}, level, "p1", false};
         if (id == "old")
-            return ConsoleCommandTable::ShareAccess{false, "session_mismatch", "the share belongs to an earlier run", {}};
+            return ConsoleCommandTable::ShareAccess{false, "session_mismatch", "the share belongs to an earlier run", {}, {},
+                                                         false};
         return ConsoleCommandTable::ShareAccess{};
     });
     int ran = 0;
