@@ -1,6 +1,7 @@
 #include "app/mainwindow.h"
 
 #include "app/cloudaccountmenu.h"
+#include "app/cloudconsolemenu.h"
 #include "app/configfolder.h"
 #include "app/languagechoice.h"
 #include "app/newconnectiondialog.h"
@@ -116,6 +117,16 @@ MainWindow::MainWindow(QWidget *parent)
         statusBar(), [this] { return cloudSessionState(); },
         [this](const SessionState &state, int language) { applyCloudSessionState(state, language); }, this);
     m_cloudMenu->resumeSignIn();
+    m_consoleMenu = new CloudConsoleMenu(
+        {ui->acCloudConsole, ui->acCloudConsoleAllowSend, ui->acCloudConsoleAllowPortControl}, statusBar(),
+        [this] {
+            QList<PortSession *> sessions;
+            for (const SerialPortWidget *pane : std::as_const(m_panes))
+                sessions.append(pane->session());
+            return sessions;
+        },
+        this);
+    connect(this, &MainWindow::panesChanged, m_consoleMenu, &CloudConsoleMenu::portsChanged);
     connect(m_transfers, &PaneTransfers::runningChanged, this, &MainWindow::updateTransferActions);
     m_focusConnection = connect(qApp, &QApplication::focusChanged, this, [this](QWidget *, QWidget *now) {
         for (QWidget *w = now; w; w = w->parentWidget()) {
@@ -153,6 +164,7 @@ SerialPortWidget *MainWindow::createPane(const ProjectPane &settings)
         saveLastUsed(pane);
         markModified();
     });
+    emit panesChanged();
     return pane;
 }
 
@@ -166,6 +178,7 @@ void MainWindow::removePane(SerialPortWidget *pane)
     pane->hide();
     pane->setParent(nullptr);
     pane->deleteLater();
+    emit panesChanged();
 }
 
 void MainWindow::removeAllPanes()

@@ -11,6 +11,7 @@
 
 class AsciiCode;
 class CloudAccountMenu;
+class CloudConsoleMenu;
 struct SessionState;
 class ModbusBuilderDialog;
 class PaneTransfers;
@@ -42,6 +43,7 @@ public:
     SerialPortWidget *addPane();
     PaneTransfers *transfers() const { return m_transfers; }
     CloudAccountMenu *cloudMenu() const { return m_cloudMenu; }
+    CloudConsoleMenu *consoleMenu() const { return m_consoleMenu; }
     // The settings that travel with the account, and taking them from the
     // cloud: the last-used record and the behaviour flags; panes whose
     // connection is closed take them at once, open ones keep theirs.
@@ -70,6 +72,10 @@ public:
     void setColumnNumber(int perRow);
     int columnNumber() const { return m_columnNumber; }
     void removePane(SerialPortWidget *pane);
+
+Q_SIGNALS:
+    // A pane was added or removed.
+    void panesChanged();
 
 protected:
     void closeEvent(QCloseEvent *event) override;
@@ -164,4 +170,5 @@ private:
     ModbusBuilderDialog *m_modbusBuilder = nullptr;
     PaneTransfers *m_transfers = nullptr;
     CloudAccountMenu *m_cloudMenu = nullptr;
+    CloudConsoleMenu *m_consoleMenu = nullptr;
 };

@@ -7,8 +7,11 @@
 #include "terminal/sendframebuilder.h"
 #include "terminal/wiretextcodecregistry.h"
 
+#include <QJsonArray>
 #include <QMetaMethod>
 #include <QTimer>
+
+#include <atomic>
 
 namespace {
 
@@ -27,11 +30,18 @@ WireTextDecoder decoderFor(const QString &encoding)
     return codec ? WireTextDecoder(codec.value()) : WireTextDecoder();
 }
 
+QString nextPortKey()
+{
+    static std::atomic<quint64> serial{0};
+    return QStringLiteral("p%1").arg(++serial);
+}
+
 } // namespace
 
 PortSession::PortSession(int paneId, QObject *parent)
     : QObject(parent)
     , m_paneId(paneId)
+    , m_portKey(nextPortKey())
     , m_controller(new ConnectionController(this))
     , m_sendTimer(new QTimer(this))
     , m_reconnectTimer(new QTimer(this))
@@ -58,6 +68,33 @@ PortSession::~PortSession()
 QString PortSession::connectionLabel() const
 {
     return ::connectionLabel(m_config.mode, m_paneId);
+}
+
+bool PortSession::isConsoleListening() const
+{
+    static const QMetaMethod consoleSignal = QMetaMethod::fromSignal(&PortSession::consoleTraffic);
+    return isSignalConnected(consoleSignal);
+}
+
+QJsonObject PortSession::snapshotEntry() const
+{
+    QJsonObject entry{
+        {QStringLiteral("port_key"), m_portKey},
+        {QStringLiteral("connection_mode"), toInt(m_config.mode)},
+        {QStringLiteral("mode_tag"), connectionModeTag(m_config.mode)},
+        {QStringLiteral("port_name"), currentRealPortName()},
+        {QStringLiteral("label"), connectionLabel()},
+        {QStringLiteral("open"), isConnectionOpen()},
+    };
+    if (m_config.mode == ConnectionMode::Serial) {
+        using namespace SerialParameterText;
+        entry.insert(QLatin1String(kBaudRateKey), m_config.baudRate);
+        entry.insert(QLatin1String(kDataBitsKey), int(m_config.dataBits));
+        entry.insert(QLatin1String(kParityKey), parityWord(m_config.parity));
+        entry.insert(QLatin1String(kStopBitsKey), stopBitsNumber(m_config.stopBits));
+        entry.insert(QLatin1String(kFlowControlKey), flowControlWord(m_config.flowControl));
+    }
+    return entry;
 }
 
 // ---------------------------------------------------------------- settings
@@ -141,6 +178,8 @@ Result PortSession::setSerialParameters(const ConnectionConfig &edited)
     }
     m_config = edited;
     emit stateChanged();
+    // The form follows parameters set from elsewhere (the Live Console).
+    emit configChanged();
     emit settingsChanged();
     return Result::success();
 }
@@ -361,6 +400,9 @@ void PortSession::closeConnection()
         emit statusMessage(tr("A file transfer is running."), 5000);
         return;
     }
+    // A server pane shows what its clients sent before they go.
+    if (m_config.mode == ConnectionMode::TcpServer && m_viewState == ViewState::Normal)
+        emit flushViewRequested();
     m_userClosing = true;
     disarmReconnect();
     m_controller->close(m_config.mode, m_config.portName);
@@ -534,9 +576,13 @@ void PortSession::ingestReceived(const QByteArray &data, const QString &peer)
     logChunk(DisplayChunk{now, ChunkDirection::Received, data});
     m_ingest.ingestReceived(data, now);
     emit rxTapped(data);
-    static const QMetaMethod consoleSignal = QMetaMethod::fromSignal(&PortSession::consoleTraffic);
-    if (isSignalConnected(consoleSignal))
-        emit consoleTraffic(connectionLabel(), false, m_consoleDecoder.decode(data));
+    if (isConsoleListening()) {
+        if (!std::exchange(m_consoleDecoderLive, true))
+            m_consoleDecoder = decoderFor(m_options.receiveEncoding);
+        emit consoleTraffic(m_portKey, false, m_consoleDecoder.decode(data));
+    } else {
+        m_consoleDecoderLive = false;
+    }
     applyReadThrottle();
 }
 
@@ -655,10 +701,9 @@ bool PortSession::sendBytes(const QByteArray &data, bool echo)
         return false;
     m_txAccepted += quint64(data.size());
     emit sent();
-    static const QMetaMethod consoleSignal = QMetaMethod::fromSignal(&PortSession::consoleTraffic);
-    if (isSignalConnected(consoleSignal)) {
+    if (isConsoleListening()) {
         WireTextDecoder decoder = decoderFor(m_options.sendEncoding);
-        emit consoleTraffic(connectionLabel(), true, decoder.decode(data));
+        emit consoleTraffic(m_portKey, true, decoder.decode(data));
     }
     // Writing to a closed serial port opens it.
     if (!wasOpen && isConnectionOpen() && !m_open)

@@ -16,6 +16,7 @@
 #include "terminal/wiretextdecoder.h"
 
 #include <QElapsedTimer>
+#include <QJsonObject>
 #include <QObject>
 #include <QStringList>
 
@@ -51,6 +52,14 @@ public:
     int paneId() const { return m_paneId; }
     // "%1-%2": the mode's tag and the pane's identifier.
     QString connectionLabel() const;
+    // How the Live Console names this port: "p" and a serial number given
+    // once per session and never again in this run, so it stays the same
+    // while the session lives whatever its mode or pane number.
+    const QString &portKey() const { return m_portKey; }
+    // What the Live Console tells a watcher about this port: "port_key",
+    // "connection_mode", "mode_tag", "port_name", "label", "open" and, for a
+    // serial port, its parameters in their text forms.
+    QJsonObject snapshotEntry() const;
     ConnectionController *controller() const { return m_controller; }
 
     // Time for the reconnect policy; tests pass a virtual clock and call
@@ -225,6 +234,7 @@ private:
     void rememberTargetHost();
     int autoSendIntervalMs() const;
     bool refuseDuringTransfer(const QString &what);
+    bool isConsoleListening() const;
     bool sendRemoteBreak(bool on);
     void onRemoteNotice(const QString &text);
     void onRemoteSetting(Rfc2217ClientSession::Event::Kind kind, qint64 value);
@@ -232,6 +242,7 @@ private:
     void onRemoteModemState(quint8 modemState);
 
     int m_paneId;
+    QString m_portKey;
     ConnectionController *m_controller;
     ConnectionConfig m_config;
     PaneOptions m_options;
@@ -240,7 +251,10 @@ private:
     // Receive
     ReceiveIngest m_ingest;
     DisplayFormatter m_viewFormatter;
+    // Only while something listens to consoleTraffic; a decoder that
+    // skipped reads starts afresh instead of joining stale bytes.
     WireTextDecoder m_consoleDecoder;
+    bool m_consoleDecoderLive = false;
     ViewState m_viewState = ViewState::Normal;
     ReceiveTaker m_receiveTaker;
 

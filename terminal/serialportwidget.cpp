@@ -224,7 +224,6 @@ void SerialPortWidget::connectSession()
     connect(s, &PortSession::received, ui.indicatorLights->rxLight(), &LedIndicator::blink);
     connect(s, &PortSession::sent, ui.indicatorLights->txLight(), &LedIndicator::blink);
     connect(s, &PortSession::rxTapped, this, &SerialPortWidget::rxTapped);
-    connect(s, &PortSession::consoleTraffic, this, &SerialPortWidget::consoleTraffic);
     connect(s, &PortSession::note, this, [this](const QString &text) {
         // After what arrived before it, not in the middle of the queue.
         if (viewState() == ViewState::Normal)
@@ -511,9 +510,6 @@ bool SerialPortWidget::openConnection(const QString &portName, bool silent)
 
 void SerialPortWidget::closeConnection()
 {
-    // A server pane shows what its clients sent before they go.
-    if (connectionConfig().mode == ConnectionMode::TcpServer && viewState() == ViewState::Normal)
-        drain(-1);
     m_session->closeConnection();
 }
 

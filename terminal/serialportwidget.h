@@ -126,8 +126,9 @@ Q_SIGNALS:
     void peerLost(const QString &peer);
     void peerArrived(const QString &peer);
     void bridgeCloseRequested();
+    // Raw received bytes. The console's text comes from the session
+    // (PortSession::consoleTraffic), which decodes only while it is heard.
     void rxTapped(const QByteArray &data);
-    void consoleTraffic(const QString &portKey, bool isTx, const QString &text);
     // For the main window's status bar.
     void statusMessage(const QString &message, int timeoutMs);
 

@@ -39,6 +39,25 @@
     </message>
 </context>
 <context>
+    <name>CloudConsoleMenu</name>
+    <message>
+        <source>Being watched</source>
+        <translation>正在被查看</translation>
+    </message>
+    <message>
+        <source>Live Console · somebody is watching now</source>
+        <translation>实时控制台 · 现在有人正在查看</translation>
+    </message>
+    <message>
+        <source>Cloud &gt; Live Console to stop</source>
+        <translation>云 &gt; 实时控制台 可停止</translation>
+    </message>
+    <message>
+        <source>Live Console starts once you sign in.</source>
+        <translation>登录后实时控制台即会启动。</translation>
+    </message>
+</context>
+<context>
     <name>CommandLine</name>
     <message>
         <source>A terminal for serial ports and networks.</source>

@@ -115,6 +115,13 @@
     </message>
 </context>
 <context>
+    <name>CloudConsoleService</name>
+    <message>
+        <source>Live Console stopped: monthly traffic quota used up. Please top up to continue.</source>
+        <translation>实时控制台已停止：本月流量配额已用完。请充值后继续使用。</translation>
+    </message>
+</context>
+<context>
     <name>MyAccountDialog</name>
     <message>
         <source>Username</source>

@@ -279,6 +279,30 @@
         <source>Sign Out</source>
         <translation>退出登录</translation>
     </message>
+    <message>
+        <source>Live Console</source>
+        <translation>实时控制台</translation>
+    </message>
+    <message>
+        <source>Let a browser signed in to your account watch and drive this computer&apos;s ports</source>
+        <translation>让登录了您账户的浏览器查看并操作这台电脑的端口</translation>
+    </message>
+    <message>
+        <source>Allow Remote Send</source>
+        <translation>允许远程发送</translation>
+    </message>
+    <message>
+        <source>Watchers may send data to the ports</source>
+        <translation>查看者可以向端口发送数据</translation>
+    </message>
+    <message>
+        <source>Allow Remote Port Control</source>
+        <translation>允许远程控制端口</translation>
+    </message>
+    <message>
+        <source>Watchers may open and close the ports and change their serial parameters</source>
+        <translation>查看者可以打开和关闭端口并更改其串口参数</translation>
+    </message>
 </context>
 <context>
     <name>SetConfigFilePathDialog</name>

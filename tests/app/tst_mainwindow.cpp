@@ -1,3 +1,4 @@
+#include "app/cloudconsolemenu.h"
 #include "app/languagechoice.h"
 #include "app/mainwindow.h"
 #include "app/panetransfers.h"
@@ -8,6 +9,7 @@
 #include "settings/formrows.h"
 #include "app/setconfigfilepathdialog.h"
 #include "app/windowplacement.h"
+#include "cloud/cloudconsoleservice.h"
 #include "terminal/controllinelights.h"
 #include "terminal/monospacefont.h"
 #include "terminal/receiveview.h"
@@ -75,6 +77,7 @@ private Q_SLOTS:
     void transfersRunFromTheMenuWithABar();
     void transferRefusedOrCancelledFromTheMenu();
     void panesGoWhileTransfersRun();
+    void liveConsoleSwitchesAreKeptAndWatchingIsShown();
 
 private:
     std::unique_ptr<SettingsSandbox> m_sandbox;
@@ -815,6 +818,55 @@ void MainWindowTest::panesGoWhileTransfersRun()
     // the final names.
     const QStringList left = QDir(folder.path()).entryList(QDir::Files | QDir::Hidden);
     QVERIFY2(left.isEmpty(), qPrintable(left.join(u',')));
+}
+
+void MainWindowTest::liveConsoleSwitchesAreKeptAndWatchingIsShown()
+{
+    {
+        MainWindow window;
+        auto *console = window.findChild<QAction *>("acCloudConsole");
+        auto *send = window.findChild<QAction *>("acCloudConsoleAllowSend");
+        auto *control = window.findChild<QAction *>("acCloudConsoleAllowPortControl");
+        QVERIFY(console && send && control);
+        QCOMPARE(console->text(), QString("Live Console"));
+        QCOMPARE(send->text(), QString("Allow Remote Send"));
+        QCOMPARE(control->text(), QString("Allow Remote Port Control"));
+        // Everything off on a fresh installation.
+        QVERIFY(!console->isChecked() && !send->isChecked() && !control->isChecked());
+        QVERIFY(!window.consoleMenu()->service()->isEnabled());
+        console->trigger();
+        send->trigger();
+        QVERIFY(window.consoleMenu()->service()->isEnabled());
+        QCOMPARE(QSettings().value("CloudConsoleAllowRemoteSend").toBool(), true);
+        QCOMPARE(QSettings().value("CloudConsoleAllowPortControl", false).toBool(), false);
+    }
+    // The switch comes back at the next start.
+    MainWindow window;
+    CloudConsoleService *service = window.consoleMenu()->service();
+    QVERIFY(window.findChild<QAction *>("acCloudConsole")->isChecked());
+    QVERIFY(service->isEnabled());
+    QVERIFY(window.findChild<QAction *>("acCloudConsoleAllowSend")->isChecked());
+
+    auto *badge = window.statusBar()->findChild<QLabel *>("consoleBadge");
+    QVERIFY(badge);
+    QVERIFY(badge->isHidden());
+    service->onConsoleResponse({{"type", "console"}, {"status", true}, {"watching", true}, {"authoritative", true}});
+    QVERIFY(service->isWatching());
+    QVERIFY(!badge->isHidden());
+    QCOMPARE(badge->text(), QString("Being watched"));
+    QCOMPARE(badge->toolTip(), QString("Live Console \u00b7 somebody is watching now\nCloud > Live Console to stop"));
+
+    // A pane added while watched is heard at once; one removed is not missed.
+    SerialPortWidget *added = window.addPane();
+    added->session()->ingestReceived("late pane");
+    QCOMPARE(service->traffic().eventCount(), 1);
+    window.removePane(added);
+    QTRY_COMPARE_WITH_TIMEOUT(window.panes().size(), 1, 5000);
+
+    window.findChild<QAction *>("acCloudConsole")->trigger();
+    QVERIFY(!service->isEnabled());
+    QVERIFY(badge->isHidden());
+    QCOMPARE(QSettings().value("LastCloudConsole").toBool(), false);
 }
 
 QTEST_MAIN(MainWindowTest)

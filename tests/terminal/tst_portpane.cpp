@@ -346,15 +346,16 @@ void PortPaneTest::trafficSignalsCarryBothDirections()
     auto pane = tcpPane(device);
     QVERIFY(pane);
     QSignalSpy tapped(pane.get(), &SerialPortWidget::rxTapped);
-    QSignalSpy console(pane.get(), &SerialPortWidget::consoleTraffic);
+    QSignalSpy console(pane->session(), &PortSession::consoleTraffic);
     device.write("in\n");
     QTRY_COMPARE_WITH_TIMEOUT(tapped.size(), 1, 5000);
     QCOMPARE(tapped.at(0).at(0).toByteArray(), QByteArray("in\n"));
     pane->setSendText("out");
     pane->findChild<QPushButton *>("sendButton")->click();
     QTRY_COMPARE_WITH_TIMEOUT(console.size(), 2, 5000);
-    QCOMPARE(console.at(0), (QList<QVariant>{"tcpc-1", false, "in\n"}));
-    QCOMPARE(console.at(1), (QList<QVariant>{"tcpc-1", true, "out"}));
+    const QString key = pane->session()->portKey();
+    QCOMPARE(console.at(0), (QList<QVariant>{key, false, "in\n"}));
+    QCOMPARE(console.at(1), (QList<QVariant>{key, true, "out"}));
 }
 
 void PortPaneTest::pausedViewKeepsNewestAndCountsAll()

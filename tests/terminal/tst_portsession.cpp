@@ -5,6 +5,7 @@
 #include "support/ptypair.h"
 #include "terminal/portsession.h"
 
+#include <QJsonObject>
 #include <QSerialPort>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -55,6 +56,8 @@ private Q_SLOTS:
     void lostSerialPortReconnectsOnTheClock();
     void tcpClientReconnectsOnTheClock();
     void peerThatDoesNotReadIsNotSentMore();
+    void portKeyAndSnapshotEntryDescribeThePort();
+    void consoleTextIsDecodedOnlyWhileHeard();
 
 private:
     ConnectionConfig serialConfig() const
@@ -291,6 +294,59 @@ void PortSessionTest::peerThatDoesNotReadIsNotSentMore()
     stuck->setReadBufferSize(0);
     QTRY_VERIFY_WITH_TIMEOUT((drained += stuck->readAll(), !session.isPeerBacklogged()), kWait);
     QVERIFY(session.sendBytes("more"));
+}
+
+void PortSessionTest::portKeyAndSnapshotEntryDescribeThePort()
+{
+    PortSession session(1);
+    PortSession other(1);
+    QVERIFY(session.portKey().startsWith('p'));
+    QVERIFY(session.portKey() != other.portKey());
+    const QString key = session.portKey();
+
+    ConnectionConfig config = serialConfig();
+    config.parity = QSerialPort::EvenParity;
+    config.stopBits = QSerialPort::OneAndHalfStop;
+    config.flowControl = QSerialPort::SoftwareControl;
+    session.applySettings(config, {}, {});
+    QCOMPARE(session.snapshotEntry(), (QJsonObject{{"port_key", key},
+                                                   {"connection_mode", 0},
+                                                   {"mode_tag", "ser"},
+                                                   {"port_name", m_pty->pathA()},
+                                                   {"label", "ser-1"},
+                                                   {"open", false},
+                                                   {"baud_rate", 115200},
+                                                   {"data_bits", 8},
+                                                   {"parity", "even"},
+                                                   {"stop_bits", 1.5},
+                                                   {"flow_control", "xonxoff"}}));
+
+    // A network port: its endpoint, no serial members, the same key.
+    config.mode = ConnectionMode::TcpClient;
+    config.targetHost = "127.0.0.1";
+    config.targetPort = 6001;
+    session.setConnectionConfig(config);
+    QCOMPARE(session.snapshotEntry(), (QJsonObject{{"port_key", key},
+                                                   {"connection_mode", 2},
+                                                   {"mode_tag", "tcpc"},
+                                                   {"port_name", "127.0.0.1:6001"},
+                                                   {"label", "tcpc-1"},
+                                                   {"open", false}}));
+}
+
+void PortSessionTest::consoleTextIsDecodedOnlyWhileHeard()
+{
+    PortSession session(1);
+    const QByteArray character = QString::fromUtf8("状").toUtf8();
+    // Half a character arrives while nobody listens: the console never
+    // joins it to what comes after it starts listening.
+    session.ingestReceived(character.left(2));
+    QSignalSpy console(&session, &PortSession::consoleTraffic);
+    session.ingestReceived("A" + character.left(1));
+    session.ingestReceived(character.mid(1));
+    QCOMPARE(console.size(), 2);
+    QCOMPARE(console.at(0), (QList<QVariant>{session.portKey(), false, "A"}));
+    QCOMPARE(console.at(1).at(2).toString(), QString::fromUtf8("状"));
 }
 
 QTEST_GUILESS_MAIN(PortSessionTest)
