@@ -960,9 +960,9 @@ Storage::Found Storage::announceComputer(const ConsoleComputerRow &computer, int
     count.addBindValue(computer.userId);
     if (!run(count, "count console computers") || !count.next())
         return Found::Error;
-    const int known = count.value(0).toInt();
+    const int computers = count.value(0).toInt();
     count.finish();
-    if (known >= maxComputers) {
+    if (computers >= maxComputers) {
         limitReached = true;
         return Found::Yes;
     }
