@@ -42,6 +42,8 @@ if [ "$cloud" = cloud ]; then
         "usr/bin/tessaline-cloud"
         "usr/lib/systemd/system/tessaline-cloud.service"
         "usr/share/doc/tessaline-cloud/README.md"
+        "usr/share/doc/tessaline-cloud/deploy/haproxy.cfg"
+        "usr/share/doc/tessaline-cloud/deploy/tessaline-cloud@.service"
     )
 fi
 (cd "$root" && find . -type f -o -type l | sed 's|^\./||' | sort) >"$work/found"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds and runs every benchmark executable under build/bench/; each prints
+# Builds and runs every benchmark executable under build/bench/ and
+# build/server/bench/ (the cloud service's, a few minutes); each prints
 # one line per figure (name, value, unit). TSL_BENCH_WINDOW_SECONDS sets how
 # long the sixteen-pane window is loaded (default 10).
 set -euo pipefail
@@ -15,5 +16,5 @@ while IFS= read -r bench; do
     esac
     echo "== $name"
     "$bench" "${args[@]}" || status=1
-done < <(find "$build/bench" -type f -executable -name 'bench_*' | sort)
+done < <(find "$build/bench" "$build/server/bench" -type f -executable -name 'bench_*' 2>/dev/null | sort)
 exit $status

@@ -3,7 +3,8 @@
 #include <QEventLoop>
 #include <QTimer>
 #include <QJsonDocument>
-#include <QTcpSocket>
+#include <QSslConfiguration>
+#include <QSslSocket>
 
 QByteArray RawResponse::header(const QByteArray &name) const
 {
@@ -14,12 +15,13 @@ QByteArray RawResponse::header(const QByteArray &name) const
     return {};
 }
 
-RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, const QHostAddress &from)
+RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, const QHostAddress &from,
+                        const QSslCertificate *authority)
 {
     // Driven by the event loop, so a service running in this process
     // answers while we wait.
     RawResponse response;
-    QTcpSocket socket;
+    QSslSocket socket;
     QEventLoop loop;
     QByteArray data;
     qsizetype headerEnd = -1;
@@ -44,7 +46,14 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, cons
             loop.quit();
         }
     };
-    QObject::connect(&socket, &QTcpSocket::connected, &loop, [&] { socket.write(raw); });
+    if (authority) {
+        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+        tls.setCaCertificates({*authority});
+        socket.setSslConfiguration(tls);
+        QObject::connect(&socket, &QSslSocket::encrypted, &loop, [&] { socket.write(raw); });
+    } else {
+        QObject::connect(&socket, &QTcpSocket::connected, &loop, [&] { socket.write(raw); });
+    }
     QObject::connect(&socket, &QTcpSocket::readyRead, &loop, take);
     QObject::connect(&socket, &QTcpSocket::disconnected, &loop, [&] {
         take();
@@ -58,7 +67,10 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, cons
     QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
     if (!from.isNull())
         socket.bind(from);
-    socket.connectToHost(QHostAddress::LocalHost, port);
+    if (authority)
+        socket.connectToHostEncrypted(QStringLiteral("127.0.0.1"), port, QStringLiteral("localhost"));
+    else
+        socket.connectToHost(QHostAddress::LocalHost, port);
     loop.exec();
     if (!complete) {
         response.status = 0;
@@ -70,7 +82,8 @@ RawResponse rawExchange(quint16 port, const QByteArray &raw, int timeoutMs, cons
 }
 
 RawResponse httpRequest(quint16 port, const QByteArray &method, const QByteArray &path, const QByteArray &body,
-                        const QString &token, const QByteArray &extraHeaders, const QHostAddress &from)
+                        const QString &token, const QByteArray &extraHeaders, const QHostAddress &from,
+                        const QSslCertificate *authority)
 {
     QByteArray raw = method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + extraHeaders;
     if (!token.isEmpty())
@@ -78,12 +91,13 @@ RawResponse httpRequest(quint16 port, const QByteArray &method, const QByteArray
     if (method == "POST" || method == "PUT")
         raw += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n";
     raw += "\r\n" + body;
-    return rawExchange(port, raw, 5000, from);
+    return rawExchange(port, raw, 5000, from, authority);
 }
 
 RawResponse httpJson(quint16 port, const QByteArray &method, const QByteArray &path, const QJsonObject &body,
-                     const QString &token, const QByteArray &extraHeaders, const QHostAddress &from)
+                     const QString &token, const QByteArray &extraHeaders, const QHostAddress &from,
+                     const QSslCertificate *authority)
 {
     return httpRequest(port, method, path, QJsonDocument(body).toJson(QJsonDocument::Compact), token, extraHeaders,
-                       from);
+                       from, authority);
 }

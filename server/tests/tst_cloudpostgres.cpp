@@ -11,6 +11,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
+#include <QSslCertificate>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -363,30 +364,52 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
     const int listener = inheritableListener(port);
     QVERIFY(listener >= 0);
     const auto closeListener = qScopeGuard([listener] { ::close(listener); });
-    // The shipped configuration's shape, on loopback without TLS.
+    // The shipped configuration as it stands, but for where it listens (the
+    // socket above), its certificate (one made here for "localhost"), its
+    // servers (the two instances) and what only a system daemon does.
+    const QString key = m_dir.filePath(QStringLiteral("key.pem"));
+    const QString certificate = m_dir.filePath(QStringLiteral("certificate.pem"));
+    QVERIFY2(QProcess::execute(QStringLiteral("openssl"),
+                               {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                                "-keyout", key, "-out", certificate, "-days", "2", "-subj", "/CN=localhost",
+                                "-addext", "subjectAltName=DNS:localhost"})
+                 == 0,
+             "openssl (package openssl) could not make a certificate");
+    QFile keyFile(key);
+    QFile certificateFile(certificate);
+    QVERIFY(keyFile.open(QIODevice::ReadOnly) && certificateFile.open(QIODevice::ReadOnly));
+    const QByteArray certificatePem = certificateFile.readAll();
+    const QSslCertificate authority(certificatePem);
+    QVERIFY(!authority.isNull());
+    QFile bundle(m_dir.filePath(QStringLiteral("bundle.pem")));
+    QVERIFY(bundle.open(QIODevice::WriteOnly));
+    bundle.write(certificatePem + keyFile.readAll());
+    bundle.close();
+
+    QFile shipped(QStringLiteral(TSL_DEPLOY_DIR "/haproxy.cfg"));
+    QVERIFY(shipped.open(QIODevice::ReadOnly | QIODevice::Text));
+    QByteArray text;
+    int servers = 0;
+    bool tlsBind = false;
+    for (const QByteArray &line : shipped.readAll().split('\n')) {
+        const QByteArray word = line.simplified();
+        if (word.startsWith("log /dev/log") || word.startsWith("user ") || word.startsWith("group ")
+            || word == "daemon" || word.startsWith("bind :80"))
+            continue;
+        if (word.startsWith("bind :443 ssl crt ")) {
+            text += QStringLiteral("    bind fd@%1 ssl crt %2 alpn http/1.1\n").arg(listener).arg(bundle.fileName()).toUtf8();
+            tlsBind = true;
+        } else if (word.startsWith("server ")) {
+            const quint16 instance = (servers++ == 0 ? first : second)->port();
+            text += QStringLiteral("    server instance%1 127.0.0.1:%2\n").arg(servers).arg(instance).toUtf8();
+        } else {
+            text += line + '\n';
+        }
+    }
+    QVERIFY2(tlsBind && servers == 2, "the shipped haproxy.cfg changed its shape");
     QFile config(m_dir.filePath(QStringLiteral("haproxy.cfg")));
     QVERIFY(config.open(QIODevice::WriteOnly));
-    config.write(QStringLiteral("global\n"
-                                "    maxconn 1000\n"
-                                "defaults\n"
-                                "    mode http\n"
-                                "    option forwardfor\n"
-                                "    timeout connect 2s\n"
-                                "    timeout client 30s\n"
-                                "    timeout server 30s\n"
-                                "frontend cloud\n"
-                                "    bind fd@%1\n"
-                                "    default_backend instances\n"
-                                "backend instances\n"
-                                "    balance roundrobin\n"
-                                "    option httpchk GET /healthz\n"
-                                "    http-check expect status 200\n"
-                                "    server one 127.0.0.1:%2 check inter 500ms\n"
-                                "    server two 127.0.0.1:%3 check inter 500ms\n")
-                     .arg(listener)
-                     .arg(first->port())
-                     .arg(second->port())
-                     .toUtf8());
+    config.write(text);
     config.close();
     QProcess haproxy;
     haproxy.setProcessChannelMode(QProcess::MergedChannels);
@@ -396,7 +419,18 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
         haproxy.terminate();
         haproxy.waitForFinished(5000);
     });
+    const auto httpRequest = [&authority](quint16 to, const QByteArray &method, const QByteArray &path,
+                                          const QByteArray &body = {}, const QString &token = {}) {
+        return ::httpRequest(to, method, path, body, token, {}, {}, &authority);
+    };
+    const auto httpJson = [&authority](quint16 to, const QByteArray &method, const QByteArray &path,
+                                       const QJsonObject &body, const QString &token = {},
+                                       const QByteArray &extraHeaders = {}, const QHostAddress &from = {}) {
+        return ::httpJson(to, method, path, body, token, extraHeaders, from, &authority);
+    };
     QTRY_COMPARE_WITH_TIMEOUT(httpRequest(port, "GET", "/healthz").status, 200, 10000);
+    // Plain HTTP on the TLS port gets nowhere.
+    QVERIFY(::httpRequest(port, "GET", "/healthz").status != 200);
 
     // Every account and sync flow, each request on its own connection.
     const quint64 before1 = first->http().answeredRequests();
@@ -441,14 +475,17 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
     QVERIFY(second->http().answeredRequests() - before2 >= 5);
 
     // The client address is haproxy's forwarded one: guesses from one
-    // client do not delay another behind the same proxy.
-    const auto login = [&](const char *from, const char *password) {
-        return httpJson(port, "POST", "/api/v3/account/login", {{"email", email}, {"password", password}}, {}, {},
+    // client do not delay another behind the same proxy, and a client cannot
+    // name an address of its own.
+    const auto login = [&](const char *from, const char *password, const QByteArray &claim = {}) {
+        return httpJson(port, "POST", "/api/v3/account/login", {{"email", email}, {"password", password}}, {},
+                        claim.isEmpty() ? QByteArray() : "X-Forwarded-For: " + claim + "\r\n",
                         QHostAddress(QString::fromLatin1(from)));
     };
     for (int i = 0; i < 3; ++i)
         QCOMPARE(login("127.0.0.2", "guess").code(), QStringLiteral("invalid_credentials"));
     QCOMPARE(login("127.0.0.2", "long enough").code(), QStringLiteral("too_many_attempts"));
+    QCOMPARE(login("127.0.0.2", "long enough", "192.0.2.7").code(), QStringLiteral("too_many_attempts"));
     QVERIFY(login("127.0.0.3", "long enough").ok());
 }
 
