@@ -8,6 +8,7 @@
 #include <variant>
 
 class AccountService;
+class ConsoleService;
 class QuotaService;
 class SyncService;
 
@@ -18,6 +19,7 @@ struct ServiceSet
     AccountService &accounts;
     SyncService &sync;
     QuotaService &quota;
+    ConsoleService &console;
 };
 
 // Password work, done apart from the database work (it costs tens of

@@ -1,6 +1,7 @@
 #include "apirouter.h"
 
 #include "accountservice.h"
+#include "consoleservice.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
 #include "syncservice.h"
@@ -20,8 +21,9 @@ struct Route
 
 namespace {
 
-// Console, relay and share endpoints join this table when their services
-// exist; until then their paths answer "not_found" in their own family.
+// Relay and share endpoints join this table when their services exist;
+// until then their paths answer "not_found" in their own family. Where two
+// patterns fit a path, the first in the table wins.
 const QList<Route> &routes()
 {
     static const QList<Route> table = {
@@ -72,6 +74,49 @@ const QList<Route> &routes()
         {"PUT", {"sync", "items", "*", "*"}, true, false,
          [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
              return s.sync.put(caller, args[0], args[1], body);
+         }},
+        // Live Console: the computer's side.
+        {"POST", {"console", "heartbeat"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.console.heartbeat(caller, body);
+         }},
+        {"GET", {"console", "commands", "poll"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             return s.console.poll(caller, r.query.queryItemValue(QStringLiteral("cid"), QUrl::FullyDecoded),
+                                   r.query.queryItemValue(QStringLiteral("limit")));
+         }},
+        {"POST", {"console", "commands", "*", "ack"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.console.acknowledge(caller, args[0], body);
+         }},
+        {"POST", {"console", "commands", "*", "result"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.console.result(caller, args[0], body);
+         }},
+        {"POST", {"console", "events"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.console.events(caller, body);
+         }},
+        {"POST", {"console", "ports", "snapshot"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.console.snapshot(caller, body);
+         }},
+        // Live Console: the browser's side.
+        {"GET", {"console", "computers"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.console.computers(caller);
+         }},
+        {"GET", {"console", "computers", "*", "ports"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.console.ports(caller, args[0]);
+         }},
+        {"POST", {"console", "computers", "*", "commands"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.console.issue(caller, args[0], body);
+         }},
+        {"GET", {"console", "commands", "*"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.console.command(caller, args[0]);
          }},
     };
     return table;

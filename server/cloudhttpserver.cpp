@@ -3,6 +3,7 @@
 #include "apirouter.h"
 #include "connectionlistener.h"
 #include "servicelog.h"
+#include "webpage.h"
 #include "workerpool.h"
 
 #include <QJsonDocument>
@@ -261,6 +262,15 @@ void CloudHttpServer::onRequest(HttpConnection *connection, const HttpRequest &r
                                                                   ? QStringLiteral("reachable")
                                                                   : QStringLiteral("unreachable")}};
         answer(connection, api, WorkReply::from(ApiReply{Http::Ok, health}), timer);
+        return;
+    }
+    if (std::optional<HttpResponse> page = WebPage::serve(api.method, api.path)) {
+        connection->respond(*page);
+        ++m_answered;
+        qCInfo(lcHttp).noquote() << QStringLiteral("%1 %2 %3 page %4")
+                                        .arg(QString::fromLatin1(api.method), api.path)
+                                        .arg(page->status)
+                                        .arg(api.remoteAddress);
         return;
     }
     if (m_socketEndpoints.contains(api.path)) {

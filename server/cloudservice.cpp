@@ -1,6 +1,9 @@
 #include "cloudservice.h"
 
 #include "codemailer.h"
+#include "consolehub.h"
+#include "consolelive.h"
+#include "consoleservice.h"
 #include "loopwatch.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
@@ -10,6 +13,7 @@
 
 #include <QThread>
 #include <QTimer>
+#include <QWebSocket>
 
 namespace {
 
@@ -18,11 +22,13 @@ class ServiceContext : public WorkerContext
 {
 public:
     ServiceContext(const PasswordHasher &hasher, CodeMailer &mailer, const AccountPolicy &policy,
-                   const SyncPolicy &syncPolicy, qint64 monthlyQuotaBytes, const ServiceClock &clock)
+                   const SyncPolicy &syncPolicy, qint64 monthlyQuotaBytes, const ServiceClock &clock,
+                   ConsoleLive &live, const ConsolePolicy &consolePolicy)
         : m_quota(m_storage, monthlyQuotaBytes, clock),
           m_accounts(m_storage, hasher, mailer, policy, clock),
           m_sync(m_storage, m_quota, syncPolicy, clock),
-          m_services{m_accounts, m_sync, m_quota}
+          m_console(m_storage, m_quota, live, consolePolicy, clock),
+          m_services{m_accounts, m_sync, m_quota, m_console}
     {
     }
 
@@ -35,6 +41,7 @@ private:
     QuotaService m_quota;
     AccountService m_accounts;
     SyncService m_sync;
+    ConsoleService m_console;
     ServiceSet m_services;
 };
 
@@ -89,10 +96,14 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     const qint64 quota = config.monthlyQuotaBytes;
     const PasswordHasher &hasher = *m_hasher;
     CodeMailer &queuedMailer = *m_queuedMailer;
+    m_live = new ConsoleLive(this);
+    ConsoleLive &live = *m_live;
+    const ConsolePolicy consolePolicy;
     m_pool = std::make_unique<WorkerPool>(
         limits,
-        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock](QString *openError) {
-            auto context = std::make_unique<ServiceContext>(hasher, queuedMailer, policy, syncPolicy, quota, clock);
+        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy](QString *openError) {
+            auto context = std::make_unique<ServiceContext>(hasher, queuedMailer, policy, syncPolicy, quota, clock,
+                                                            live, consolePolicy);
             if (!context->open(database, openError))
                 context.reset();
             return std::unique_ptr<WorkerContext>(std::move(context));
@@ -116,11 +127,17 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_port = m_http->start(config.listenAddress, config.port, error);
     if (m_port == 0)
         return false;
+    m_console = new ConsoleHub(*m_pool, *m_live, consolePolicy, this);
+    m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kComputerPath),
+                              [this](std::unique_ptr<QWebSocket> socket) { m_console->addComputer(std::move(socket)); });
+    m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kWatchPath),
+                              [this](std::unique_ptr<QWebSocket> socket) { m_console->addWatcher(std::move(socket)); });
 
-    const auto prune = [this, clock, policy] {
+    const auto prune = [this, clock, policy, consolePolicy] {
         m_pool->submit(QStringLiteral("error"),
-                       [clock, policy](WorkerContext &context) -> ApiOutcome {
-                           context.storage().pruneExpired(clock(), policy.attemptWindowMs, policy.refreshGraceMs);
+                       [clock, policy, consolePolicy](WorkerContext &context) -> ApiOutcome {
+                           context.storage().pruneExpired(clock(), policy.attemptWindowMs, policy.refreshGraceMs,
+                                                          consolePolicy.commandKeepMs);
                            return ApiReply::ok(QStringLiteral("error"));
                        },
                        {});

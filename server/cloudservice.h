@@ -11,6 +11,8 @@
 #include <memory>
 
 class CodeMailer;
+class ConsoleHub;
+class ConsoleLive;
 class LoopWatch;
 class PasswordHasher;
 class QTimer;
@@ -39,6 +41,7 @@ public:
 
     CloudHttpServer &http() { return *m_http; }
     WorkerPool &pool() { return *m_pool; }
+    ConsoleHub &console() { return *m_console; }
     // The longest time the event loop was held up so far.
     qint64 longestStallMs() const;
 
@@ -48,6 +51,8 @@ private:
     std::unique_ptr<CodeMailer> m_queuedMailer;
     std::unique_ptr<WorkerPool> m_pool;
     CloudHttpServer *m_http = nullptr;
+    ConsoleLive *m_live = nullptr;
+    ConsoleHub *m_console = nullptr;
     LoopWatch *m_loopWatch = nullptr;
     QTimer *m_prune = nullptr;
     quint16 m_port = 0;

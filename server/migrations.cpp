@@ -96,6 +96,35 @@ QList<Migration> migrations(SqlDialect dialect)
              QStringLiteral("CREATE INDEX refresh_tokens_successor ON refresh_tokens (rotated_at)"
                             " WHERE successor IS NOT NULL"),
          }},
+        {3,
+         {
+             // A computer of the Live Console, bound to the account that
+             // first announced its cid; its last port snapshot rides along.
+             QStringLiteral("CREATE TABLE console_computers ("
+                            " cid TEXT PRIMARY KEY,"
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " hostname TEXT NOT NULL,"
+                            " version TEXT NOT NULL,"
+                            " session_id TEXT NOT NULL,"
+                            " last_seen_at BIGINT NOT NULL,"
+                            " ports TEXT,"
+                            " ports_at BIGINT)"),
+             QStringLiteral("CREATE INDEX console_computers_user ON console_computers (user_id)"),
+             // A command lives from its issue to its result: "queued",
+             // "delivered" (pushed or polled), "acknowledged" (the computer
+             // took it over HTTP), "done" (its result is in).
+             QStringLiteral("CREATE TABLE console_commands ("
+                            " id %ID%,"
+                            " cid TEXT NOT NULL REFERENCES console_computers(cid) ON DELETE CASCADE,"
+                            " command TEXT NOT NULL,"
+                            " payload TEXT NOT NULL,"
+                            " state TEXT NOT NULL,"
+                            " created_at BIGINT NOT NULL,"
+                            " result TEXT,"
+                            " finished_at BIGINT)"),
+             QStringLiteral("CREATE INDEX console_commands_open ON console_commands (cid, state)"),
+             QStringLiteral("CREATE INDEX console_commands_age ON console_commands (created_at)"),
+         }},
     };
     for (Migration &step : steps) {
         for (QString &sql : step.statements)

@@ -27,6 +27,19 @@ bool QuotaService::allows(qint64 userId, qint64 bytes, bool &ok)
     return used + bytes <= m_limit;
 }
 
+std::optional<qint64> QuotaService::remaining(qint64 userId, bool &ok)
+{
+    ok = true;
+    if (!isEnforced())
+        return std::nullopt;
+    qint64 used = 0;
+    if (!m_storage.trafficOf(userId, currentMonth(), used)) {
+        ok = false;
+        return std::nullopt;
+    }
+    return qMax<qint64>(0, m_limit - used);
+}
+
 bool QuotaService::record(qint64 userId, qint64 bytes)
 {
     return m_storage.addTraffic(userId, currentMonth(), bytes);

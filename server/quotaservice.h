@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "apireply.h"
 #include "servicetime.h"
 
@@ -16,6 +18,9 @@ public:
     // Whether `bytes` more fit this month; false in `ok` on a storage failure.
     bool allows(qint64 userId, qint64 bytes, bool &ok);
     bool record(qint64 userId, qint64 bytes);
+    // Bytes left this month when a limit is enforced (never below 0);
+    // nothing when unlimited or on a storage failure (`ok` false).
+    std::optional<qint64> remaining(qint64 userId, bool &ok);
     ApiReply status(qint64 userId);
     // "yyyy-MM" of the current UTC month.
     QString currentMonth() const;

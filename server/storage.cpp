@@ -159,6 +159,9 @@ bool Storage::endWork()
 {
     if (m_inTransaction)
         rollback();  // work that failed half-way leaves nothing open
+    // Nor does a statement left on its first row (an INSERT ... RETURNING
+    // read once holds SQLite's write lock until it is reset).
+    releaseStatements();
     if (!m_failed || m_lost)
         return m_lost;
     m_failed = false;
@@ -897,9 +900,238 @@ bool Storage::trafficOf(qint64 userId, const QString &month, qint64 &bytes)
     return true;
 }
 
+// --- Live Console ---------------------------------------------------------------
+
+namespace {
+
+ConsoleComputerRow consoleComputerFrom(const QSqlQuery &q)
+{
+    ConsoleComputerRow row;
+    row.cid = q.value(0).toString();
+    row.userId = q.value(1).toLongLong();
+    row.hostname = q.value(2).toString();
+    row.version = q.value(3).toString();
+    row.sessionId = q.value(4).toString();
+    row.lastSeenAt = q.value(5).toLongLong();
+    row.ports = q.value(6).toString();
+    row.portsAt = q.value(7).toLongLong();
+    return row;
+}
+
+ConsoleCommandRow consoleCommandFrom(const QSqlQuery &q)
+{
+    ConsoleCommandRow row;
+    row.id = q.value(0).toLongLong();
+    row.cid = q.value(1).toString();
+    row.command = q.value(2).toString();
+    row.payload = q.value(3).toString();
+    row.state = q.value(4).toString();
+    row.createdAt = q.value(5).toLongLong();
+    row.result = q.value(6).toString();
+    row.finishedAt = q.value(7).toLongLong();
+    return row;
+}
+
+const char kComputerColumns[] = "cid, user_id, hostname, version, session_id, last_seen_at, ports, ports_at";
+const char kCommandColumns[] = "id, cid, command, payload, state, created_at, result, finished_at";
+
+} // namespace
+
+Storage::Found Storage::announceComputer(const ConsoleComputerRow &computer, int maxComputers, bool &limitReached)
+{
+    limitReached = false;
+    ConsoleComputerRow known;
+    const Found found = consoleComputer(computer.cid, known);
+    if (found == Found::Error)
+        return Found::Error;
+    if (found == Found::Yes) {
+        if (known.userId != computer.userId)
+            return Found::No;
+        QSqlQuery &q = prepare(QStringLiteral("UPDATE console_computers SET hostname = ?, version = ?, session_id = ?,"
+                                             " last_seen_at = ? WHERE cid = ?"));
+        q.addBindValue(text(computer.hostname));
+        q.addBindValue(text(computer.version));
+        q.addBindValue(text(computer.sessionId));
+        q.addBindValue(computer.lastSeenAt);
+        q.addBindValue(computer.cid);
+        return run(q, "touch console computer") ? Found::Yes : Found::Error;
+    }
+    QSqlQuery &count = prepare(QStringLiteral("SELECT COUNT(*) FROM console_computers WHERE user_id = ?"));
+    count.addBindValue(computer.userId);
+    if (!run(count, "count console computers") || !count.next())
+        return Found::Error;
+    const int computers = count.value(0).toInt();
+    count.finish();
+    if (computers >= maxComputers) {
+        limitReached = true;
+        return Found::Yes;
+    }
+    // Two first announcements may race: the loser's insert does nothing
+    // and the owner is read again.
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO console_computers (cid, user_id, hostname, version, session_id,"
+                                         " last_seen_at) VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT (cid) DO NOTHING"));
+    q.addBindValue(computer.cid);
+    q.addBindValue(computer.userId);
+    q.addBindValue(text(computer.hostname));
+    q.addBindValue(text(computer.version));
+    q.addBindValue(text(computer.sessionId));
+    q.addBindValue(computer.lastSeenAt);
+    if (!run(q, "insert console computer"))
+        return Found::Error;
+    const Found again = consoleComputer(computer.cid, known);
+    if (again != Found::Yes)
+        return Found::Error;
+    return known.userId == computer.userId ? Found::Yes : Found::No;
+}
+
+Storage::Found Storage::consoleComputer(const QString &cid, ConsoleComputerRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM console_computers WHERE cid = ?")
+                               .arg(QLatin1String(kComputerColumns)));
+    q.addBindValue(cid);
+    if (!run(q, "console computer"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = consoleComputerFrom(q);
+    q.finish();  // a read left open would hold an old snapshot into this connection's next write
+    return Found::Yes;
+}
+
+bool Storage::consoleComputers(qint64 userId, QList<ConsoleComputerRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM console_computers WHERE user_id = ? ORDER BY hostname, cid")
+                               .arg(QLatin1String(kComputerColumns)));
+    q.addBindValue(userId);
+    if (!run(q, "console computers"))
+        return false;
+    while (q.next())
+        out.append(consoleComputerFrom(q));
+    return true;
+}
+
+bool Storage::touchConsoleComputers(const QStringList &cids, qint64 now)
+{
+    bool ok = true;
+    for (const QString &cid : cids) {
+        QSqlQuery &q = prepare(QStringLiteral("UPDATE console_computers SET last_seen_at = ? WHERE cid = ?"));
+        q.addBindValue(now);
+        q.addBindValue(cid);
+        ok = run(q, "touch console computers") && ok;
+    }
+    return ok;
+}
+
+bool Storage::setConsolePorts(const QString &cid, const QString &ports, qint64 now)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE console_computers SET ports = ?, ports_at = ?, last_seen_at = ?"
+                                         " WHERE cid = ?"));
+    q.addBindValue(ports);
+    q.addBindValue(now);
+    q.addBindValue(now);
+    q.addBindValue(cid);
+    return run(q, "set console ports");
+}
+
+bool Storage::countOpenCommands(const QString &cid, int &count)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM console_commands WHERE cid = ? AND state <> 'done'"));
+    q.addBindValue(cid);
+    if (!run(q, "count console commands") || !q.next())
+        return false;
+    count = q.value(0).toInt();
+    q.finish();
+    return true;
+}
+
+bool Storage::insertConsoleCommand(ConsoleCommandRow &command)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO console_commands (cid, command, payload, state, created_at)"
+                                         " VALUES (?, ?, ?, 'queued', ?) RETURNING id"));
+    q.addBindValue(command.cid);
+    q.addBindValue(command.command);
+    q.addBindValue(command.payload);
+    q.addBindValue(command.createdAt);
+    if (!run(q, "insert console command") || !q.next())
+        return false;
+    command.id = q.value(0).toLongLong();
+    q.finish();  // until then SQLite keeps the write open
+    command.state = QStringLiteral("queued");
+    return true;
+}
+
+Storage::Found Storage::consoleCommand(qint64 id, ConsoleCommandRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM console_commands WHERE id = ?").arg(QLatin1String(kCommandColumns)));
+    q.addBindValue(id);
+    if (!run(q, "console command"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = consoleCommandFrom(q);
+    q.finish();
+    return Found::Yes;
+}
+
+bool Storage::deliverConsoleCommands(const QString &cid, int limit, bool onlyQueued, QList<ConsoleCommandRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM console_commands WHERE cid = ? AND state IN ('queued', %2)"
+                                         " ORDER BY id LIMIT ?")
+                               .arg(QLatin1String(kCommandColumns),
+                                    onlyQueued ? QStringLiteral("'queued'") : QStringLiteral("'delivered'")));
+    q.addBindValue(cid);
+    q.addBindValue(limit);
+    if (!run(q, "open console commands"))
+        return false;
+    QList<ConsoleCommandRow> rows;
+    while (q.next())
+        rows.append(consoleCommandFrom(q));
+    q.finish();
+    for (ConsoleCommandRow &row : rows) {
+        if (row.state != QLatin1String("queued"))
+            continue;
+        QSqlQuery &mark = prepare(QStringLiteral("UPDATE console_commands SET state = 'delivered' WHERE id = ?"
+                                                " AND state = 'queued'"));
+        mark.addBindValue(row.id);
+        if (!run(mark, "deliver console command"))
+            return false;
+        row.state = QStringLiteral("delivered");
+    }
+    out = rows;
+    return true;
+}
+
+Storage::Found Storage::acknowledgeConsoleCommand(const QString &cid, qint64 id)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE console_commands SET state = 'acknowledged' WHERE id = ? AND cid = ?"
+                                         " AND state <> 'done'"));
+    q.addBindValue(id);
+    q.addBindValue(cid);
+    if (!run(q, "acknowledge console command"))
+        return Found::Error;
+    return q.numRowsAffected() > 0 ? Found::Yes : Found::No;
+}
+
+Storage::Found Storage::finishConsoleCommand(const QString &cid, qint64 id, const QString &result, qint64 now,
+                                             ConsoleCommandRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE console_commands SET state = 'done', result = ?, finished_at = ?"
+                                         " WHERE id = ? AND cid = ? AND state <> 'done'"));
+    q.addBindValue(result);
+    q.addBindValue(now);
+    q.addBindValue(id);
+    q.addBindValue(cid);
+    if (!run(q, "finish console command"))
+        return Found::Error;
+    const Found found = consoleCommand(id, out);
+    if (found == Found::Yes && out.cid != cid)
+        return Found::No;
+    return found;
+}
+
 // --- housekeeping ---------------------------------------------------------------
 
-bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs)
+bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs)
 {
     struct Step
     {
@@ -929,6 +1161,12 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGra
         QSqlQuery &q = prepare(step.sql);
         q.addBindValue(step.bound);
         ok = run(q, step.what) && ok;
+    }
+    if (commandKeepMs > 0) {
+        // Console commands, answered or not, are kept this long.
+        QSqlQuery &q = prepare(QStringLiteral("DELETE FROM console_commands WHERE created_at < ?"));
+        q.addBindValue(now - commandKeepMs);
+        ok = run(q, "prune console commands") && ok;
     }
     return ok;
 }

@@ -6,6 +6,7 @@
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 #include <unordered_map>
@@ -82,6 +83,30 @@ struct SyncItemRow
 
 // The one place that talks to the database: it owns the connection, the
 // schema and its migrations, and every SQL statement of the service.
+struct ConsoleComputerRow
+{
+    QString cid;
+    qint64 userId = 0;
+    QString hostname;
+    QString version;
+    QString sessionId;
+    qint64 lastSeenAt = 0;
+    QString ports;  // JSON array text, empty before the first snapshot
+    qint64 portsAt = 0;
+};
+
+struct ConsoleCommandRow
+{
+    qint64 id = 0;
+    QString cid;
+    QString command;
+    QString payload;  // JSON object text
+    QString state;    // "queued", "delivered", "acknowledged", "done"
+    qint64 createdAt = 0;
+    QString result;   // JSON object text once done
+    qint64 finishedAt = 0;
+};
+
 // Methods report database failures as false (or Found::Error) and log the
 // driver's text; callers answer "internal_error" without details. One
 // Storage is one connection, used by one thread at a time; serving, every
@@ -185,8 +210,30 @@ public:
     bool addTraffic(qint64 userId, const QString &month, qint64 bytes);
     bool trafficOf(qint64 userId, const QString &month, qint64 &bytes);
 
+    // Live Console. A cid is bound to the account that first announced
+    // it: `announceComputer` answers No when it belongs to another one,
+    // and leaves `limitReached` set when the account has `maxComputers`.
+    Found announceComputer(const ConsoleComputerRow &computer, int maxComputers, bool &limitReached);
+    Found consoleComputer(const QString &cid, ConsoleComputerRow &out);
+    bool consoleComputers(qint64 userId, QList<ConsoleComputerRow> &out);
+    bool touchConsoleComputers(const QStringList &cids, qint64 now);
+    bool setConsolePorts(const QString &cid, const QString &ports, qint64 now);
+    bool countOpenCommands(const QString &cid, int &count);
+    bool insertConsoleCommand(ConsoleCommandRow &command);  // fills id
+    Found consoleCommand(qint64 id, ConsoleCommandRow &out);
+    // Commands not yet acknowledged nor done, oldest first, marked
+    // "delivered" on the way out; with `onlyQueued`, those not yet
+    // delivered at all.
+    bool deliverConsoleCommands(const QString &cid, int limit, bool onlyQueued, QList<ConsoleCommandRow> &out);
+    // Found::No: no such command of `cid`, or it is done already.
+    Found acknowledgeConsoleCommand(const QString &cid, qint64 id);
+    // Found::No: no such command of `cid`. A result that comes again
+    // leaves the first one standing.
+    Found finishConsoleCommand(const QString &cid, qint64 id, const QString &result, qint64 now,
+                               ConsoleCommandRow &out);
+
     // Drops what has expired; run now and then.
-    bool pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs);
+    bool pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs = 0);
 
 private:
     bool connect(QString *error);

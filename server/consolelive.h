@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QHash>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QObject>
+#include <QSet>
+#include <QString>
+
+#include <mutex>
+
+// What the console sockets on the event loop and the database threads
+// share. The loop says which computers hold a socket here and how many
+// watch each; requests on database threads read it (under a lock) to
+// answer "watching" and the online state. Database threads tell the loop
+// what they stored through its signals, which reach the loop queued.
+class ConsoleLive : public QObject
+{
+    Q_OBJECT
+public:
+    using QObject::QObject;
+
+    int watchers(const QString &cid) const;
+    bool holdsSocket(const QString &cid) const;
+    void setWatchers(const QString &cid, int count);
+    void setHoldsSocket(const QString &cid, bool held);
+
+signals:
+    // A command was issued for `cid`.
+    void commandQueued(const QString &cid);
+    // A command's result came in (by HTTP): {"type":"result", ...} for watchers.
+    void resultStored(const QString &cid, const QJsonObject &message);
+    // A snapshot came in (by HTTP): {"type":"snapshot", ...} for watchers.
+    void portsStored(const QString &cid, const QJsonObject &message);
+    // Traffic came in (by HTTP): {"type":"events", ...} for watchers.
+    void eventsArrived(const QString &cid, const QJsonObject &message, int eventCount);
+
+private:
+    mutable std::mutex m_mutex;
+    QHash<QString, int> m_watchers;
+    QSet<QString> m_sockets;
+};

@@ -1,0 +1,550 @@
+// Live Console on the service: a computer's HTTP and socket side, the
+// browser's API and its watcher socket, against the real service in this
+// process on a loopback port.
+#include "codemailer.h"
+#include "cloudservice.h"
+#include "consolehub.h"
+#include "rawhttp.h"
+#include "watcherqueue.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QNetworkRequest>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QWebSocket>
+#include <QtTest>
+
+namespace {
+
+struct KeptCodes : CodeMailer
+{
+    QHash<QString, QString> codes;
+    void sendCode(const QString &email, const QString &code, int) override { codes.insert(email, code); }
+};
+
+constexpr qint64 kStart = 1'790'000'000'000;
+const QString kCid = QStringLiteral("3f0c2b1e-8a7d-4c55-9e21-0d6b5a4f7c10");
+
+QJsonObject objectOf(const QString &text)
+{
+    return QJsonDocument::fromJson(text.toUtf8()).object();
+}
+
+// One end of a console socket, keeping what it was sent.
+class SocketClient : public QObject
+{
+public:
+    QWebSocket socket;
+    QList<QJsonObject> received;
+    bool closed = false;
+
+    SocketClient()
+    {
+        connect(&socket, &QWebSocket::textMessageReceived, this,
+                [this](const QString &text) { received.append(objectOf(text)); });
+        connect(&socket, &QWebSocket::disconnected, this, [this] { closed = true; });
+    }
+    bool open(quint16 port, const char *path, const QString &token = {})
+    {
+        QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1%2").arg(port).arg(QLatin1String(path))));
+        if (!token.isEmpty())
+            request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+        socket.open(request);
+        return QTest::qWaitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; }, 5000);
+    }
+    void send(const QJsonObject &object)
+    {
+        socket.sendTextMessage(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
+    }
+    // The first message at or after `from` with `member` equal to `value`.
+    int find(const QString &member, const QJsonValue &value, int from = 0) const
+    {
+        for (int i = from; i < received.size(); ++i) {
+            if (received[i].value(member) == value)
+                return i;
+        }
+        return -1;
+    }
+    QList<QJsonObject> ofType(const QString &type) const
+    {
+        QList<QJsonObject> out;
+        for (const QJsonObject &message : received) {
+            if (message.value(QLatin1String("type")).toString() == type)
+                out.append(message);
+        }
+        return out;
+    }
+};
+
+QJsonObject trafficEvent(const QString &text, int seq)
+{
+    return {{"port_key", "p1"}, {"event_type", "rx"}, {"payload_text", text}, {"seq", seq}, {"client_time", kStart}};
+}
+
+} // namespace
+
+class TestConsoleApi : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void watcherQueueDropsOldestTrafficAndSaysHowMuch_data();
+    void watcherQueueDropsOldestTrafficAndSaysHowMuch();
+    void commandsLiveInTheDatabaseFromIssueToResult();
+    void commandsWaitForTheSocketAndSurviveARestart();
+    void aCidBelongsToTheAccountThatFirstUsedIt();
+    void watchersAreToldToTheComputerAndSeeItsTraffic();
+    void watchersAreRefusedWithAReason_data();
+    void watchersAreRefusedWithAReason();
+    void trafficCountsAgainstTheQuota();
+    void badConsoleInputGetsAnEnvelope_data();
+    void badConsoleInputGetsAnEnvelope();
+    void thePageIsServedWithAStrictPolicy_data();
+    void thePageIsServedWithAStrictPolicy();
+
+private:
+    bool startService(qint64 quota = 0);
+    QString signUp(const QString &email);
+    QJsonObject heartbeat(const QString &token, const QString &cid = kCid);
+    QString issue(const QString &token, const QJsonObject &command);
+
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::atomic<qint64> m_now = kStart;
+    KeptCodes m_mailer;
+    std::unique_ptr<CloudService> m_service;
+    quint16 m_port = 0;
+};
+
+bool TestConsoleApi::startService(qint64 quota)
+{
+    m_service.reset();
+    ServiceConfig config;
+    config.listenAddress = QHostAddress(QHostAddress::LocalHost);
+    config.port = 0;
+    config.database = m_dir->filePath(QStringLiteral("cloud.sqlite"));
+    config.argon2 = {256, 1, 1};
+    config.monthlyQuotaBytes = quota;
+    m_service = std::make_unique<CloudService>();
+    QString error;
+    const bool ok = m_service->start(config, &error, [this] { return m_now.load(); }, &m_mailer);
+    if (!ok)
+        qWarning() << error;
+    m_port = m_service->port();
+    return ok;
+}
+
+void TestConsoleApi::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    m_now = kStart;
+    QVERIFY(startService());
+}
+
+void TestConsoleApi::cleanup()
+{
+    m_service.reset();
+    m_dir.reset();
+}
+
+QString TestConsoleApi::signUp(const QString &email)
+{
+    httpJson(m_port, "POST", "/api/v3/account/register/code", {{"email", email}});
+    return httpJson(m_port, "POST", "/api/v3/account/register",
+                    {{"email", email}, {"username", "Ada"}, {"password", "correct horse"},
+                     {"code", m_mailer.codes.value(email)}, {"device_name", "bench"}, {"client_version", "6.6.7"}})
+        .json.value("access_token")
+        .toString();
+}
+
+QJsonObject TestConsoleApi::heartbeat(const QString &token, const QString &cid)
+{
+    return httpJson(m_port, "POST", "/api/v3/console/heartbeat",
+                    {{"cid", cid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}, {"poll", true}},
+                    token)
+        .json;
+}
+
+QString TestConsoleApi::issue(const QString &token, const QJsonObject &command)
+{
+    const RawResponse reply = httpJson(m_port, "POST", "/api/v3/console/computers/" + kCid.toUtf8() + "/commands",
+                                       command, token);
+    return reply.json.value("command_id").toString();
+}
+
+void TestConsoleApi::watcherQueueDropsOldestTrafficAndSaysHowMuch_data()
+{
+    QTest::addColumn<int>("maxMessages");
+    QTest::addColumn<QList<int>>("pushed");  // events per message, 0: a control message
+    QTest::addColumn<QList<QByteArray>>("taken");
+
+    QTest::newRow("fits") << 4 << QList<int>{1, 0, 2} << QList<QByteArray>{"m0", "m1", "m2"};
+    QTest::newRow("oldest traffic goes first") << 3 << QList<int>{0, 2, 3, 1, 4}
+                                               << QList<QByteArray>{"{\"type\":\"lost\",\"events\":5,\"messages\":0}",
+                                                                    "m0", "m3", "m4"};
+    QTest::newRow("only control messages") << 2 << QList<int>{0, 0, 0}
+                                           << QList<QByteArray>{"{\"type\":\"lost\",\"events\":0,\"messages\":1}",
+                                                                "m1", "m2"};
+}
+
+void TestConsoleApi::watcherQueueDropsOldestTrafficAndSaysHowMuch()
+{
+    QFETCH(int, maxMessages);
+    QFETCH(QList<int>, pushed);
+    QFETCH(QList<QByteArray>, taken);
+    WatcherQueue queue({maxMessages, 1 << 20});
+    for (int i = 0; i < pushed.size(); ++i)
+        queue.push("m" + QByteArray::number(i), pushed[i]);
+    QVERIFY(queue.size() <= maxMessages);
+    QList<QByteArray> out;
+    while (!queue.isEmpty())
+        out.append(queue.take());
+    QCOMPARE(out, taken);
+    QCOMPARE(queue.bytes(), 0);
+
+    // The byte bound holds as well, a lone large message aside.
+    WatcherQueue bytes({100, 10});
+    bytes.push("12345678", 1);
+    bytes.push("12345678", 1);
+    QCOMPARE(bytes.size(), 1);
+    QCOMPARE(bytes.lostEvents(), 1);
+    bytes.push(QByteArray(64, 'x'), 1);
+    QCOMPARE(bytes.size(), 1);
+}
+
+void TestConsoleApi::commandsLiveInTheDatabaseFromIssueToResult()
+{
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    const QJsonObject beat = heartbeat(token);
+    QVERIFY2(beat.value("status").toBool(), qPrintable(beat.value("description").toString()));
+    QCOMPARE(beat.value("ws"), QJsonValue(true));
+    QCOMPARE(beat.value("watching"), QJsonValue(false));
+    QCOMPARE(beat.value("authoritative"), QJsonValue(true));
+
+    const QString id = issue(token, {{"command", "send_text"},
+                                     {"payload", QJsonObject{{"port_key", "p1"}, {"text", "hello"}, {"line_ending", "crlf"}}}});
+    QVERIFY(!id.isEmpty());
+    const QByteArray poll = "/api/v3/console/commands/poll?cid=" + kCid.toUtf8() + "&limit=16";
+    // Polled but not acknowledged: offered again.
+    for (int round = 0; round < 2; ++round) {
+        const QJsonArray commands = httpRequest(m_port, "GET", poll, {}, token).json.value("commands").toArray();
+        QCOMPARE(commands.size(), 1);
+        QCOMPARE(commands[0].toObject().value("command_id").toString(), id);
+        QCOMPARE(commands[0].toObject().value("command").toString(), QStringLiteral("send_text"));
+        QCOMPARE(commands[0].toObject().value("payload").toObject().value("line_ending").toString(), QStringLiteral("crlf"));
+    }
+    const QJsonObject identity{{"cid", kCid}, {"session_id", "s1"}};
+    QVERIFY(httpJson(m_port, "POST", "/api/v3/console/commands/" + id.toUtf8() + "/ack", identity, token).ok());
+    QVERIFY(httpRequest(m_port, "GET", poll, {}, token).json.value("commands").toArray().isEmpty());
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/console/commands/" + id.toUtf8(), {}, token)
+                 .json.value("command").toObject().value("state").toString(),
+             QStringLiteral("acknowledged"));
+
+    QJsonObject result = identity;
+    result.insert("status", "failed");
+    result.insert("error_code", "permission_denied");
+    result.insert("message", "remote send is disabled on the device");
+    // A result delivered twice is confirmed twice; the first one stands.
+    for (int round = 0; round < 2; ++round) {
+        const RawResponse confirmed = httpJson(m_port, "POST", "/api/v3/console/commands/" + id.toUtf8() + "/result",
+                                               result, token);
+        QVERIFY(confirmed.ok());
+        QCOMPARE(confirmed.json.value("command_id").toString(), id);
+        result.insert("message", "changed");
+    }
+    const QJsonObject stored = httpRequest(m_port, "GET", "/api/v3/console/commands/" + id.toUtf8(), {}, token)
+                                   .json.value("command").toObject();
+    QCOMPARE(stored.value("state").toString(), QStringLiteral("done"));
+    QCOMPARE(stored.value("result").toObject().value("message").toString(),
+             QStringLiteral("remote send is disabled on the device"));
+    QVERIFY(!stored.value("result").toObject().contains("session_id"));
+
+    // A result nobody asked for is refused with its id, so the computer lets it go.
+    const RawResponse unknown = httpJson(m_port, "POST", "/api/v3/console/commands/999/result", result, token);
+    QCOMPARE(unknown.status, 404);
+    QCOMPARE(unknown.json.value("command_id").toString(), QStringLiteral("999"));
+
+    const QJsonArray computers = httpRequest(m_port, "GET", "/api/v3/console/computers", {}, token)
+                                     .json.value("computers").toArray();
+    QCOMPARE(computers.size(), 1);
+    const QJsonObject computer = computers[0].toObject();
+    QCOMPARE(computer.value("cid").toString(), kCid);
+    QCOMPARE(computer.value("hostname").toString(), QStringLiteral("bench-pc"));
+    QCOMPARE(computer.value("version").toString(), QStringLiteral("6.6.7"));
+    QCOMPARE(computer.value("online"), QJsonValue(true));
+    m_now += 120'000;  // no heartbeat for two minutes
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/console/computers", {}, token)
+                 .json.value("computers").toArray()[0].toObject().value("online"),
+             QJsonValue(false));
+}
+
+void TestConsoleApi::commandsWaitForTheSocketAndSurviveARestart()
+{
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    QVERIFY(heartbeat(token).value("status").toBool());
+    const QString first = issue(token, {{"command", "request_snapshot"}});
+    QVERIFY(!first.isEmpty());
+    QVERIFY(startService());  // nothing of the command lived in memory only
+
+    SocketClient computer;
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s2"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}});
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.received.isEmpty(), 5000);
+    QCOMPARE(computer.received[0].value("type").toString(), QStringLiteral("hello"));
+    QCOMPARE(computer.received[0].value("status"), QJsonValue(true));
+    QCOMPARE(computer.received[0].value("watching"), QJsonValue(false));
+    QCOMPARE(computer.received[0].value("authoritative"), QJsonValue(true));
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("console").isEmpty(), 5000);
+    const QJsonArray waiting = computer.ofType("console").first().value("commands").toArray();
+    QCOMPARE(waiting.size(), 1);
+    QCOMPARE(waiting[0].toObject().value("command_id").toString(), first);
+
+    // Issued while the socket is up: pushed at once.
+    const QString second = issue(token, {{"command", "close_port"}, {"payload", QJsonObject{{"port_key", "p1"}}}});
+    QTRY_COMPARE_WITH_TIMEOUT(computer.ofType("console").size(), 2, 5000);
+    QCOMPARE(computer.ofType("console").last().value("commands").toArray()[0].toObject().value("command_id").toString(),
+             second);
+
+    // Results over the socket are confirmed by id; the one it never ran
+    // waits for the next poll after the socket is gone.
+    computer.send({{"type", "result"}, {"command_id", first},
+                   {"result", QJsonObject{{"cid", kCid}, {"status", "succeeded"}}}});
+    QTRY_VERIFY_WITH_TIMEOUT(computer.find("command_id", first) >= 0, 5000);
+    computer.socket.close();
+    QTRY_COMPARE_WITH_TIMEOUT(m_service->console().computerSockets(), 0, 5000);
+    const QJsonArray polled = httpRequest(m_port, "GET", "/api/v3/console/commands/poll?cid=" + kCid.toUtf8(), {}, token)
+                                  .json.value("commands").toArray();
+    QCOMPARE(polled.size(), 1);
+    QCOMPARE(polled[0].toObject().value("command_id").toString(), second);
+}
+
+void TestConsoleApi::aCidBelongsToTheAccountThatFirstUsedIt()
+{
+    const QString ada = signUp(QStringLiteral("ada@example.org"));
+    const QString max = signUp(QStringLiteral("max@example.org"));
+    QVERIFY(heartbeat(ada).value("status").toBool());
+    const QJsonObject refused = heartbeat(max);
+    QCOMPARE(refused.value("code").toString(), QStringLiteral("cid_mismatch"));
+
+    SocketClient computer;
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, max));
+    computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s2"}, {"version", "6.6.7"}, {"hostname", "x"}});
+    QTRY_VERIFY_WITH_TIMEOUT(computer.closed, 5000);
+    QCOMPARE(computer.received.size(), 1);
+    QCOMPARE(computer.received[0].value("type").toString(), QStringLiteral("hello"));
+    QCOMPARE(computer.received[0].value("status"), QJsonValue(false));
+    QCOMPARE(computer.received[0].value("code").toString(), QStringLiteral("cid_mismatch"));
+
+    // Nor does the other account see it, read it or command it.
+    QVERIFY(httpRequest(m_port, "GET", "/api/v3/console/computers", {}, max).json.value("computers").toArray().isEmpty());
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/console/computers/" + kCid.toUtf8() + "/ports", {}, max).code(),
+             QStringLiteral("computer_not_found"));
+    const QString own = issue(ada, {{"command", "request_snapshot"}});
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/console/commands/" + own.toUtf8(), {}, max).code(),
+             QStringLiteral("command_not_found"));
+}
+
+void TestConsoleApi::watchersAreToldToTheComputerAndSeeItsTraffic()
+{
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    SocketClient computer;
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "pc"}});
+    QTRY_COMPARE_WITH_TIMEOUT(computer.received.size(), 1, 5000);
+    QVERIFY(computer.received[0].value("status").toBool());
+
+    SocketClient watcher;
+    QVERIFY(watcher.open(m_port, ConsoleHub::kWatchPath));
+    watcher.send({{"type", "watch"}, {"access_token", token}, {"cid", kCid}});
+    QTRY_VERIFY_WITH_TIMEOUT(watcher.find("type", "watchers") >= 0, 5000);
+    QCOMPARE(watcher.received[0].value("type").toString(), QStringLiteral("watch"));
+    QCOMPARE(watcher.received[0].value("online"), QJsonValue(true));
+    QCOMPARE(watcher.ofType("watchers").last().value("count").toInt(), 1);
+    // The computer hears it with authority, and is asked for its ports.
+    QTRY_VERIFY_WITH_TIMEOUT(computer.find("watching", true) >= 0, 5000);
+    const QJsonObject told = computer.received[computer.find("watching", true)];
+    QCOMPARE(told.value("authoritative"), QJsonValue(true));
+    QCOMPARE(told.value("need_snapshot"), QJsonValue(true));
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/console/computers", {}, token)
+                 .json.value("computers").toArray()[0].toObject().value("watchers").toInt(),
+             1);
+
+    const QJsonArray ports{QJsonObject{{"port_key", "p1"}, {"connection_mode", 0}, {"port_name", "/dev/ttyUSB0"}, {"open", true}}};
+    computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"}, {"ports", ports}});
+    computer.send({{"type", "events"}, {"cid", kCid}, {"session_id", "s1"},
+                   {"events", QJsonArray{trafficEvent("ok\r\n", 1), trafficEvent("\u00e9", 2)}}, {"dropped", 3}});
+    QTRY_VERIFY_WITH_TIMEOUT(!watcher.ofType("events").isEmpty(), 5000);
+    const QJsonObject events = watcher.ofType("events").first();
+    QCOMPARE(events.value("events").toArray().size(), 2);
+    QCOMPARE(events.value("events").toArray()[1].toObject().value("payload_text").toString(), QStringLiteral("\u00e9"));
+    QCOMPARE(events.value("dropped").toInt(), 3);
+    QTRY_VERIFY_WITH_TIMEOUT(watcher.ofType("snapshot").size() >= 2, 5000);
+    QCOMPARE(watcher.ofType("snapshot").last().value("ports").toArray(), ports);
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/console/computers/" + kCid.toUtf8() + "/ports", {}, token)
+                 .json.value("ports").toArray(),
+             ports);
+
+    // A result reaches the watchers too.
+    const QString id = issue(token, {{"command", "send_text"}, {"payload", QJsonObject{{"port_key", "p1"}, {"text", "x"}}}});
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("console").isEmpty() && computer.ofType("console").last().contains("commands"),
+                             5000);
+    computer.send({{"type", "result"}, {"command_id", id}, {"result", QJsonObject{{"cid", kCid}, {"status", "succeeded"}, {"bytes", 3}}}});
+    QTRY_VERIFY_WITH_TIMEOUT(!watcher.ofType("result").isEmpty(), 5000);
+    QCOMPARE(watcher.ofType("result").first().value("command_id").toString(), id);
+    QCOMPARE(watcher.ofType("result").first().value("result").toObject().value("bytes").toInt(), 3);
+
+    // The last watcher gone: the computer stops streaming at once.
+    const int before = int(computer.received.size());
+    watcher.socket.close();
+    QTRY_VERIFY_WITH_TIMEOUT(computer.find("watching", false, before) >= 0, 5000);
+    QCOMPARE(computer.received[computer.find("watching", false, before)].value("authoritative"), QJsonValue(true));
+}
+
+void TestConsoleApi::watchersAreRefusedWithAReason_data()
+{
+    QTest::addColumn<QString>("first");  // the watcher's first message; %1 the token, %2 the cid
+    QTest::addColumn<QString>("code");
+    QTest::newRow("not a watch") << "{\"type\":\"hello\"}" << "bad_request";
+    QTest::newRow("forged token") << "{\"type\":\"watch\",\"access_token\":\"forged\",\"cid\":\"%2\"}" << "invalid_token";
+    QTest::newRow("unknown computer") << "{\"type\":\"watch\",\"access_token\":\"%1\",\"cid\":\"00000000-0000\"}"
+                                      << "computer_not_found";
+    QTest::newRow("not a cid") << "{\"type\":\"watch\",\"access_token\":\"%1\",\"cid\":\"../x\"}" << "invalid_cid";
+}
+
+void TestConsoleApi::watchersAreRefusedWithAReason()
+{
+    QFETCH(QString, first);
+    QFETCH(QString, code);
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    QVERIFY(heartbeat(token).value("status").toBool());
+    SocketClient watcher;
+    QVERIFY(watcher.open(m_port, ConsoleHub::kWatchPath));
+    watcher.socket.sendTextMessage(QString(first).replace(QLatin1String("%1"), token).replace(QLatin1String("%2"), kCid));
+    QTRY_VERIFY_WITH_TIMEOUT(watcher.closed, 5000);
+    QCOMPARE(watcher.received.size(), 1);
+    QCOMPARE(watcher.received[0].value("type").toString(), QStringLiteral("watch"));
+    QCOMPARE(watcher.received[0].value("status"), QJsonValue(false));
+    QCOMPARE(watcher.received[0].value("code").toString(), code);
+    QCOMPARE(watcher.socket.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+}
+
+void TestConsoleApi::trafficCountsAgainstTheQuota()
+{
+    QVERIFY(startService(100));
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    QCOMPARE(heartbeat(token).value("up_remaining").toInteger(), 100);
+    const auto post = [&](const QString &text) {
+        return httpJson(m_port, "POST", "/api/v3/console/events",
+                        {{"cid", kCid}, {"session_id", "s1"}, {"events", QJsonArray{trafficEvent(text, 1)}}}, token);
+    };
+    const RawResponse taken = post(QString(60, u'a'));
+    QVERIFY(taken.ok());
+    QCOMPARE(taken.json.value("up_remaining").toInteger(), 40);
+    // Counted in bytes of UTF-8, not characters.
+    const RawResponse refused = post(QString(21, u'\u00e9'));
+    QCOMPARE(refused.status, 429);
+    QCOMPARE(refused.code(), QStringLiteral("quota_exceeded"));
+
+    // Over the socket: the batch past the remaining bytes stops it.
+    SocketClient computer;
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "pc"}});
+    QTRY_COMPARE_WITH_TIMEOUT(computer.received.size(), 1, 5000);
+    QCOMPARE(computer.received[0].value("up_remaining").toInteger(), 40);
+    computer.send({{"type", "events"}, {"cid", kCid}, {"events", QJsonArray{trafficEvent(QString(41, u'b'), 2)}}});
+    QTRY_VERIFY_WITH_TIMEOUT(computer.find("code", "quota_exceeded") >= 0, 5000);
+    QCOMPARE(computer.received[computer.find("code", "quota_exceeded")].value("status"), QJsonValue(false));
+}
+
+void TestConsoleApi::badConsoleInputGetsAnEnvelope_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("code");
+    const QByteArray cid = kCid.toUtf8();
+    QTest::newRow("event without port") << QByteArray("POST") << QByteArray("/api/v3/console/events")
+                                        << "{\"cid\":\"" + cid + "\",\"events\":[{\"event_type\":\"rx\",\"payload_text\":\"x\",\"seq\":1,\"client_time\":1}]}"
+                                        << 400 << "invalid_events";
+    QTest::newRow("event of no direction") << QByteArray("POST") << QByteArray("/api/v3/console/events")
+                                           << "{\"cid\":\"" + cid + "\",\"events\":[{\"port_key\":\"p1\",\"event_type\":\"up\",\"payload_text\":\"x\",\"seq\":1,\"client_time\":1}]}"
+                                           << 400 << "invalid_events";
+    QTest::newRow("event text too long") << QByteArray("POST") << QByteArray("/api/v3/console/events")
+                                         << "{\"cid\":\"" + cid + "\",\"events\":[{\"port_key\":\"p1\",\"event_type\":\"rx\",\"payload_text\":\""
+                                                + QByteArray(8193, 'x') + "\",\"seq\":1,\"client_time\":1}]}"
+                                         << 400 << "invalid_events";
+    QTest::newRow("unknown command") << QByteArray("POST") << "/api/v3/console/computers/" + cid + "/commands"
+                                     << QByteArray("{\"command\":\"open_relay\"}") << 400 << "unknown_command";
+    QTest::newRow("payload not an object") << QByteArray("POST") << "/api/v3/console/computers/" + cid + "/commands"
+                                           << QByteArray("{\"command\":\"send_text\",\"payload\":[1]}") << 400 << "invalid_field";
+    QTest::newRow("snapshot port without key") << QByteArray("POST") << QByteArray("/api/v3/console/ports/snapshot")
+                                               << "{\"cid\":\"" + cid + "\",\"ports\":[{\"open\":true}]}" << 400 << "invalid_ports";
+    QTest::newRow("result of no status") << QByteArray("POST") << QByteArray("/api/v3/console/commands/1/result")
+                                         << "{\"cid\":\"" + cid + "\",\"status\":\"maybe\"}" << 400 << "invalid_result";
+    QTest::newRow("ack of a command id not a number") << QByteArray("POST") << QByteArray("/api/v3/console/commands/x/ack")
+                                                      << "{\"cid\":\"" + cid + "\"}" << 404 << "command_not_found";
+    QTest::newRow("ports of a computer not announced") << QByteArray("GET")
+                                                       << QByteArray("/api/v3/console/computers/00000000-0001/ports")
+                                                       << QByteArray() << 404 << "computer_not_found";
+    QTest::newRow("not a cid") << QByteArray("POST") << QByteArray("/api/v3/console/heartbeat")
+                               << QByteArray("{\"cid\":\"a b\"}") << 400 << "invalid_cid";
+}
+
+void TestConsoleApi::badConsoleInputGetsAnEnvelope()
+{
+    QFETCH(QByteArray, method);
+    QFETCH(QByteArray, path);
+    QFETCH(QByteArray, body);
+    QFETCH(int, status);
+    QFETCH(QString, code);
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    QVERIFY(heartbeat(token).value("status").toBool());
+    const RawResponse reply = httpRequest(m_port, method, path, body, token);
+    QCOMPARE(reply.status, status);
+    QCOMPARE(reply.type(), QStringLiteral("console"));
+    QCOMPARE(reply.code(), code);
+    // Without a token, nothing of the console answers.
+    QCOMPARE(httpRequest(m_port, method, path, body).status, 401);
+}
+
+void TestConsoleApi::thePageIsServedWithAStrictPolicy_data()
+{
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<QByteArray>("type");
+    QTest::newRow("page") << QByteArray("/") << QByteArray("text/html; charset=utf-8");
+    QTest::newRow("script") << QByteArray("/console.js") << QByteArray("text/javascript; charset=utf-8");
+    QTest::newRow("style") << QByteArray("/console.css") << QByteArray("text/css; charset=utf-8");
+}
+
+void TestConsoleApi::thePageIsServedWithAStrictPolicy()
+{
+    QFETCH(QByteArray, path);
+    QFETCH(QByteArray, type);
+    const RawResponse reply = httpRequest(m_port, "GET", path);
+    QCOMPARE(reply.status, 200);
+    QCOMPARE(reply.header("content-type"), type);
+    const QByteArray policy = reply.header("content-security-policy");
+    QVERIFY(policy.contains("default-src 'none'"));
+    QVERIFY(policy.contains("script-src 'self';"));
+    QVERIFY(!policy.contains("unsafe"));
+    QCOMPARE(reply.header("x-content-type-options"), QByteArray("nosniff"));
+    // Nothing from another host, no inline script, no token kept by the browser.
+    QVERIFY(!reply.body.contains("http://") && !reply.body.contains("https://"));
+    QVERIFY(!reply.body.contains("localStorage") && !reply.body.contains("sessionStorage")
+            && !reply.body.contains("document.cookie"));
+    if (path == "/") {
+        QCOMPARE(reply.body.count("<script"), 1);
+        QVERIFY(reply.body.contains("<script src=\"/console.js\" defer></script>"));
+        QVERIFY(!QRegularExpression(QStringLiteral(" on[a-z]+=")).match(QString::fromUtf8(reply.body)).hasMatch());
+    }
+    // The page is the page only: other files are not.
+    QCOMPARE(httpRequest(m_port, "GET", "/console.js.map").status, 404);
+    QCOMPARE(httpRequest(m_port, "POST", path).status, 404);
+}
+
+QTEST_GUILESS_MAIN(TestConsoleApi)
+#include "tst_consoleapi.moc"

@@ -1,0 +1,252 @@
+// The Live Console page: signs in with the account's REST API, lists the
+// computers, watches one over its watcher socket and issues commands.
+// The access token lives in this script's memory only.
+'use strict';
+
+const texts = {
+  en: {},
+  zh: {
+    title: 'Tessaline 实时控制台', signIn: '登录', signOut: '退出登录', email: '电子邮箱', password: '密码',
+    computers: '计算机', refresh: '刷新', noComputers: '还没有计算机开启实时控制台。',
+    open: '打开', close: '关闭', hexView: '十六进制视图', timestamps: '时间戳', pause: '暂停', resume: '继续',
+    clear: '清除', text: '文本', hex: '十六进制', none: '无', send: '发送',
+    online: '在线', offline: '离线', watchers: '观看者：%1', isOpen: '已打开', isClosed: '已关闭',
+    lost: '此页面跟不上，丢失了 %1 条数据。', dropped: '设备丢弃了 %1 条数据。', sent: '已发送 %1 字节。', done: '完成。',
+    waiting: '等待设备……', signInFailed: '登录失败：%1', connectionLost: '与服务的连接已断开，正在重新连接……',
+    'remote send is disabled on the device': '设备上已禁止远程发送',
+    'remote port control is disabled on the device': '设备上已禁止远程控制端口',
+    'the port is not open': '端口未打开', 'empty payload': '内容为空',
+    'the text is not hexadecimal bytes': '文本不是十六进制字节',
+    'a file transfer is using this port': '文件传输正在使用此端口',
+  },
+};
+const english = {
+  online: 'online', offline: 'offline', watchers: 'watchers: %1', isOpen: 'open', isClosed: 'closed', resume: 'Resume',
+  lost: 'This page fell behind and lost %1 events.', dropped: 'The device dropped %1 events.', sent: 'Sent %1 bytes.',
+  done: 'Done.', waiting: 'Waiting for the device…', signInFailed: 'Sign-in failed: %1',
+  connectionLost: 'The connection to the service was lost; reconnecting…', pause: 'Pause',
+};
+const lang = (navigator.languages || [navigator.language]).some((l) => /^zh/i.test(l)) ? 'zh' : 'en';
+function t(key, arg) {
+  const text = (lang === 'zh' && texts.zh[key]) || english[key] || key;
+  return arg === undefined ? text : text.replace('%1', arg);
+}
+
+const maxLines = 2000;  // scroll-back per port view
+const $ = (id) => document.getElementById(id);
+let auth = null;        // {access, refresh}: never stored anywhere else
+let computer = null;    // the watched computer's cid
+let socket = null;
+let ports = [];
+let portKey = null;
+let paused = false;
+let pending = new Map();  // command id -> what it was, for its result
+
+function applyLanguage() {
+  document.documentElement.lang = lang === 'zh' ? 'zh-CN' : 'en';
+  for (const node of document.querySelectorAll('[data-t]')) {
+    if (lang === 'zh' && texts.zh[node.dataset.t]) node.textContent = texts.zh[node.dataset.t];
+  }
+  document.title = t('title') === 'title' ? document.title : t('title');
+}
+
+async function api(method, path, body) {
+  const response = await fetch('/api/v3/' + path, {
+    method,
+    headers: Object.assign({'Content-Type': 'application/json'}, auth ? {Authorization: 'Bearer ' + auth.access} : {}),
+    body: body ? JSON.stringify(body) : undefined,
+    cache: 'no-store',
+  });
+  const reply = await response.json().catch(() => ({status: false, description: response.statusText}));
+  if (response.status === 401 && auth && auth.refresh && path !== 'account/token/refresh') {
+    const renewed = await api('POST', 'account/token/refresh', {refresh_token: auth.refresh});
+    if (renewed.status) {
+      auth = {access: renewed.access_token, refresh: renewed.refresh_token};
+      return api(method, path, body);
+    }
+    signedOut();
+  }
+  return reply;
+}
+
+async function signIn(event) {
+  event.preventDefault();
+  $('signinError').textContent = '';
+  const reply = await api('POST', 'account/login', {
+    email: $('email').value, password: $('password').value, device_name: 'browser', client_version: 'web'});
+  if (!reply.status) {
+    $('signinError').textContent = t('signInFailed', reply.description || reply.code || '');
+    return;
+  }
+  auth = {access: reply.access_token, refresh: reply.refresh_token};
+  $('password').value = '';
+  $('signin').hidden = true;
+  $('signout').hidden = false;
+  $('computers').hidden = false;
+  listComputers();
+}
+
+function signedOut() {
+  auth = null;
+  if (socket) socket.close();
+  socket = null;
+  computer = null;
+  for (const id of ['computers', 'computer', 'port', 'signout']) $(id).hidden = true;
+  $('signin').hidden = false;
+}
+
+async function signOut() {
+  if (auth) await api('POST', 'account/logout', {refresh_token: auth.refresh});
+  signedOut();
+}
+
+async function listComputers() {
+  const reply = await api('GET', 'console/computers');
+  const list = $('computerList');
+  list.replaceChildren();
+  const computers = reply.computers || [];
+  $('noComputers').hidden = computers.length > 0;
+  for (const c of computers) {
+    const button = document.createElement('button');
+    button.className = c.online ? 'online' : 'offline';
+    button.textContent = `${c.hostname || c.cid} · ${c.version} · ${t(c.online ? 'online' : 'offline')}`;
+    button.addEventListener('click', () => watch(c));
+    const item = document.createElement('li');
+    item.append(button);
+    list.append(item);
+  }
+}
+
+function watch(c) {
+  if (socket) socket.close();
+  computer = c.cid;
+  ports = [];
+  portKey = null;
+  $('computer').hidden = false;
+  $('port').hidden = true;
+  $('computerName').textContent = c.hostname || c.cid;
+  setPresence(c.online);
+  connect();
+}
+
+function connect() {
+  const scheme = location.protocol === 'https:' ? 'wss:' : 'ws:';
+  const ws = new WebSocket(`${scheme}//${location.host}/ws/console/watch/v1`);
+  socket = ws;
+  ws.onopen = () => ws.send(JSON.stringify({type: 'watch', access_token: auth.access, cid: computer}));
+  ws.onmessage = (event) => heard(JSON.parse(event.data));
+  ws.onclose = () => {
+    if (socket !== ws || !auth) return;
+    note(t('connectionLost'), true);
+    setTimeout(() => { if (socket === ws && auth) connect(); }, 2000 + Math.random() * 3000);
+  };
+}
+
+function heard(message) {
+  switch (message.type) {
+  case 'watch':
+    if (!message.status) note(message.description, true); else setPresence(message.online);
+    break;
+  case 'presence': setPresence(message.online); break;
+  case 'watchers': $('watchers').textContent = t('watchers', message.count); break;
+  case 'snapshot': ports = message.ports || []; showPorts(); break;
+  case 'events':
+    if (message.dropped) line('', t('dropped', message.dropped), Date.now(), 'failed');
+    for (const e of message.events) {
+      if (e.port_key === portKey) line(e.event_type, e.payload_text, e.client_time);
+    }
+    break;
+  case 'lost': line('', t('lost', message.events), Date.now(), 'failed'); break;
+  case 'result': showResult(message); break;
+  }
+}
+
+function setPresence(online) {
+  $('presence').textContent = t(online ? 'online' : 'offline');
+  $('presence').className = online ? 'online' : 'offline';
+}
+
+function showPorts() {
+  const box = $('ports');
+  box.replaceChildren();
+  for (const p of ports) {
+    const button = document.createElement('button');
+    button.textContent = `${p.label || p.port_name || p.port_key} · ${t(p.open ? 'isOpen' : 'isClosed')}`
+      + (p.baud_rate ? ` · ${p.baud_rate}` : '');
+    button.addEventListener('click', () => choosePort(p.port_key));
+    box.append(button);
+  }
+  const current = ports.find((p) => p.port_key === portKey);
+  if (current) $('portName').textContent = `${current.label || current.port_name} · ${t(current.open ? 'isOpen' : 'isClosed')}`;
+}
+
+function choosePort(key) {
+  portKey = key;
+  $('traffic').replaceChildren();
+  $('port').hidden = false;
+  showPorts();
+}
+
+function hexOf(text) {
+  return Array.from(new TextEncoder().encode(text), (b) => b.toString(16).padStart(2, '0')).join(' ') + ' ';
+}
+
+function line(kind, text, time, cls) {
+  if (paused && !cls) return;
+  const view = $('traffic');
+  const row = document.createElement('div');
+  if (kind === 'tx') row.className = 'tx';
+  if (cls) row.className = cls;
+  if ($('stamps').checked) {
+    const stamp = document.createElement('span');
+    stamp.className = 'stamp';
+    stamp.textContent = new Date(time).toISOString().substring(11, 23) + ' ';
+    row.append(stamp);
+  }
+  row.append(document.createTextNode($('hexView').checked && !cls ? hexOf(text) : text));
+  const atBottom = view.scrollTop + view.clientHeight >= view.scrollHeight - 4;
+  view.append(row);
+  while (view.childElementCount > maxLines) view.firstElementChild.remove();
+  if (atBottom) view.scrollTop = view.scrollHeight;
+}
+
+function note(text, failed) {
+  $('outcome').textContent = text;
+  $('outcome').className = failed ? 'failed' : '';
+}
+
+async function issue(command, payload) {
+  note(t('waiting'));
+  const reply = await api('POST', `console/computers/${encodeURIComponent(computer)}/commands`, {command, payload});
+  if (!reply.status) { note(reply.description, true); return; }
+  pending.set(reply.command_id, command);
+}
+
+function showResult(message) {
+  if (!pending.delete(message.command_id)) return;
+  const r = message.result || {};
+  if (r.status === 'succeeded') note(r.bytes !== undefined ? t('sent', r.bytes) : t('done'));
+  else note(t(r.message || r.error_code || ''), true);
+}
+
+function send(event) {
+  event.preventDefault();
+  const text = $('sendText').value;
+  if (!text || !portKey) return;
+  issue($('sendMode').value, {port_key: portKey, text, line_ending: $('lineEnding').value});
+}
+
+document.addEventListener('DOMContentLoaded', () => {
+  applyLanguage();
+  $('signin').addEventListener('submit', signIn);
+  $('signout').addEventListener('click', signOut);
+  $('refresh').addEventListener('click', listComputers);
+  $('send').addEventListener('submit', send);
+  $('openPort').addEventListener('click', () => issue('open_port', {port_key: portKey}));
+  $('closePort').addEventListener('click', () => issue('close_port', {port_key: portKey}));
+  $('clear').addEventListener('click', () => $('traffic').replaceChildren());
+  $('pause').addEventListener('click', () => {
+    paused = !paused;
+    $('pause').textContent = t(paused ? 'resume' : 'pause');
+  });
+});

@@ -1,0 +1,52 @@
+#include "webpage.h"
+
+#include <QFile>
+
+// The files live in this static library: its users would lose them
+// without a reference that the linker keeps.
+static void initWebResources()
+{
+    static const bool done = [] {
+        Q_INIT_RESOURCE(web);
+        return true;
+    }();
+    Q_UNUSED(done);
+}
+
+namespace WebPage {
+
+std::optional<HttpResponse> serve(const QByteArray &method, const QString &path)
+{
+    if (method != "GET" && method != "HEAD")
+        return std::nullopt;
+    struct File
+    {
+        const char *path;
+        const char *resource;
+        const char *type;
+    };
+    static const File files[] = {
+        {"/", ":/web/index.html", "text/html; charset=utf-8"},
+        {"/console.js", ":/web/console.js", "text/javascript; charset=utf-8"},
+        {"/console.css", ":/web/console.css", "text/css; charset=utf-8"},
+    };
+    for (const File &file : files) {
+        if (path != QLatin1String(file.path))
+            continue;
+        initWebResources();
+        QFile resource(QString::fromLatin1(file.resource));
+        if (!resource.open(QIODevice::ReadOnly))
+            return std::nullopt;
+        HttpResponse response;
+        response.body = resource.readAll();  // the connection leaves it out for HEAD
+        response.contentType = file.type;
+        response.headers = {{"Content-Security-Policy", kPolicy},
+                            {"X-Content-Type-Options", "nosniff"},
+                            {"Referrer-Policy", "no-referrer"},
+                            {"Cache-Control", "no-cache"}};
+        return response;
+    }
+    return std::nullopt;
+}
+
+} // namespace WebPage
