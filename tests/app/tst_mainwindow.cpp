@@ -15,6 +15,7 @@
 #include "common/monospacefont.h"
 #include "terminal/receiveview.h"
 #include "terminal/serialportwidget.h"
+#include "support/listenport.h"
 #include "support/lrzszpeer.h"
 #include "support/ptypair.h"
 #include "support/settingssandbox.h"
@@ -31,7 +32,6 @@
 #include <QStatusBar>
 #include <QTemporaryDir>
 #include <QCheckBox>
-#include <QTcpServer>
 #include <QUdpSocket>
 #include <QApplication>
 #include <QDialogButtonBox>
@@ -199,10 +199,8 @@ void MainWindowTest::commandLinePortFailureWarns()
 
 void MainWindowTest::openConnectionIsRememberedAndRestored()
 {
-    QTcpServer probe;  // finds a free port for the pane to listen on
-    QVERIFY(probe.listen(QHostAddress::LocalHost));
-    const quint16 port = probe.serverPort();
-    probe.close();
+    const quint16 port = unusedListenPort();  // a server pane needs a number
+    QVERIFY(port != 0);
     {
         QSettings settings;
         settings.setValue("LastConnMode", 1);
@@ -1033,10 +1031,8 @@ void MainWindowTest::logRecordingFollowsTheMenu()
 void MainWindowTest::projectsKeepListenAddressAndRefuseOtherFiles()
 {
     QTemporaryDir dir;
-    QTcpServer probe;  // a free port for the server pane, as a user would pick one
-    QVERIFY(probe.listen(QHostAddress::LocalHost));
-    const quint16 port = probe.serverPort();
-    probe.close();
+    const quint16 port = unusedListenPort();  // a server pane needs a number
+    QVERIFY(port != 0);
     const QString file = dir.filePath("local.tsl");
     {
         MainWindow w;

@@ -1,10 +1,11 @@
 #include "support/ser2netserver.h"
 
+#include "support/listenport.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QStandardPaths>
-#include <QTcpServer>
 #include <QTest>
 
 Ser2netServer::~Ser2netServer()
@@ -14,9 +15,7 @@ Ser2netServer::~Ser2netServer()
 
 quint16 Ser2netServer::freeLoopbackPort()
 {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
+    return unusedListenPort();
 }
 
 bool Ser2netServer::start(const QString &device, Protocol protocol, quint16 port)
