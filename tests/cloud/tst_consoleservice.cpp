@@ -7,6 +7,7 @@
 #include "cloud/consolesocket.h"
 #include "cloud/networkservices.h"
 #include "consolepeer.h"
+#include "support/listenport.h"
 #include "support/ptypair.h"
 #include "support/settingssandbox.h"
 #include "terminal/portsession.h"
@@ -14,7 +15,6 @@
 #include <QJsonArray>
 #include <QSerialPort>
 #include <QSettings>
-#include <QTcpServer>
 #include <QtTest>
 
 namespace {
@@ -233,10 +233,9 @@ void ConsoleServiceTest::lostSocketFallsBackToPollingAtOnceAndComesBack()
 
 void ConsoleServiceTest::unreachableServiceIsRetriedOncePerAttempt()
 {
-    QTcpServer closed;
-    QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
-    const QString nowhere = QStringLiteral("http://127.0.0.1:%1").arg(closed.serverPort());
-    closed.close();
+    const RefusingPort closed;
+    QVERIFY(closed.port() != 0);
+    const QString nowhere = closed.url();
     ConsoleSocket socket;
     socket.setBackoff(ConsoleBackoff(5, 40));
     QSignalSpy scheduled(&socket, &ConsoleSocket::reconnectScheduled);

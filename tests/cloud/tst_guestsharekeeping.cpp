@@ -10,13 +10,13 @@
 #include "cloud/networkservices.h"
 #include "consolepeer.h"
 #include "sharepeer.h"
+#include "support/listenport.h"
 #include "support/ptypair.h"
 #include "support/settingssandbox.h"
 #include "terminal/portsession.h"
 
 #include <QSerialPort>
 #include <QSettings>
-#include <QTcpServer>
 #include <QtTest>
 
 namespace {
@@ -26,16 +26,6 @@ constexpr int kWait = 5000;
 GuestShareTable::Request request(const QString &portKey, const QString &web = "send", bool relay = false)
 {
     return {portKey, 86400, "Field unit 12", "abcd", web, relay};
-}
-
-// A loopback address where nothing listens any more.
-QByteArray deadUrl()
-{
-    QTcpServer closed;
-    closed.listen(QHostAddress::LocalHost, 0);
-    const quint16 port = closed.serverPort();
-    closed.close();
-    return QString("http://127.0.0.1:%1").arg(port).toUtf8();
 }
 
 } // namespace
@@ -248,7 +238,8 @@ void GuestShareKeepingTest::creationFailsWithTheServicesWordsOrTheNetworks()
     QVERIFY(!m_keeper->isCreating());
 
     // The service is gone: the network's own words.
-    qputenv("TSL_HOST", deadUrl());
+    const RefusingPort gone;
+    qputenv("TSL_HOST", gone.url().toUtf8());
     QVERIFY(m_keeper->requestShare(request(m_port->portKey())));
     QVERIFY(failed.wait(kWait));
     QCOMPARE(failed.last().first().toString(),
@@ -461,7 +452,8 @@ void GuestShareKeepingTest::overviewCarriesEveryComputersSharesAndTheRevokedCoun
     QVERIFY(m_keeper->fetchOverview());
     QVERIFY(failed.wait(kWait));
     QCOMPARE(failed.last().first().toString(), QString("Sign in again."));
-    qputenv("TSL_HOST", deadUrl());
+    const RefusingPort gone;
+    qputenv("TSL_HOST", gone.url().toUtf8());
     QVERIFY(m_keeper->fetchOverview());
     QVERIFY(failed.wait(kWait));
     QCOMPARE(failed.last().first().toString(),

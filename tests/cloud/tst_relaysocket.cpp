@@ -5,6 +5,7 @@
 #include "cloud/relaysocket.h"
 #include "cloud/websocketcodec.h"
 #include "relaypeer.h"
+#include "support/listenport.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -515,12 +516,9 @@ void TestRelaySocket::thePairDeadlineEndsAWait()
 
 void TestRelaySocket::aRefusedConnectionIsTheGateway()
 {
-    quint16 port = 0;
-    {
-        QTcpServer probe;  // a port nobody listens on once it is closed
-        QVERIFY(probe.listen(QHostAddress::LocalHost));
-        port = probe.serverPort();
-    }
+    const RefusingPort refusing;
+    const quint16 port = refusing.port();
+    QVERIFY(port != 0);
     RelaySocket socket;
     QSignalSpy stopped(&socket, &RelaySocket::stopped);
     socket.open(QStringLiteral("http://127.0.0.1:%1").arg(port), QStringLiteral("t"));
