@@ -2,6 +2,7 @@
 // loopback TCP server on the far side, the reconnect policy on a virtual
 // clock, the data log read back from disk.
 #include "connection/connectioncontroller.h"
+#include "support/listenport.h"
 #include "support/ptypair.h"
 #include "terminal/portsession.h"
 
@@ -219,8 +220,10 @@ void PortSessionTest::lostSerialPortReconnectsOnTheClock()
 
 void PortSessionTest::tcpClientReconnectsOnTheClock()
 {
+    // The device comes back on the same port: one outside the ephemeral
+    // range, so no parallel test is handed it while the device is away.
     QTcpServer device;
-    QVERIFY(device.listen(QHostAddress::LocalHost, 0));
+    QVERIFY(device.listen(QHostAddress::LocalHost, unusedListenPort()));
     qint64 now = 0;
     PortSession session(4);
     session.setClock([&now] { return now; });
