@@ -96,4 +96,6 @@ inline constexpr char kPortClosed[] = "port_closed";
 inline constexpr char kNotSerial[] = "not_serial";
 inline constexpr char kInternalError[] = "internal_error";
 inline constexpr char kUnsupportedCommand[] = "unsupported_command";
+inline constexpr char kRelayBusy[] = "relay_busy";
+inline constexpr char kSessionMismatch[] = "session_mismatch";
 } // namespace ConsoleError

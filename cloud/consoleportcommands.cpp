@@ -14,8 +14,7 @@ using ConsolePortCommands::PortList;
 
 ConsoleOutcome portBusy()
 {
-    return ConsoleOutcome::failure(QString::fromLatin1(SerialParameterText::kPortBusyError),
-                                   QStringLiteral("a file transfer is using this port"));
+    return ConsoleOutcome::failure(ConsoleError::kPortBusy, QStringLiteral("a file transfer is using this port"));
 }
 
 std::optional<LineEnding> lineEndingFromWord(const QString &word)
@@ -202,7 +201,7 @@ ConsoleOutcome setPortConfig(const PortList &ports, const QJsonObject &payload)
         return ConsoleOutcome::failure(ConsoleError::kInvalidPayload, QStringLiteral("no serial parameters given"));
     const Result applied = session.setSerialParameters(edited);
     if (!applied)
-        return ConsoleOutcome::failure(QString::fromLatin1(kInternalError), applied.errorText());
+        return ConsoleOutcome::failure(QString::fromLatin1(ConsoleError::kInternalError), applied.errorText());
     return portResult(session);
 }
 

@@ -143,7 +143,7 @@ ConsoleCommandTable::ShareAccess GuestShareTable::access(const QString &shareId,
     }
     for (const GuestShare &share : m_listing) {
         if (share.shareId == shareId && !share.sessionId.isEmpty() && share.sessionId != m_sessionId) {
-            access.errorCode = QStringLiteral("session_mismatch");
+            access.errorCode = QString::fromLatin1(ConsoleError::kSessionMismatch);
             access.message = QStringLiteral("the share belongs to an earlier run of the program");
             break;
         }

@@ -1,5 +1,6 @@
 #include "cloud/relaycontroller.h"
 
+#include "cloud/consolecommandtable.h"
 #include "common/logging.h"
 #include "connection/connectioncontroller.h"
 #include "terminal/portsession.h"
@@ -39,18 +40,18 @@ RelayController::Opening RelayController::open(const Request &request, PortSessi
                                                const QString &relayAddress, bool allowed)
 {
     if (!allowed)
-        return {nullptr, QStringLiteral("permission_denied"), QStringLiteral("cloud relay is disabled on the device")};
+        return {nullptr, QString::fromLatin1(ConsoleError::kPermissionDenied), QStringLiteral("cloud relay is disabled on the device")};
     if (request.relayId.isEmpty() || request.ticket.isEmpty())
-        return {nullptr, QStringLiteral("invalid_payload"), QStringLiteral("open_relay needs a relay_id and a ticket")};
+        return {nullptr, QString::fromLatin1(ConsoleError::kInvalidPayload), QStringLiteral("open_relay needs a relay_id and a ticket")};
     if (!session)
-        return {nullptr, QStringLiteral("port_not_found"), QStringLiteral("no such port: %1").arg(request.portKey)};
+        return {nullptr, QString::fromLatin1(ConsoleError::kPortNotFound), QStringLiteral("no such port: %1").arg(request.portKey)};
     if (of(session))
-        return {nullptr, QStringLiteral("relay_busy"), QStringLiteral("this port already has a relay")};
+        return {nullptr, QString::fromLatin1(ConsoleError::kRelayBusy), QStringLiteral("this port already has a relay")};
     // Only a port that is open is shared; a relay never opens one.
     if (!session->isConnectionOpen())
-        return {nullptr, QStringLiteral("port_closed"), QStringLiteral("the port is not open")};
+        return {nullptr, QString::fromLatin1(ConsoleError::kPortClosed), QStringLiteral("the port is not open")};
     if (session->config().mode == ConnectionMode::RemoteSerialRelay)
-        return {nullptr, QStringLiteral("internal_error"), QStringLiteral("a relayed port cannot be relayed again")};
+        return {nullptr, QString::fromLatin1(ConsoleError::kInternalError), QStringLiteral("a relayed port cannot be relayed again")};
     auto *controller = new RelayController(request, session);
     controller->start(relayAddress);
     return {controller, {}, {}};

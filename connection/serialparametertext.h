@@ -17,8 +17,6 @@ inline constexpr char kFlowControlKey[] = "flow_control";
 
 // Answers to a parameter request that cannot be carried out.
 inline constexpr char kNotSerialError[] = "only a serial port has parameters";
-inline constexpr char kPortBusyError[] = "port_busy";
-inline constexpr char kInternalError[] = "internal_error";
 
 QString parityWord(QSerialPort::Parity parity);              // "none", "even", ...
 std::optional<QSerialPort::Parity> parityFromWord(const QString &word);
