@@ -384,6 +384,10 @@ void CloudHttpServer::upgrade(HttpConnection *connection, const HttpRequest &req
             server->releaseSlot(key);
         }
     });
+    // Live sockets carry small messages that must leave at once: without
+    // this, a push that follows an unacknowledged one waits for the
+    // peer's delayed ACK (40 ms here).
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     m_webSockets->handleConnection(socket);
 }
 
