@@ -2,6 +2,7 @@
 
 #include "bridge/bridgeendform.h"
 #include "bridge/bridgeframingform.h"
+#include "bridge/modbusgatewayform.h"
 #include "common/paneoptions.h"
 
 #include <QCheckBox>
@@ -45,7 +46,8 @@ BridgeEditDialog::BridgeEditDialog(const BridgeRecord &record, const QStringList
     top->addRow(tr("Name"), m_name);
     m_kind = new QComboBox(endsPage);
     m_kind->setObjectName(QStringLiteral("kindBox"));
-    m_kind->addItem(BridgeRecord::kindText(BridgeKind::Forward), int(BridgeKind::Forward));
+    for (auto kind : {BridgeKind::Forward, BridgeKind::ModbusGateway})
+        m_kind->addItem(BridgeRecord::kindText(kind), int(kind));
     top->addRow(tr("Kind"), m_kind);
     m_direction = new QComboBox(endsPage);
     m_direction->setObjectName(QStringLiteral("directionBox"));
@@ -72,7 +74,19 @@ BridgeEditDialog::BridgeEditDialog(const BridgeRecord &record, const QStringList
         m_framing[d] = new BridgeFramingForm(BridgeRecord::directionName(d), framingPage);
         framingLayout->addWidget(m_framing[d], 0, Qt::AlignTop);
     }
-    tabs->addTab(framingPage, tr("Framing"));
+    const int framingTab = tabs->addTab(framingPage, tr("Framing"));
+
+    // ---- Modbus gateway ----
+    m_modbus = new ModbusGatewayForm(tabs);
+    const int modbusTab = tabs->addTab(m_modbus, tr("Modbus Gateway"));
+    // Only what the chosen kind uses can be edited.
+    const auto kindChanged = [this, tabs, framingTab, modbusTab] {
+        const bool gateway = BridgeKind(m_kind->currentData().toInt()) != BridgeKind::Forward;
+        tabs->setTabEnabled(framingTab, !gateway);
+        tabs->setTabEnabled(modbusTab, gateway);
+        m_direction->setEnabled(!gateway);
+    };
+    connect(m_kind, &QComboBox::currentIndexChanged, this, kindChanged);
 
     // ---- Queue and flood guard ----
     auto *queuePage = new QWidget(tabs);
@@ -155,6 +169,7 @@ BridgeEditDialog::BridgeEditDialog(const BridgeRecord &record, const QStringList
     layout->addWidget(buttons);
 
     setRecord(record);
+    kindChanged();
 }
 
 void BridgeEditDialog::setRecord(const BridgeRecord &record)
@@ -167,6 +182,7 @@ void BridgeEditDialog::setRecord(const BridgeRecord &record)
         m_ends[i]->setSpec(record.ends[size_t(i)]);
         m_framing[i]->setOptions(record.framing[size_t(i)]);
     }
+    m_modbus->setOptions(record.modbus);
     m_high->setValue(int(record.egress.highWatermark));
     m_low->setValue(int(record.egress.lowWatermark));
     m_policy->setCurrentIndex(m_policy->findData(int(record.egress.policy)));
@@ -192,6 +208,7 @@ ValueResult<BridgeRecord> BridgeEditDialog::record() const
             return ValueResult<BridgeRecord>::failure(framing.errorText());
         r.framing[size_t(i)] = framing.value();
     }
+    r.modbus = m_modbus->options();
     r.egress.highWatermark = m_high->value();
     r.egress.lowWatermark = m_low->value();
     r.egress.policy = EgressQueue::Policy(m_policy->currentData().toInt());

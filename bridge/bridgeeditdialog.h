@@ -7,6 +7,7 @@
 
 class BridgeEndForm;
 class BridgeFramingForm;
+class ModbusGatewayForm;
 class QCheckBox;
 class QComboBox;
 class QLabel;
@@ -43,6 +44,7 @@ private:
     QComboBox *m_direction;
     BridgeEndForm *m_ends[2];
     BridgeFramingForm *m_framing[2];
+    ModbusGatewayForm *m_modbus;
     QSpinBox *m_high;
     QSpinBox *m_low;
     QComboBox *m_policy;

@@ -41,6 +41,8 @@ public:
     virtual qint64 backlog(const QString &outlet) const = 0;
     // Outlets that send each write as one datagram: frames stay apart.
     virtual bool keepsFramesApart() const { return false; }
+    // The line's speed in baud when the end is a serial line; 0 otherwise.
+    virtual int lineBaudRate() const { return 0; }
     // Drops an outlet (the disconnect policy). An end that cannot drop an
     // outlet returns false; the engine then stops with a message.
     virtual bool dropOutlet(const QString &outlet) { Q_UNUSED(outlet); return false; }

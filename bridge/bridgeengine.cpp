@@ -3,6 +3,7 @@
 #include "bridge/bridgeend.h"
 #include "bridge/forwardpath.h"
 #include "bridge/listenerbridgeend.h"
+#include "bridge/modbusgatewaypath.h"
 #include "bridge/panebridgeend.h"
 #include "bridge/udpbridgeend.h"
 #include "common/logging.h"
@@ -86,6 +87,7 @@ void BridgeEngine::start()
     teardown();
     m_halting = false;
     m_counters = {};
+    m_gatewayCounters = {};
     for (RateHistory &rate : m_rates)
         rate.clear();
     m_rateCheckedSecond = {{-1, -1}};
@@ -125,6 +127,13 @@ void BridgeEngine::start()
             }
         }
         break;
+    case BridgeKind::ModbusGateway: {
+        auto *gateway = new ModbusGatewayPath(this, m_record.modbus, this);
+        connect(gateway, &ModbusGatewayPath::clientClosed, this, &BridgeEngine::postNotice);
+        m_gateway = gateway;
+        m_paths.append(gateway);
+        break;
+    }
     }
 
     if (m_record.capture.enabled) {
@@ -160,6 +169,9 @@ void BridgeEngine::stop()
 
 void BridgeEngine::teardown()
 {
+    if (m_gateway)
+        m_gatewayCounters = gatewayCounters();
+    m_gateway = nullptr;
     const QList<BridgePath *> paths = std::exchange(m_paths, {});
     for (BridgePath *path : paths)
         path->stop();
@@ -327,4 +339,12 @@ QList<qint64> BridgeEngine::ratePoints(int direction) const
 qint64 BridgeEngine::rate(int direction) const
 {
     return m_rates[size_t(direction)].lastSecond(m_clock());
+}
+
+BridgeEngine::GatewayCounters BridgeEngine::gatewayCounters() const
+{
+    if (!m_gateway)
+        return m_gatewayCounters;
+    const ModbusArbiter &arbiter = m_gateway->arbiter();
+    return {arbiter.clientCounters(), arbiter.unitCounters(), arbiter.discardedReplies()};
 }

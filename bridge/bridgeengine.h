@@ -4,6 +4,7 @@
 #include "bridge/bridgepath.h"
 #include "bridge/bridgerecord.h"
 #include "bridge/floodguard.h"
+#include "bridge/modbusarbiter.h"
 #include "bridge/ratehistory.h"
 #include "common/monotonicclock.h"
 
@@ -14,6 +15,7 @@
 #include <array>
 
 class BridgeEnd;
+class ModbusGatewayPath;
 class PaneDirectory;
 class QTimer;
 
@@ -45,6 +47,14 @@ public:
         qint64 queuedBytes = 0;
     };
 
+    // A Modbus gateway's counters per client and per unit.
+    struct GatewayCounters
+    {
+        QList<std::pair<QString, ModbusArbiter::Counters>> clients;
+        QList<std::pair<int, ModbusArbiter::Counters>> units;
+        quint64 discardedReplies = 0;
+    };
+
     static constexpr int kCaptureSaveIntervalMs = 5000;
 
     BridgeEngine(const BridgeRecord &record, PaneDirectory *panes, QObject *parent = nullptr);
@@ -71,6 +81,8 @@ public:
     QList<qint64> ratePoints(int direction) const;
     qint64 rate(int direction) const;
     BridgeEnd *end(int index) const override;
+    // Kept after the bridge stops, until it starts again.
+    GatewayCounters gatewayCounters() const;
     QString captureFile() const { return m_capture.filePath(); }
 
     static QString stateName(State state);
@@ -109,6 +121,8 @@ private:
 
     std::array<BridgeEnd *, 2> m_ends{};
     QList<BridgePath *> m_paths;
+    ModbusGatewayPath *m_gateway = nullptr;
+    GatewayCounters m_gatewayCounters;
     std::array<Counters, 2> m_counters{};
     std::array<RateHistory, 2> m_rates;
     std::array<qint64, 2> m_rateCheckedSecond{{-1, -1}};

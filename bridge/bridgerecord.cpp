@@ -29,7 +29,14 @@ struct WordTable
     }
 };
 
-constexpr WordTable<BridgeKind, 1> kKinds{{{{BridgeKind::Forward, "forward"}}}};
+constexpr WordTable<BridgeKind, 2> kKinds{{{
+    {BridgeKind::Forward, "forward"},
+    {BridgeKind::ModbusGateway, "modbus"},
+}}};
+constexpr WordTable<ModbusFraming, 2> kModbusFramings{{{
+    {ModbusFraming::Rtu, "rtu"},
+    {ModbusFraming::Ascii, "ascii"},
+}}};
 constexpr WordTable<BridgeDirection, 3> kDirections{{{
     {BridgeDirection::AToB, "a-to-b"},
     {BridgeDirection::BToA, "b-to-a"},
@@ -76,6 +83,11 @@ QString BridgeRecord::endKindWord(BridgeEndSpec::Kind kind) { return kEndKinds.w
 bool BridgeRecord::endKindFromWord(const QString &word, BridgeEndSpec::Kind *kind) { return kEndKinds.parse(word, kind); }
 QString BridgeRecord::framingWord(BridgeFramer::Mode mode) { return kFramings.word(mode); }
 bool BridgeRecord::framingFromWord(const QString &word, BridgeFramer::Mode *mode) { return kFramings.parse(word, mode); }
+QString BridgeRecord::modbusFramingWord(ModbusFraming framing) { return kModbusFramings.word(framing); }
+bool BridgeRecord::modbusFramingFromWord(const QString &word, ModbusFraming *framing)
+{
+    return kModbusFramings.parse(word, framing);
+}
 QString BridgeRecord::policyWord(EgressQueue::Policy policy) { return kPolicies.word(policy); }
 bool BridgeRecord::policyFromWord(const QString &word, EgressQueue::Policy *policy)
 {
@@ -96,6 +108,7 @@ QString BridgeRecord::kindText(BridgeKind kind)
 {
     switch (kind) {
     case BridgeKind::Forward: return tr("Forward data");
+    case BridgeKind::ModbusGateway: return tr("Modbus TCP gateway");
     }
     return {};
 }
@@ -174,6 +187,9 @@ bool BridgeRecord::parseUdpTarget(const QString &rawText, QHostAddress *address,
 
 bool BridgeRecord::forwardsFrom(int from) const
 {
+    // A gateway carries requests one way and replies the other.
+    if (kind != BridgeKind::Forward)
+        return true;
     switch (direction) {
     case BridgeDirection::AToB: return from == kA;
     case BridgeDirection::BToA: return from == kB;
@@ -191,6 +207,10 @@ Result BridgeRecord::validate() const
         return Result::failure(tr("A bridge name has at most %1 characters.").arg(kMaxNameLength));
     for (int end : {kA, kB}) {
         if (const Result r = validateEnd(end); !r)
+            return r;
+    }
+    if (kind == BridgeKind::ModbusGateway) {
+        if (const Result r = validateModbus(); !r)
             return r;
     }
     const BridgeEndSpec &a = ends[kA];
@@ -223,6 +243,23 @@ Result BridgeRecord::validate() const
         return Result::failure(tr("The flood guard's rate limit cannot be negative."));
     if (capture.rotateSizeBytes < 0)
         return Result::failure(tr("The capture log's rotation size cannot be negative."));
+    return Result::success();
+}
+
+Result BridgeRecord::validateModbus() const
+{
+    if (ends[kA].kind != BridgeEndSpec::Kind::Listener || ends[kB].kind != BridgeEndSpec::Kind::Pane)
+        return Result::failure(tr("A Modbus gateway takes its clients on a listener as end A and its line on a pane as end B."));
+    if (modbus.responseTimeoutMs < 1 || modbus.responseTimeoutMs > kMaxModbusTimeoutMs)
+        return Result::failure(tr("The response timeout must be between 1 and %L1 ms.").arg(kMaxModbusTimeoutMs));
+    if (modbus.turnaroundMs < 0 || modbus.turnaroundMs > kMaxModbusTurnaroundMs)
+        return Result::failure(tr("The turnaround delay must be between 0 and %L1 ms.").arg(kMaxModbusTurnaroundMs));
+    if (modbus.perClientLimit < 1 || modbus.perClientLimit > kMaxModbusClientQueue)
+        return Result::failure(tr("A client's queue holds between 1 and %1 requests.").arg(kMaxModbusClientQueue));
+    if (modbus.totalLimit < 1 || modbus.totalLimit > kMaxModbusTotalQueue)
+        return Result::failure(tr("The gateway's queue holds between 1 and %1 requests.").arg(kMaxModbusTotalQueue));
+    if (modbus.perClientLimit > modbus.totalLimit)
+        return Result::failure(tr("A client's queue cannot hold more than the gateway's queue."));
     return Result::success();
 }
 

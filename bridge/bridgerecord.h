@@ -3,6 +3,7 @@
 #include "bridge/bridgeframer.h"
 #include "bridge/egressqueue.h"
 #include "bridge/floodguard.h"
+#include "bridge/modbusarbiter.h"
 #include "common/result.h"
 
 #include <QCoreApplication>
@@ -16,7 +17,8 @@
 // What runs between a bridge's ends. Stored as a word; a kind this version
 // does not know is skipped on load with a message.
 enum class BridgeKind {
-    Forward,  // framed bytes, queued per outlet, fanned out
+    Forward,        // framed bytes, queued per outlet, fanned out
+    ModbusGateway,  // Modbus TCP on a listener to RTU or ASCII on a pane
 };
 
 enum class BridgeDirection { AToB, BToA, Both };
@@ -69,6 +71,10 @@ public:
     static constexpr qint64 kMaxWatermark = 256LL * 1024 * 1024;
     static constexpr int kMaxUdpTargets = 32;
     static constexpr int kMaxNameLength = 64;
+    static constexpr int kMaxModbusTimeoutMs = 60000;
+    static constexpr int kMaxModbusTurnaroundMs = 10000;
+    static constexpr int kMaxModbusClientQueue = 256;
+    static constexpr int kMaxModbusTotalQueue = 4096;
 
     QString name;
     BridgeKind kind = BridgeKind::Forward;
@@ -80,6 +86,8 @@ public:
     EgressQueue::Options egress;
     FloodGuard::Options flood;
     BridgeCaptureOptions capture;
+    // The Modbus gateway kind's own options.
+    ModbusArbiter::Options modbus;
 
     bool operator==(const BridgeRecord &other) const = default;
 
@@ -96,6 +104,8 @@ public:
     static bool endKindFromWord(const QString &word, BridgeEndSpec::Kind *kind);
     static QString framingWord(BridgeFramer::Mode mode);
     static bool framingFromWord(const QString &word, BridgeFramer::Mode *mode);
+    static QString modbusFramingWord(ModbusFraming framing);
+    static bool modbusFramingFromWord(const QString &word, ModbusFraming *framing);
     static QString policyWord(EgressQueue::Policy policy);
     static bool policyFromWord(const QString &word, EgressQueue::Policy *policy);
 
@@ -115,4 +125,5 @@ public:
 private:
     Result validateEnd(int end) const;
     Result validateFraming(int direction) const;
+    Result validateModbus() const;
 };

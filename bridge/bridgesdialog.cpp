@@ -99,6 +99,18 @@ BridgesDialog::BridgesDialog(BridgeManager *manager, QWidget *parent)
         m_counters[d]->setTextInteractionFlags(Qt::TextSelectableByMouse);
         grid->addWidget(m_counters[d], 4, d, Qt::AlignTop);
     }
+    m_gatewayTable = new QTableWidget(0, 5, details);
+    m_gatewayTable->setObjectName(QStringLiteral("gatewayCounters"));
+    m_gatewayTable->setHorizontalHeaderLabels(
+        {tr("Client or unit"), tr("Requests"), tr("Replies"), tr("Timeouts"), tr("Exceptions")});
+    m_gatewayTable->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_gatewayTable->verticalHeader()->hide();
+    m_gatewayTable->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
+    m_gatewayTable->setMinimumHeight(120);
+    grid->addWidget(m_gatewayTable, 5, 0, 1, 2);
+    m_gatewaySummary = new QLabel(details);
+    m_gatewaySummary->setObjectName(QStringLiteral("gatewaySummary"));
+    grid->addWidget(m_gatewaySummary, 6, 0, 1, 2);
     layout->addWidget(details);
 
     auto *close = new QDialogButtonBox(QDialogButtonBox::Close, this);
@@ -184,6 +196,8 @@ void BridgesDialog::refreshDetails()
             m_counters[d]->clear();
             m_sparklines[d]->setPoints({});
         }
+        m_gatewayTable->hide();
+        m_gatewaySummary->hide();
         return;
     }
     m_stateText->setText(engine->stateText());
@@ -197,6 +211,40 @@ void BridgesDialog::refreshDetails()
                                         locale.toString(c.unroutedBytes), locale.toString(c.queuedBytes)));
         m_sparklines[d]->setPoints(engine->ratePoints(d));
     }
+    refreshGateway(engine);
+}
+
+void BridgesDialog::refreshGateway(const BridgeEngine *engine)
+{
+    const bool gateway = engine->record().kind == BridgeKind::ModbusGateway;
+    m_gatewayTable->setVisible(gateway);
+    m_gatewaySummary->setVisible(gateway);
+    if (!gateway)
+        return;
+    const BridgeEngine::GatewayCounters counters = engine->gatewayCounters();
+    const QLocale locale;
+    m_gatewayTable->setRowCount(int(counters.clients.size() + counters.units.size()));
+    int row = 0;
+    const auto put = [this, &row, &locale](const QString &name, const ModbusArbiter::Counters &c) {
+        const QStringList cells = {name, locale.toString(c.requests), locale.toString(c.replies),
+                                   locale.toString(c.timeouts), locale.toString(c.exceptions)};
+        for (int column = 0; column < cells.size(); ++column) {
+            QTableWidgetItem *item = m_gatewayTable->item(row, column);
+            if (!item) {
+                item = new QTableWidgetItem;
+                m_gatewayTable->setItem(row, column, item);
+            }
+            item->setText(cells[column]);
+            item->setTextAlignment(column == 0 ? Qt::AlignLeft | Qt::AlignVCenter : Qt::AlignRight | Qt::AlignVCenter);
+        }
+        ++row;
+    };
+    for (const auto &[client, c] : counters.clients)
+        put(tr("Client %1").arg(client), c);
+    for (const auto &[unit, c] : counters.units)
+        put(unit == 0 ? tr("Unit 0 (broadcast)") : tr("Unit %1").arg(unit), c);
+    m_gatewaySummary->setText(tr("Replies discarded (damaged, from another unit, or unasked): %1")
+                                  .arg(locale.toString(counters.discardedReplies)));
 }
 
 void BridgesDialog::updateButtons()

@@ -3,6 +3,7 @@
 #include <QDialog>
 
 class BridgeManager;
+class BridgeEngine;
 class QLabel;
 class QPushButton;
 class QTableWidget;
@@ -28,6 +29,7 @@ private:
     void rebuild();
     void refresh();
     void refreshDetails();
+    void refreshGateway(const BridgeEngine *engine);
     void updateButtons();
     void addBridge();
     void editBridge();
@@ -38,6 +40,9 @@ private:
     QLabel *m_stateText;
     QLabel *m_notice;
     QLabel *m_counters[2];
+    // A Modbus gateway's counters per client and per unit.
+    QTableWidget *m_gatewayTable;
+    QLabel *m_gatewaySummary;
     RateSparkline *m_sparklines[2];
     QPushButton *m_add;
     QPushButton *m_edit;

@@ -174,6 +174,27 @@ const QList<Field> &fields()
                   }});
         t.append({QStringLiteral("FloodSeconds"), [](const BridgeRecord &r) { return QString::number(r.flood.seconds); },
                   [](BridgeRecord &r, const QString &v) { return readInt(v, 1, RateHistory::kSeconds, &r.flood.seconds); }});
+        t.append({QStringLiteral("ModbusFraming"),
+                  [](const BridgeRecord &r) { return BridgeRecord::modbusFramingWord(r.modbus.framing); },
+                  [](BridgeRecord &r, const QString &v) { return BridgeRecord::modbusFramingFromWord(v, &r.modbus.framing); }});
+        t.append({QStringLiteral("ModbusTimeoutMs"), [](const BridgeRecord &r) { return QString::number(r.modbus.responseTimeoutMs); },
+                  [](BridgeRecord &r, const QString &v) {
+                      return readInt(v, 1, BridgeRecord::kMaxModbusTimeoutMs, &r.modbus.responseTimeoutMs);
+                  }});
+        t.append({QStringLiteral("ModbusTurnaroundMs"), [](const BridgeRecord &r) { return QString::number(r.modbus.turnaroundMs); },
+                  [](BridgeRecord &r, const QString &v) {
+                      return readInt(v, 0, BridgeRecord::kMaxModbusTurnaroundMs, &r.modbus.turnaroundMs);
+                  }});
+        t.append({QStringLiteral("ModbusRetry"), [](const BridgeRecord &r) { return boolText(r.modbus.retryOnce); },
+                  [](BridgeRecord &r, const QString &v) { return readBool(v, &r.modbus.retryOnce); }});
+        t.append({QStringLiteral("ModbusClientQueue"), [](const BridgeRecord &r) { return QString::number(r.modbus.perClientLimit); },
+                  [](BridgeRecord &r, const QString &v) {
+                      return readInt(v, 1, BridgeRecord::kMaxModbusClientQueue, &r.modbus.perClientLimit);
+                  }});
+        t.append({QStringLiteral("ModbusTotalQueue"), [](const BridgeRecord &r) { return QString::number(r.modbus.totalLimit); },
+                  [](BridgeRecord &r, const QString &v) {
+                      return readInt(v, 1, BridgeRecord::kMaxModbusTotalQueue, &r.modbus.totalLimit);
+                  }});
         t.append({QStringLiteral("Capture"), [](const BridgeRecord &r) { return boolText(r.capture.enabled); },
                   [](BridgeRecord &r, const QString &v) { return readBool(v, &r.capture.enabled); }});
         t.append({QStringLiteral("CaptureFolder"), [](const BridgeRecord &r) { return r.capture.folder; },

@@ -68,6 +68,8 @@ void PaneBridgeEnd::attach(PortSession *session)
     m_connections.append(connect(session->controller(), &ConnectionController::bytesWritten, this, &BridgeEnd::drained));
     m_connections.append(connect(session, &PortSession::transferStateChanged, this, &PaneBridgeEnd::updateReady));
     m_connections.append(connect(session, &PortSession::stateChanged, this, &PaneBridgeEnd::updateReady));
+    // A new baud rate changes a gateway's silences.
+    m_connections.append(connect(session, &PortSession::configChanged, this, &BridgeEnd::outletsChanged));
     emit outletsChanged();
 }
 
@@ -134,4 +136,11 @@ void PaneBridgeEnd::setReadPaused(bool paused)
     m_paused = paused;
     if (m_session)
         m_session->setReadHold(this, paused);
+}
+
+int PaneBridgeEnd::lineBaudRate() const
+{
+    if (!m_session || m_session->config().mode != ConnectionMode::Serial)
+        return 0;
+    return m_session->config().baudRate;
 }

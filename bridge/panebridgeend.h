@@ -31,6 +31,7 @@ public:
     bool write(const QString &outlet, const QByteArray &bytes) override;
     qint64 backlog(const QString &outlet) const override;
     void setReadPaused(bool paused) override;
+    int lineBaudRate() const override;
 
     PortSession *session() const;
 

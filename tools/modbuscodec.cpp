@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QtEndian>
 
+#include <cctype>
 #include <optional>
 
 namespace {
@@ -149,14 +150,7 @@ ValueResult<QByteArray> ModbusCodec::buildRtuFrame(const ModbusRequest &request)
     ValueResult<QByteArray> pdu = buildPdu(request);
     if (!pdu)
         return pdu;
-    QByteArray frame;
-    frame.reserve(pdu.value().size() + 3);
-    frame.append(char(request.slaveId));
-    frame.append(pdu.value());
-    char crc[2];
-    qToLittleEndian(quint16(computeCatalogueCrc(CrcModelId::Crc16Modbus, frame)), crc);
-    frame.append(crc, 2);
-    return frame;
+    return rtuFrame(request.slaveId, pdu.value());
 }
 
 ValueResult<QByteArray> ModbusCodec::buildAsciiFrame(const ModbusRequest &request)
@@ -164,11 +158,87 @@ ValueResult<QByteArray> ModbusCodec::buildAsciiFrame(const ModbusRequest &reques
     ValueResult<QByteArray> pdu = buildPdu(request);
     if (!pdu)
         return pdu;
+    return asciiFrame(request.slaveId, pdu.value());
+}
+
+QByteArray ModbusCodec::rtuFrame(quint8 unit, QByteArrayView pdu)
+{
+    QByteArray frame;
+    frame.reserve(pdu.size() + 3);
+    frame.append(char(unit));
+    frame.append(pdu);
+    char crc[2];
+    qToLittleEndian(quint16(computeCatalogueCrc(CrcModelId::Crc16Modbus, frame)), crc);
+    frame.append(crc, 2);
+    return frame;
+}
+
+QByteArray ModbusCodec::asciiFrame(quint8 unit, QByteArrayView pdu)
+{
     QByteArray body;
-    body.append(char(request.slaveId));
-    body.append(pdu.value());
+    body.reserve(pdu.size() + 2);
+    body.append(char(unit));
+    body.append(pdu);
     body.append(char(lrc(body)));
     return QByteArray(":") + body.toHex().toUpper() + "\r\n";
+}
+
+qsizetype ModbusCodec::rtuReplyLength(QByteArrayView bytes)
+{
+    if (bytes.size() < 2)
+        return 0;
+    const quint8 function = quint8(bytes[1]);
+    if (function & 0x80)
+        return 5;  // unit, function, exception code, CRC
+    switch (function) {
+    case 0x01:
+    case 0x02:
+    case 0x03:
+    case 0x04:
+        return bytes.size() < 3 ? 0 : 5 + quint8(bytes[2]);
+    case 0x05:
+    case 0x06:
+    case 0x0F:
+    case 0x10:
+        return 8;  // the request's address and value or count, echoed
+    default:
+        return -1;
+    }
+}
+
+ValueResult<ModbusCodec::Frame> ModbusCodec::readRtuFrame(QByteArrayView frame)
+{
+    if (frame.size() < 4)
+        return ValueResult<Frame>::failure(tr("A frame of %n byte(s) is too short.", nullptr, int(frame.size())));
+    const QByteArrayView body = frame.first(frame.size() - 2);
+    const quint16 stated = qFromLittleEndian<quint16>(frame.data() + body.size());
+    const quint16 computed = quint16(computeCatalogueCrc(CrcModelId::Crc16Modbus, body));
+    if (stated != computed) {
+        return ValueResult<Frame>::failure(tr("CRC mismatch: the frame says %1, its bytes give %2.")
+                                               .arg(stated, 4, 16, QLatin1Char('0'))
+                                               .arg(computed, 4, 16, QLatin1Char('0')));
+    }
+    return Frame{quint8(body[0]), body.sliced(1).toByteArray()};
+}
+
+ValueResult<ModbusCodec::Frame> ModbusCodec::readAsciiFrame(QByteArrayView frame)
+{
+    if (frame.size() < 9 || frame[0] != ':' || !frame.endsWith("\r\n") || (frame.size() - 3) % 2 != 0)
+        return ValueResult<Frame>::failure(tr("Not an ASCII frame: it must be \":\", pairs of hex digits and CR LF."));
+    const QByteArrayView hex = frame.sliced(1, frame.size() - 3);
+    for (char c : hex) {
+        if (!std::isxdigit(static_cast<unsigned char>(c)))
+            return ValueResult<Frame>::failure(tr("Not an ASCII frame: it must be \":\", pairs of hex digits and CR LF."));
+    }
+    const QByteArray body = QByteArray::fromHex(hex.toByteArray());
+    const QByteArrayView data = QByteArrayView(body).first(body.size() - 1);
+    const quint8 stated = quint8(body.back());
+    if (lrc(data) != stated) {
+        return ValueResult<Frame>::failure(tr("LRC mismatch: the frame says %1, its bytes give %2.")
+                                               .arg(stated, 2, 16, QLatin1Char('0'))
+                                               .arg(lrc(data), 2, 16, QLatin1Char('0')));
+    }
+    return Frame{quint8(data[0]), data.sliced(1).toByteArray()};
 }
 
 ValueResult<QByteArray> ModbusCodec::buildFrame(const ModbusRequest &request, ModbusFraming framing)

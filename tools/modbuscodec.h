@@ -33,6 +33,25 @@ public:
     static ValueResult<QByteArray> buildAsciiFrame(const ModbusRequest &request);
     static ValueResult<QByteArray> buildFrame(const ModbusRequest &request, ModbusFraming framing);
 
+    // A unit and PDU as the line carries them, for any function code.
+    static QByteArray rtuFrame(quint8 unit, QByteArrayView pdu);
+    static QByteArray asciiFrame(quint8 unit, QByteArrayView pdu);
+
+    // A frame read back off the line.
+    struct Frame
+    {
+        quint8 unit = 0;
+        QByteArray pdu;
+    };
+    // How long the RTU reply starting `bytes` is, from its function code:
+    // 0 while too few bytes are in to tell, -1 for a function whose replies
+    // do not say (such a reply ends at a silence).
+    static qsizetype rtuReplyLength(QByteArrayView bytes);
+    // A whole RTU frame, its CRC checked.
+    static ValueResult<Frame> readRtuFrame(QByteArrayView frame);
+    // A whole ASCII frame from ":" to CR LF, its hex and LRC checked.
+    static ValueResult<Frame> readAsciiFrame(QByteArrayView frame);
+
     // Two's complement of the 8-bit sum.
     static quint8 lrc(QByteArrayView bytes);
     // An ASCII frame as text with its final CR LF shown as "<CR><LF>".

@@ -144,6 +144,10 @@
         <source>Capture Log</source>
         <translation>抓包日志</translation>
     </message>
+    <message>
+        <source>Modbus Gateway</source>
+        <translation>Modbus 网关</translation>
+    </message>
 </context>
 <context>
     <name>BridgeEndForm</name>
@@ -475,6 +479,34 @@
         <source>%1: the fixed length must be between 1 and the maximum frame size (%L2 bytes).</source>
         <translation>%1：固定长度必须在 1 到最大帧长（%L2 字节）之间。</translation>
     </message>
+    <message>
+        <source>Modbus TCP gateway</source>
+        <translation>Modbus TCP 网关</translation>
+    </message>
+    <message>
+        <source>A Modbus gateway takes its clients on a listener as end A and its line on a pane as end B.</source>
+        <translation>Modbus 网关的客户端须在端 A 的监听上，串行线路须在端 B 的面板上。</translation>
+    </message>
+    <message>
+        <source>The response timeout must be between 1 and %L1 ms.</source>
+        <translation>响应超时必须在 1 到 %L1 毫秒之间。</translation>
+    </message>
+    <message>
+        <source>The turnaround delay must be between 0 and %L1 ms.</source>
+        <translation>周转延时必须在 0 到 %L1 毫秒之间。</translation>
+    </message>
+    <message>
+        <source>A client&apos;s queue holds between 1 and %1 requests.</source>
+        <translation>每个客户端的队列可容纳 1 到 %1 个请求。</translation>
+    </message>
+    <message>
+        <source>The gateway&apos;s queue holds between 1 and %1 requests.</source>
+        <translation>网关的队列可容纳 1 到 %1 个请求。</translation>
+    </message>
+    <message>
+        <source>A client&apos;s queue cannot hold more than the gateway&apos;s queue.</source>
+        <translation>客户端的队列不能大于网关的队列。</translation>
+    </message>
 </context>
 <context>
     <name>BridgeStore</name>
@@ -577,6 +609,42 @@ Queued: %6 bytes</source>
         <source>Remove the bridge &quot;%1&quot;? Its link stops at once.</source>
         <translation>删除桥接“%1”？其链路将立即停止。</translation>
     </message>
+    <message>
+        <source>Client or unit</source>
+        <translation>客户端或单元</translation>
+    </message>
+    <message>
+        <source>Requests</source>
+        <translation>请求</translation>
+    </message>
+    <message>
+        <source>Replies</source>
+        <translation>应答</translation>
+    </message>
+    <message>
+        <source>Timeouts</source>
+        <translation>超时</translation>
+    </message>
+    <message>
+        <source>Exceptions</source>
+        <translation>异常</translation>
+    </message>
+    <message>
+        <source>Client %1</source>
+        <translation>客户端 %1</translation>
+    </message>
+    <message>
+        <source>Unit 0 (broadcast)</source>
+        <translation>单元 0（广播）</translation>
+    </message>
+    <message>
+        <source>Unit %1</source>
+        <translation>单元 %1</translation>
+    </message>
+    <message>
+        <source>Replies discarded (damaged, from another unit, or unasked): %1</source>
+        <translation>丢弃的应答（损坏、来自其他单元或无人请求）：%1</translation>
+    </message>
 </context>
 <context>
     <name>ForwardPath</name>
@@ -630,6 +698,87 @@ Queued: %6 bytes</source>
     <message>
         <source>listener %1</source>
         <translation>监听 %1</translation>
+    </message>
+</context>
+<context>
+    <name>ModbusGatewayForm</name>
+    <message>
+        <source>Modbus RTU</source>
+        <translation>Modbus RTU</translation>
+    </message>
+    <message>
+        <source>Modbus ASCII</source>
+        <translation>Modbus ASCII</translation>
+    </message>
+    <message>
+        <source>Serial line speaks</source>
+        <translation>串行线路协议</translation>
+    </message>
+    <message>
+        <source> ms</source>
+        <translation> 毫秒</translation>
+    </message>
+    <message>
+        <source>A unit silent this long is answered with exception 0x0B and the next request goes</source>
+        <translation>单元沉默达到此时长时，以异常 0x0B 应答，并发送下一个请求</translation>
+    </message>
+    <message>
+        <source>Response timeout</source>
+        <translation>响应超时</translation>
+    </message>
+    <message>
+        <source>Extra quiet time after each reply and broadcast, beyond 3.5 characters</source>
+        <translation>每次应答和广播之后，在 3.5 个字符之外额外的静默时间</translation>
+    </message>
+    <message>
+        <source>Turnaround delay</source>
+        <translation>周转延时</translation>
+    </message>
+    <message>
+        <source>Send a request again once when its reply is damaged or from another unit</source>
+        <translation>应答损坏或来自其他单元时，重发一次请求</translation>
+    </message>
+    <message>
+        <source> requests</source>
+        <translation> 个请求</translation>
+    </message>
+    <message>
+        <source>Requests beyond this are answered with exception 0x06 (server device busy)</source>
+        <translation>超出此数的请求以异常 0x06（从站设备忙）应答</translation>
+    </message>
+    <message>
+        <source>Queue per client</source>
+        <translation>每个客户端的队列</translation>
+    </message>
+    <message>
+        <source>Queue in total</source>
+        <translation>总队列</translation>
+    </message>
+</context>
+<context>
+    <name>ModbusGatewayPath</name>
+    <message>
+        <source>Closed %1: %2</source>
+        <translation>已关闭 %1：%2</translation>
+    </message>
+    <message>
+        <source>it sent requests faster than it read the replies.</source>
+        <translation>它发送请求的速度快于读取应答的速度。</translation>
+    </message>
+    <message>
+        <source>the gateway stopped</source>
+        <translation>网关已停止</translation>
+    </message>
+</context>
+<context>
+    <name>ModbusTcpReader</name>
+    <message>
+        <source>its MBAP header names protocol %1, not Modbus (0).</source>
+        <translation>其 MBAP 报头的协议号为 %1，而不是 Modbus (0)。</translation>
+    </message>
+    <message>
+        <source>its MBAP header gives a length of %1; Modbus allows 2 to %2.</source>
+        <translation>其 MBAP 报头给出的长度为 %1；Modbus 允许 2 到 %2。</translation>
     </message>
 </context>
 <context>

@@ -358,6 +358,24 @@
         <source>Write Single Register needs exactly one value.</source>
         <translation>写单个寄存器需要恰好一个值。</translation>
     </message>
+    <message numerus="yes">
+        <source>A frame of %n byte(s) is too short.</source>
+        <translation>
+            <numerusform>%n 字节的帧太短。</numerusform>
+        </translation>
+    </message>
+    <message>
+        <source>CRC mismatch: the frame says %1, its bytes give %2.</source>
+        <translation>CRC 不符：帧中为 %1，按其字节计算为 %2。</translation>
+    </message>
+    <message>
+        <source>Not an ASCII frame: it must be &quot;:&quot;, pairs of hex digits and CR LF.</source>
+        <translation>不是 ASCII 帧：必须由“:”、成对的十六进制数字和 CR LF 组成。</translation>
+    </message>
+    <message>
+        <source>LRC mismatch: the frame says %1, its bytes give %2.</source>
+        <translation>LRC 不符：帧中为 %1，按其字节计算为 %2。</translation>
+    </message>
 </context>
 <context>
     <name>ModbusValuesParser</name>

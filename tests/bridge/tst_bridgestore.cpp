@@ -60,6 +60,18 @@ BridgeRecord paneToListener(const QString &name)
     return r;
 }
 
+BridgeRecord modbusGateway()
+{
+    BridgeRecord r;
+    r.name = QStringLiteral("meters");
+    r.kind = BridgeKind::ModbusGateway;
+    r.ends[BridgeRecord::kA].kind = BridgeEndSpec::Kind::Listener;
+    r.ends[BridgeRecord::kA].listenPort = 502;
+    r.ends[BridgeRecord::kB].pane = QStringLiteral("ser-/dev/ttyUSB1");
+    r.modbus = {ModbusFraming::Ascii, 750, 40, true, 5, 50};
+    return r;
+}
+
 } // namespace
 
 class BridgeStoreTest : public QObject
@@ -84,21 +96,24 @@ private:
 
 void BridgeStoreTest::everyFieldRoundTrips()
 {
-    const QList<BridgeRecord> records{unusualRecord(), paneToListener(QStringLiteral("second"))};
+    const QList<BridgeRecord> records{unusualRecord(), paneToListener(QStringLiteral("second")), modbusGateway()};
     QVERIFY2(records.first().validate(), qPrintable(records.first().validate().errorText()));
     {
         QSettings settings;
         BridgeStore::save(settings, records);
     }
     QSettings settings;
-    QCOMPARE(settings.value(QStringLiteral("Bridge/Count")).toInt(), 2);
+    QCOMPARE(settings.value(QStringLiteral("Bridge/Count")).toInt(), 3);
+    QCOMPARE(settings.value(QStringLiteral("Bridge/2/Kind")).toString(), QStringLiteral("modbus"));
+    QCOMPARE(settings.value(QStringLiteral("Bridge/2/ModbusFraming")).toString(), QStringLiteral("ascii"));
     QCOMPARE(settings.value(QStringLiteral("Bridge/0/Name")).toString(), QStringLiteral("PLC gateway, line 2"));
     QCOMPARE(settings.value(QStringLiteral("Bridge/0/AToBDelimiter")).toString(), QStringLiteral("0D 0A 00 FF"));
     const BridgeStore::Loaded loaded = BridgeStore::load(settings);
     QVERIFY2(loaded.skipped.isEmpty(), qPrintable(loaded.skipped.join('\n')));
-    QCOMPARE(loaded.records.size(), 2);
+    QCOMPARE(loaded.records.size(), 3);
     QVERIFY(loaded.records.at(0) == records.at(0));
     QVERIFY(loaded.records.at(1) == records.at(1));
+    QVERIFY(loaded.records.at(2) == records.at(2));
 
     // Saving fewer leaves nothing of the old ones behind.
     BridgeStore::save(settings, {records.at(1)});
@@ -128,6 +143,14 @@ void BridgeStoreTest::aGarbledBridgeIsSkippedWithAMessage_data()
     // Each field reads, but together they do not make a bridge.
     QTest::newRow("UDP as a source") << "EndAKind" << "udp"
                                      << "Stored bridge 2 was skipped: End A: list at least one UDP target as address:port.";
+    QTest::newRow("not a Modbus framing") << "ModbusFraming" << "binary"
+                                          << "Stored bridge 2 was skipped: ModbusFraming holds \"binary\", which it cannot take.";
+    QTest::newRow("no response timeout") << "ModbusTimeoutMs" << "0"
+                                         << "Stored bridge 2 was skipped: ModbusTimeoutMs holds \"0\", which it cannot take.";
+    QTest::newRow("a gateway with its ends swapped")
+        << "Kind" << "modbus"
+        << "Stored bridge 2 was skipped: A Modbus gateway takes its clients on a listener as end A and its line on a "
+           "pane as end B.";
     QTest::newRow("watermarks the wrong way round")
         << "LowWatermark" << "2000000" << "Stored bridge 2 was skipped: The low watermark must be below the high watermark.";
 }

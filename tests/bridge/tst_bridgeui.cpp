@@ -11,6 +11,7 @@
 #include "bridge/bridgesdialog.h"
 #include "bridge/bridgestore.h"
 #include "bridge/listenerbridgeend.h"
+#include "bridge/modbustcpreader.h"
 #include "bridge/ratesparkline.h"
 #include "bridge/panedirectory.h"
 #include "support/settingssandbox.h"
@@ -55,6 +56,7 @@ private Q_SLOTS:
     void editDialogRefusesAFieldWithItsMessage();
     void listShowsStateAndSwitchesBridges();
     void listShowsCountersAndTheRateOfEachSecond();
+    void aGatewayShowsItsCountersPerClientAndUnit();
     void aLinkedPaneShowsItsBadge();
     void windowRestoresBridgesAndOpensTheList();
     void dialogsHaveScreenshotNames();
@@ -172,6 +174,42 @@ void BridgeUiTest::listShowsCountersAndTheRateOfEachSecond()
     QCOMPARE(sparkline->points().first(), 0);
     QCOMPARE(table->item(0, BridgesDialog::AToBColumn)->text(), RateSparkline::rateText(1500));
     QCOMPARE(RateSparkline::rateText(1500), QStringLiteral("%1 KB/s").arg(QLocale().toString(1.5, 'f', 1)));
+}
+
+void BridgeUiTest::aGatewayShowsItsCountersPerClientAndUnit()
+{
+    // No pane has the line: every request times out, and is counted so.
+    BridgeRecord record = gatewayTo(QStringLiteral("ser-/dev/nowhere"));
+    record.kind = BridgeKind::ModbusGateway;
+    record.modbus.responseTimeoutMs = 20;
+    BridgeManager manager;
+    QVERIFY(manager.add(record));
+    BridgesDialog dialog(&manager);
+    auto *gateway = dialog.findChild<QTableWidget *>(QStringLiteral("gatewayCounters"));
+    QVERIFY(gateway);
+    QCOMPARE(gateway->rowCount(), 0);
+
+    QTcpSocket client;
+    const auto *listener = qobject_cast<ListenerBridgeEnd *>(manager.engine(0)->end(BridgeRecord::kA));
+    client.connectToHost(QHostAddress::LocalHost, listener->listeningPort());
+    QVERIFY(client.waitForConnected(5000));
+    for (quint16 id : {1, 2})
+        client.write(ModbusTcpReader::frame(id, 9, QByteArray::fromHex("0300000001")));
+    QByteArray replies;
+    QTRY_VERIFY_WITH_TIMEOUT((replies += client.readAll()).size() == 2 * 9, 5000);
+    QCOMPARE(replies, ModbusTcpReader::frame(1, 9, QByteArray::fromHex("830b"))
+                          + ModbusTcpReader::frame(2, 9, QByteArray::fromHex("830b")));
+    const QString label = QStringLiteral("127.0.0.1:%1").arg(client.localPort());
+    QTRY_COMPARE_WITH_TIMEOUT(gateway->rowCount(), 2, 5000);
+    const auto row = [gateway](int r) {
+        QStringList cells;
+        for (int c = 0; c < gateway->columnCount(); ++c)
+            cells.append(gateway->item(r, c)->text());
+        return cells;
+    };
+    QCOMPARE(row(0), (QStringList{QStringLiteral("Client %1").arg(label), "2", "0", "2", "0"}));
+    QCOMPARE(row(1), (QStringList{"Unit 9", "2", "0", "2", "0"}));
+    QVERIFY(gateway->isVisibleTo(&dialog));
 }
 
 void BridgeUiTest::aLinkedPaneShowsItsBadge()
