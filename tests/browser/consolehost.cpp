@@ -7,7 +7,8 @@
 //           "far <hex>" for bytes that reached the far end; "watching 0|1";
 //           "error <text>" before a non-zero exit.
 //   stdin:  "write <hex>" writes bytes at the far end;
-//           "allow-send 0|1" switches "Allow Remote Send"; "quit".
+//           "allow-send 0|1" switches "Allow Remote Send", "allow-control 0|1"
+//           "Allow Remote Port Control" (each answered "ok"); "quit".
 #include "cloud/accountsession.h"
 #include "cloud/cloudconsoleservice.h"
 #include "cloud/consolesocket.h"
@@ -129,6 +130,9 @@ int main(int argc, char **argv)
                 far.write(QByteArray::fromHex(line.mid(6)));
             } else if (line.startsWith("allow-send ")) {
                 QSettings().setValue(QStringLiteral("CloudConsoleAllowRemoteSend"), line.endsWith('1'));
+                say("ok");
+            } else if (line.startsWith("allow-control ")) {
+                QSettings().setValue(QStringLiteral("CloudConsoleAllowPortControl"), line.endsWith('1'));
                 say("ok");
             } else if (line == "quit") {
                 app.quit();

@@ -211,11 +211,15 @@ class ConsoleHost {
   // Bytes written at the far end, as a device would send them.
   write(bytes) { this.tell(`write ${Buffer.from(bytes).toString('hex')}`); }
 
-  // Switches "Allow Remote Send" and waits until the host has done it.
-  async allowSend(on) {
+  // Switch "Allow Remote Send" and "Allow Remote Port Control", and wait
+  // until the host has done it.
+  async allowSend(on) { await this.setting('allow-send', on); }
+  async allowControl(on) { await this.setting('allow-control', on); }
+
+  async setting(name, on) {
     const before = this.lines.filter((l) => l === 'ok').length;
-    this.tell(`allow-send ${on ? 1 : 0}`);
-    await waitFor(() => this.lines.filter((l) => l === 'ok').length > before, 'the host to switch remote send');
+    this.tell(`${name} ${on ? 1 : 0}`);
+    await waitFor(() => this.lines.filter((l) => l === 'ok').length > before, `the host to switch ${name}`);
   }
 
   // Asked to quit first: a host killed outright would leave its socat behind.
