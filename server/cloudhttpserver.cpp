@@ -374,6 +374,10 @@ void CloudHttpServer::upgrade(HttpConnection *connection, const HttpRequest &req
         releaseSlot(key);
         return;
     }
+    // Qt reads a WebSocket frame only once all of it is in the socket's
+    // buffer: the HTTP head's small buffer would stall any larger frame for
+    // good. Room for the largest frame taken, and no more.
+    socket->setReadBufferSize(qint64(m_limits.http.maxBodyBytes) + 16 * 1024);
     const QString peer = QStringLiteral("%1 %2").arg(socket->peerAddress().toString()).arg(socket->peerPort());
     m_handedOver.insert(peer, socket);
     // Not the socket's destroyed signal: QWebSocket disconnects every

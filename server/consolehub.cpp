@@ -663,6 +663,14 @@ void ConsoleHub::enqueue(Watcher *watcher, const QByteArray &message, int events
     flush(watcher);
 }
 
+qint64 ConsoleHub::largestWatcherBacklog() const
+{
+    qint64 largest = 0;
+    for (const Watcher *watcher : m_watchers)
+        largest = qMax(largest, watcher->queue.bytes() + watcher->socket->bytesToWrite());
+    return largest;
+}
+
 void ConsoleHub::flush(Watcher *watcher)
 {
     // The socket's own buffer holds little; the rest waits in the bounded queue.

@@ -71,6 +71,9 @@ public:
     int watcherSockets() const { return int(m_watchers.size()); }
     // Events lost in watchers' queues so far, all watchers together.
     qint64 lostEvents() const { return m_lostEvents; }
+    // What waits for the slowest watcher: its queue and its socket's buffer.
+    // Walks every watcher: for a look now and then, not per event.
+    qint64 largestWatcherBacklog() const;
 
 private:
     struct Computer

@@ -29,6 +29,8 @@ std::optional<HttpResponse> serve(const QByteArray &method, const QString &path)
         {"/", ":/web/index.html", "text/html; charset=utf-8"},
         {"/console.js", ":/web/console.js", "text/javascript; charset=utf-8"},
         {"/console.css", ":/web/console.css", "text/css; charset=utf-8"},
+        // Without an icon of its own, every visit costs the browser a 404.
+        {"/favicon.svg", ":/web/favicon.svg", "image/svg+xml"},
     };
     for (const File &file : files) {
         if (path != QLatin1String(file.path))

@@ -18,6 +18,21 @@ const texts = {
     'the port is not open': '端口未打开', 'empty payload': '内容为空',
     'the text is not hexadecimal bytes': '文本不是十六进制字节',
     'a file transfer is using this port': '文件传输正在使用此端口',
+    'cloud relay is disabled on the device': '设备上已禁止云中继',
+    'the share does not allow sending from a browser': '此共享不允许从浏览器发送',
+    'the share does not allow port control from a browser': '此共享不允许从浏览器控制端口',
+    'this computer holds no such share': '此计算机上没有这个共享',
+    'the text cannot be written in the port\'s encoding': '文本无法用端口的编码写出',
+    'no serial parameters given': '没有给出串口参数',
+    'only a serial port has parameters': '只有串口才有参数',
+    'the device is not reading what was sent before': '设备还没有读取之前发送的数据',
+    'the port did not take the data': '端口没有接收数据',
+    // Refusals whose text carries a value: translated by their code.
+    'code:invalid_payload': '内容无效', 'code:port_not_found': '没有这个端口',
+    'code:internal_error': '设备上出错', 'code:unsupported_command': '设备不支持此命令',
+    'code:permission_denied': '设备拒绝了此操作',
+    'code:too_many_commands': '等待执行的命令太多，请稍后再试',
+    'code:computer_not_found': '找不到这台计算机', 'code:too_many_watchers': '观看这台计算机的人太多',
   },
 };
 const english = {
@@ -32,6 +47,14 @@ function t(key, arg) {
   return arg === undefined ? text : text.replace('%1', arg);
 }
 
+// A refusal in the reader's language: its own text when that is known,
+// else the meaning of its code, else the text as the device or service said it.
+function refusal(message, code) {
+  if (lang === 'zh' && message && texts.zh[message]) return texts.zh[message];
+  if (lang === 'zh' && code && texts.zh['code:' + code]) return texts.zh['code:' + code];
+  return message || code || '';
+}
+
 const maxLines = 2000;  // scroll-back per port view
 const $ = (id) => document.getElementById(id);
 let auth = null;        // {access, refresh}: never stored anywhere else
@@ -41,6 +64,9 @@ let ports = [];
 let portKey = null;
 let paused = false;
 let pending = new Map();  // command id -> what it was, for its result
+// Results that came over the socket before the reply to their own issue.
+const early = new Map();
+const maxEarly = 64;
 
 function applyLanguage() {
   document.documentElement.lang = lang === 'zh' ? 'zh-CN' : 'en';
@@ -145,7 +171,12 @@ function connect() {
 function heard(message) {
   switch (message.type) {
   case 'watch':
-    if (!message.status) note(message.description, true); else setPresence(message.online);
+    if (message.status) { setPresence(message.online); break; }
+    note(refusal(message.description, message.code), true);
+    // An expired token is renewed by any signed-in call before the next try;
+    // any other refusal stands, and trying again would only repeat it.
+    if (message.code === 'invalid_token') api('GET', 'console/computers');
+    else socket = null;
     break;
   case 'presence': setPresence(message.online); break;
   case 'watchers': $('watchers').textContent = t('watchers', message.count); break;
@@ -218,15 +249,28 @@ function note(text, failed) {
 async function issue(command, payload) {
   note(t('waiting'));
   const reply = await api('POST', `console/computers/${encodeURIComponent(computer)}/commands`, {command, payload});
-  if (!reply.status) { note(reply.description, true); return; }
+  if (!reply.status) { note(refusal(reply.description, reply.code), true); return; }
   pending.set(reply.command_id, command);
+  if (early.has(reply.command_id)) {
+    showResult(early.get(reply.command_id));
+    early.delete(reply.command_id);
+  }
 }
 
 function showResult(message) {
-  if (!pending.delete(message.command_id)) return;
+  if (!pending.delete(message.command_id)) {
+    // Perhaps this page's own command, whose issue has not been answered yet.
+    early.set(message.command_id, message);
+    if (early.size > maxEarly) early.delete(early.keys().next().value);
+    return;
+  }
   const r = message.result || {};
+  if (r.port && r.port.port_key) {
+    ports = ports.map((p) => (p.port_key === r.port.port_key ? r.port : p));
+    showPorts();
+  }
   if (r.status === 'succeeded') note(r.bytes !== undefined ? t('sent', r.bytes) : t('done'));
-  else note(t(r.message || r.error_code || ''), true);
+  else note(refusal(r.message, r.error_code), true);
 }
 
 function send(event) {
