@@ -930,7 +930,14 @@ void PortSession::noteLogResult(const Result &result)
 {
     if (!result) {
         const QString text = result.errorText().isEmpty() ? LogWriter::invalidNameText() : result.errorText();
-        reportFailure(text);
+        // A disk that stays full fails every tick with the same words: say
+        // them again only now and then, a new text at once.
+        if (text != m_logFailureText || !m_logFailureShown.isValid()
+            || m_logFailureShown.hasExpired(kLogFailureRepeatMs)) {
+            m_logFailureText = text;
+            m_logFailureShown.start();
+            reportFailure(text);
+        }
         // Asked once per run of failures: the box does not come back every
         // save tick while the disk stays full.
         if (!std::exchange(m_logFailing, true))
@@ -940,6 +947,8 @@ void PortSession::noteLogResult(const Result &result)
     // The disk took the text again: the old error no longer holds.
     if (m_logFailing && m_log.pendingBytes() == 0) {
         m_logFailing = false;
+        m_logFailureText.clear();
+        m_logFailureShown.invalidate();
         emit failureCleared();
         emit statusMessage(tr("The data log is being written again."), 3000);
     }
