@@ -4,6 +4,7 @@
 #include <QHash>
 #include <QHostAddress>
 #include <QList>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QTcpServer>
@@ -30,9 +31,10 @@ public:
     QStringList allowlist() const { return m_allowlist; }
     void setLowDelay(bool on);
     bool isLowDelay() const { return m_lowDelay; }
-    // While paused the clients' data stays in their sockets (each limited to
-    // a small read buffer so TCP holds the senders back); resuming delivers
-    // what is waiting at once.
+    // While paused no connection is accepted (the kernel holds them) and
+    // the clients' data stays in their sockets (each limited to a small read
+    // buffer so TCP holds the senders back); resuming delivers what is
+    // waiting at once. Either way costs nothing per connected client.
     void setReadPaused(bool on);
     bool isReadPaused() const { return m_readPaused; }
 
@@ -86,12 +88,17 @@ private:
     static bool isBacklogged(const QTcpSocket *socket);
     void applyClientOptions(QTcpSocket *socket) const;
     void deliver(QTcpSocket *socket);
+    void deliverWaiting();
     void removeClient(QTcpSocket *socket);
     void refuse(QTcpSocket *socket, const QString &reason);
 
     QList<QTcpSocket *> m_clients;
     QHash<QTcpSocket *, QString> m_labels;
     QHash<QString, QTcpSocket *> m_byLabel;
+    // Clients that had data while reading was paused, in the order they
+    // had it; the set answers "already queued?" at once.
+    QList<QTcpSocket *> m_waiting;
+    QSet<QTcpSocket *> m_waitingSet;
     QStringList m_allowlist;
     bool m_exclusive = false;
     bool m_readPaused = false;
