@@ -142,6 +142,7 @@ void MultiClientServer::stop()
     m_byLabel.clear();
     m_waiting.clear();
     m_waitingSet.clear();
+    m_skipping.clear();
     for (QTcpSocket *socket : clients) {
         socket->disconnect(this);
         socket->abort();
@@ -176,8 +177,17 @@ qint64 MultiClientServer::writeToAll(const QByteArray &data)
     for (QTcpSocket *socket : clients) {
         // A client that does not read misses what it cannot take, rather
         // than holding the others back or piling up here.
-        if (!m_labels.contains(socket) || socket->state() != QAbstractSocket::ConnectedState || isBacklogged(socket))
+        if (!m_labels.contains(socket) || socket->state() != QAbstractSocket::ConnectedState)
             continue;
+        if (isBacklogged(socket)) {
+            // Said once per stretch of not reading, not once per send.
+            if (!m_skipping.contains(socket)) {
+                m_skipping.insert(socket);
+                emit clientSkipped(m_labels.value(socket));
+            }
+            continue;
+        }
+        m_skipping.remove(socket);
         largest = qMax(largest, socket->write(data));
     }
     return largest;
@@ -204,6 +214,19 @@ bool MultiClientServer::disconnectClient(const QString &peer)
     socket->abort();
     removeClient(socket);
     return true;
+}
+
+qint64 MultiClientServer::smallestClientBacklog() const
+{
+    qint64 smallest = 0;
+    bool any = false;
+    for (const QTcpSocket *socket : m_clients) {
+        if (socket->state() != QAbstractSocket::ConnectedState)
+            continue;
+        smallest = any ? qMin(smallest, socket->bytesToWrite()) : socket->bytesToWrite();
+        any = true;
+    }
+    return smallest;
 }
 
 qint64 MultiClientServer::largestClientBacklog() const
@@ -319,6 +342,7 @@ void MultiClientServer::removeClient(QTcpSocket *socket)
     m_clients.removeOne(socket);
     if (m_waitingSet.remove(socket))
         m_waiting.removeOne(socket);
+    m_skipping.remove(socket);
     socket->disconnect(this);
     socket->deleteLater();
     emit clientGone(label);

@@ -61,6 +61,9 @@ public:
     bool disconnectClient(const QString &peer);
     // The most any one client still has to take.
     qint64 largestClientBacklog() const;
+    // The least any connected client still has to take: what holds back a
+    // send to all, which skips the clients that do not read.
+    qint64 smallestClientBacklog() const;
     int clientCount() const { return int(m_clients.size()); }
     // "%1:%2" labels (address, port) in the order the clients were accepted.
     QStringList clientLabels() const;
@@ -78,6 +81,8 @@ Q_SIGNALS:
     void clientArrived(const QString &peer);
     void bytesWritten(qint64 bytes);
     void connectionRefused(const QString &peer, const QString &reason);
+    // A send to all clients passed this one by: it holds its cap unread.
+    void clientSkipped(const QString &peer);
 
 public Q_SLOTS:
     void handleNewConnection();
@@ -99,6 +104,8 @@ private:
     // had it; the set answers "already queued?" at once.
     QList<QTcpSocket *> m_waiting;
     QSet<QTcpSocket *> m_waitingSet;
+    // Clients that sends to all are passing by until they read again.
+    QSet<QTcpSocket *> m_skipping;
     QStringList m_allowlist;
     bool m_exclusive = false;
     bool m_readPaused = false;

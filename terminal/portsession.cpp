@@ -706,11 +706,12 @@ quint64 PortSession::txCount() const
 
 qint64 PortSession::peerBacklog() const
 {
-    // A send to one client of a server waits on that client alone: another
-    // that is slow to read is not the one being written to.
-    const bool oneClient = m_config.mode == ConnectionMode::TcpServer
-        && (!m_target.clientLabel.isEmpty() || m_target.index >= 0);
-    return oneClient ? m_controller->bytesToWrite(m_config.mode, m_target) : m_controller->writeBacklog();
+    // A send to one client of a server waits on that client alone, and a
+    // send to all only while no client takes anything: one that is slow to
+    // read is passed by and holds no other back.
+    if (m_config.mode == ConnectionMode::TcpServer)
+        return m_controller->bytesToWrite(m_config.mode, m_target);
+    return m_controller->writeBacklog();
 }
 
 bool PortSession::isPeerBacklogged() const
