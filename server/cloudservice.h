@@ -11,6 +11,7 @@
 #include <memory>
 
 class CodeMailer;
+class ConsoleBus;
 class ConsoleHub;
 class ConsoleLive;
 class LoopWatch;
@@ -42,6 +43,7 @@ public:
     CloudHttpServer &http() { return *m_http; }
     WorkerPool &pool() { return *m_pool; }
     ConsoleHub &console() { return *m_console; }
+    ConsoleBus *consoleBus() { return m_bus; }
     // The longest time the event loop was held up so far.
     qint64 longestStallMs() const;
 
@@ -52,6 +54,7 @@ private:
     std::unique_ptr<WorkerPool> m_pool;
     CloudHttpServer *m_http = nullptr;
     ConsoleLive *m_live = nullptr;
+    ConsoleBus *m_bus = nullptr;  // several instances on PostgreSQL
     ConsoleHub *m_console = nullptr;
     LoopWatch *m_loopWatch = nullptr;
     QTimer *m_prune = nullptr;
