@@ -7,13 +7,12 @@
 
 namespace {
 
-// While paused a client may hold this much in its socket; beyond it TCP's
-// own flow control stops the sender.
-constexpr qint64 kPausedReadBufferSize = 4096;
-// Otherwise at most this much is taken from one client per notification, so
-// a fast client cannot pour tens of megabytes into one read and every client
-// gets its turn.
-constexpr qint64 kReadBufferSize = 256 * 1024;
+// At most this much is taken from one client per notification, so a fast
+// client cannot pour tens of megabytes into one read and every client gets
+// its turn. While reading is paused a client's socket fills up to this and
+// then stops reading by itself, and TCP's flow control stops the sender:
+// the limit never changes, so a pause touches no client.
+constexpr qint64 kClientReadBufferSize = 64 * 1024;
 
 // Generous, so that a burst of clients connecting at once is not throttled
 // by SYN retries; the kernel caps it at its own limit.
@@ -102,18 +101,28 @@ void MultiClientServer::setReadPaused(bool on)
     if (m_readPaused == on)
         return;
     m_readPaused = on;
-    for (QTcpSocket *socket : std::as_const(m_clients))
-        socket->setReadBufferSize(on ? kPausedReadBufferSize : kReadBufferSize);
-    if (on)
+    // Pausing and resuming cost the same however many clients there are:
+    // new connections wait in the kernel's backlog, connected clients stop
+    // at their fixed read buffer, and only the clients that had something
+    // to say while paused are visited on resume.
+    if (on) {
+        if (isListening())
+            pauseAccepting();
         return;
-    // No new notification comes for bytes that were already buffered while
-    // paused, so hand them over now. A client may leave while its data is
-    // delivered; iterate over a copy.
-    const QList<QTcpSocket *> clients = m_clients;
-    for (QTcpSocket *socket : clients) {
-        if (m_readPaused)
-            break;
-        if (m_labels.contains(socket) && socket->bytesAvailable() > 0)
+    }
+    if (isListening())
+        resumeAccepting();
+    deliverWaiting();
+}
+
+void MultiClientServer::deliverWaiting()
+{
+    while (!m_readPaused && !m_waiting.isEmpty()) {
+        QTcpSocket *socket = m_waiting.takeFirst();
+        m_waitingSet.remove(socket);
+        // A client may leave while its data is delivered: it is no longer
+        // in the queue by then.
+        if (socket->bytesAvailable() > 0)
             deliver(socket);
     }
 }
@@ -122,7 +131,7 @@ void MultiClientServer::applyClientOptions(QTcpSocket *socket) const
 {
     if (m_lowDelay)
         socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    socket->setReadBufferSize(m_readPaused ? kPausedReadBufferSize : kReadBufferSize);
+    socket->setReadBufferSize(kClientReadBufferSize);
 }
 
 void MultiClientServer::stop()
@@ -131,6 +140,9 @@ void MultiClientServer::stop()
     m_clients.clear();
     m_labels.clear();
     m_byLabel.clear();
+    m_waiting.clear();
+    m_waitingSet.clear();
+    m_skipping.clear();
     for (QTcpSocket *socket : clients) {
         socket->disconnect(this);
         socket->abort();
@@ -165,8 +177,17 @@ qint64 MultiClientServer::writeToAll(const QByteArray &data)
     for (QTcpSocket *socket : clients) {
         // A client that does not read misses what it cannot take, rather
         // than holding the others back or piling up here.
-        if (!m_labels.contains(socket) || socket->state() != QAbstractSocket::ConnectedState || isBacklogged(socket))
+        if (!m_labels.contains(socket) || socket->state() != QAbstractSocket::ConnectedState)
             continue;
+        if (isBacklogged(socket)) {
+            // Said once per stretch of not reading, not once per send.
+            if (!m_skipping.contains(socket)) {
+                m_skipping.insert(socket);
+                emit clientSkipped(m_labels.value(socket));
+            }
+            continue;
+        }
+        m_skipping.remove(socket);
         largest = qMax(largest, socket->write(data));
     }
     return largest;
@@ -193,6 +214,19 @@ bool MultiClientServer::disconnectClient(const QString &peer)
     socket->abort();
     removeClient(socket);
     return true;
+}
+
+qint64 MultiClientServer::smallestClientBacklog() const
+{
+    qint64 smallest = 0;
+    bool any = false;
+    for (const QTcpSocket *socket : m_clients) {
+        if (socket->state() != QAbstractSocket::ConnectedState)
+            continue;
+        smallest = any ? qMin(smallest, socket->bytesToWrite()) : socket->bytesToWrite();
+        any = true;
+    }
+    return smallest;
 }
 
 qint64 MultiClientServer::largestClientBacklog() const
@@ -244,6 +278,10 @@ QString MultiClientServer::labelFor(const QHostAddress &address, quint16 port)
 
 void MultiClientServer::handleNewConnection()
 {
+    // Paused before listening: the ones already taken are admitted (each
+    // with its bounded read buffer); from now on the kernel holds the rest.
+    if (m_readPaused && isListening())
+        pauseAccepting();
     bool admitted = false;
     while (hasPendingConnections()) {
         qCDebug(lcTerminal) << "hasPendingConnections";
@@ -302,6 +340,9 @@ void MultiClientServer::removeClient(QTcpSocket *socket)
     if (m_byLabel.value(label) == socket)
         m_byLabel.remove(label);
     m_clients.removeOne(socket);
+    if (m_waitingSet.remove(socket))
+        m_waiting.removeOne(socket);
+    m_skipping.remove(socket);
     socket->disconnect(this);
     socket->deleteLater();
     emit clientGone(label);
@@ -310,11 +351,17 @@ void MultiClientServer::removeClient(QTcpSocket *socket)
 
 void MultiClientServer::readReady()
 {
-    if (m_readPaused)
-        return;
     auto *socket = qobject_cast<QTcpSocket *>(sender());
     if (!socket || !m_labels.contains(socket))
         return;
+    if (m_readPaused) {
+        // Remembered once, so that resuming visits only these.
+        if (!m_waitingSet.contains(socket)) {
+            m_waitingSet.insert(socket);
+            m_waiting.append(socket);
+        }
+        return;
+    }
     deliver(socket);
 }
 

@@ -4,6 +4,7 @@
 #include <QHash>
 #include <QHostAddress>
 #include <QList>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QTcpServer>
@@ -30,9 +31,10 @@ public:
     QStringList allowlist() const { return m_allowlist; }
     void setLowDelay(bool on);
     bool isLowDelay() const { return m_lowDelay; }
-    // While paused the clients' data stays in their sockets (each limited to
-    // a small read buffer so TCP holds the senders back); resuming delivers
-    // what is waiting at once.
+    // While paused no connection is accepted (the kernel holds them) and
+    // the clients' data stays in their sockets (each limited to a small read
+    // buffer so TCP holds the senders back); resuming delivers what is
+    // waiting at once. Either way costs nothing per connected client.
     void setReadPaused(bool on);
     bool isReadPaused() const { return m_readPaused; }
 
@@ -59,6 +61,9 @@ public:
     bool disconnectClient(const QString &peer);
     // The most any one client still has to take.
     qint64 largestClientBacklog() const;
+    // The least any connected client still has to take: what holds back a
+    // send to all, which skips the clients that do not read.
+    qint64 smallestClientBacklog() const;
     int clientCount() const { return int(m_clients.size()); }
     // "%1:%2" labels (address, port) in the order the clients were accepted.
     QStringList clientLabels() const;
@@ -76,6 +81,8 @@ Q_SIGNALS:
     void clientArrived(const QString &peer);
     void bytesWritten(qint64 bytes);
     void connectionRefused(const QString &peer, const QString &reason);
+    // A send to all clients passed this one by: it holds its cap unread.
+    void clientSkipped(const QString &peer);
 
 public Q_SLOTS:
     void handleNewConnection();
@@ -86,12 +93,19 @@ private:
     static bool isBacklogged(const QTcpSocket *socket);
     void applyClientOptions(QTcpSocket *socket) const;
     void deliver(QTcpSocket *socket);
+    void deliverWaiting();
     void removeClient(QTcpSocket *socket);
     void refuse(QTcpSocket *socket, const QString &reason);
 
     QList<QTcpSocket *> m_clients;
     QHash<QTcpSocket *, QString> m_labels;
     QHash<QString, QTcpSocket *> m_byLabel;
+    // Clients that had data while reading was paused, in the order they
+    // had it; the set answers "already queued?" at once.
+    QList<QTcpSocket *> m_waiting;
+    QSet<QTcpSocket *> m_waitingSet;
+    // Clients that sends to all are passing by until they read again.
+    QSet<QTcpSocket *> m_skipping;
     QStringList m_allowlist;
     bool m_exclusive = false;
     bool m_readPaused = false;

@@ -16,6 +16,10 @@ TcpServerTransport::TcpServerTransport(QObject *parent)
     connect(m_server, &MultiClientServer::connectionRefused, this, [this](const QString &peer, const QString &reason) {
         emit statusMessage(tr("Refused %1: %2").arg(peer, reason), kFailureTimeout);
     });
+    connect(m_server, &MultiClientServer::clientSkipped, this, [this](const QString &peer) {
+        emit statusMessage(tr("%1 is not reading: sends to all clients pass it by until it does.").arg(peer),
+                           kFailureTimeout);
+    });
 }
 
 TcpServerTransport::~TcpServerTransport()
@@ -90,7 +94,7 @@ qint64 TcpServerTransport::bytesToWriteFor(const SendTarget &target) const
         return m_server->clientBytesToWrite(target.clientLabel);
     if (target.index >= 0 && m_server->clientCount() > 0)
         return m_server->clientBytesToWrite(target.index < m_server->clientCount() ? target.index : 0);
-    return m_server->bytesToWrite();
+    return m_server->smallestClientBacklog();
 }
 
 qint64 TcpServerTransport::writeBacklog() const

@@ -253,7 +253,7 @@ Result LogWriter::openFile(const QDateTime &now)
                                         launchTime().toString(QLatin1String(kHeaderTimeFormat)),
                                         now.toString(QLatin1String(kHeaderTimeFormat)));
         const QByteArray bytes = header.toUtf8();
-        if (m_file.write(bytes) != bytes.size()) {
+        if (writeAllOf(bytes) != bytes.size()) {
             const QString reason = m_file.errorString();
             m_file.close();
             return Result::failure(cannotOpenText(m_path, reason));
@@ -288,12 +288,25 @@ Result LogWriter::append(QStringView batchText)
         DisplayFormatter::appendStampedLines(text, batchText, stamp, m_atLineStart);
         m_pending += text.toUtf8();
     }
+    // While the disk refuses, the save tick tries again: writing on every
+    // batch would only repeat the failure many times a second.
+    if (m_writeFailing) {
+        keepNewestPending();
+        return Result::success();
+    }
     if (m_pending.size() >= kWriteThresholdBytes)
         return writePending();
     return Result::success();
 }
 
 Result LogWriter::writePending()
+{
+    const Result result = tryWritePending();
+    m_writeFailing = !result && !m_pending.isEmpty();
+    return result;
+}
+
+Result LogWriter::tryWritePending()
 {
     if (!m_file.isOpen()) {
         if (m_pending.isEmpty())
@@ -314,19 +327,39 @@ Result LogWriter::writePending()
     return written ? rotation : written;
 }
 
+qint64 LogWriter::writeAllOf(const QByteArray &bytes)
+{
+    // A write the system takes only in part sets no error; the next one
+    // fails with the reason (a full disk says so), which is what the user
+    // must read.
+    qint64 done = 0;
+    while (done < bytes.size()) {
+        const qint64 n = m_file.write(bytes.constData() + done, bytes.size() - done);
+        if (n <= 0)
+            break;
+        done += n;
+    }
+    return done;
+}
+
 Result LogWriter::writeOut()
 {
+    bool complete = true;
     if (m_droppedBytes > 0) {
-        // Say where text is missing, before what follows the gap.
-        m_pending.prepend(gapNoteText(m_droppedBytes).toUtf8());
-        m_droppedBytes = 0;
+        // Say where text is missing, before what follows the gap. The count
+        // goes on growing until the note is on disk, so it is said once
+        // and covers every byte dropped.
+        const QByteArray note = gapNoteText(m_droppedBytes).toUtf8();
+        complete = writeAllOf(note) == note.size();
+        if (complete)
+            m_droppedBytes = 0;
     }
-    if (m_pending.isEmpty())
-        return Result::success();
-    const qint64 written = m_file.write(m_pending);
-    if (written > 0)
+    if (complete && !m_pending.isEmpty()) {
+        const qint64 written = writeAllOf(m_pending);
         m_pending.remove(0, written);
-    if (m_pending.isEmpty())
+        complete = m_pending.isEmpty();
+    }
+    if (complete)
         return Result::success();
 
     keepNewestPending();

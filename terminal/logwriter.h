@@ -103,7 +103,9 @@ private:
     Result openFile(const QDateTime &now);
     Result rotateIfDue(const QDateTime &now);
     Result rotate(const QDateTime &now);
+    Result tryWritePending();
     Result writeOut();
+    qint64 writeAllOf(const QByteArray &bytes);
     void keepNewestPending();
 
     Clock m_clock;
@@ -114,6 +116,9 @@ private:
     QDateTime m_lastCheck;
     QDateTime m_lastRotation;
     bool m_atLineStart = true;
-    // Dropped from the front of the pending text since the last write.
+    // Dropped from the front of the pending text since the last gap note
+    // reached the file.
     qint64 m_droppedBytes = 0;
+    // The last write failed: batches wait for the next tick.
+    bool m_writeFailing = false;
 };

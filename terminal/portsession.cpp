@@ -706,11 +706,12 @@ quint64 PortSession::txCount() const
 
 qint64 PortSession::peerBacklog() const
 {
-    // A send to one client of a server waits on that client alone: another
-    // that is slow to read is not the one being written to.
-    const bool oneClient = m_config.mode == ConnectionMode::TcpServer
-        && (!m_target.clientLabel.isEmpty() || m_target.index >= 0);
-    return oneClient ? m_controller->bytesToWrite(m_config.mode, m_target) : m_controller->writeBacklog();
+    // A send to one client of a server waits on that client alone, and a
+    // send to all only while no client takes anything: one that is slow to
+    // read is passed by and holds no other back.
+    if (m_config.mode == ConnectionMode::TcpServer)
+        return m_controller->bytesToWrite(m_config.mode, m_target);
+    return m_controller->writeBacklog();
 }
 
 bool PortSession::isPeerBacklogged() const
@@ -930,7 +931,14 @@ void PortSession::noteLogResult(const Result &result)
 {
     if (!result) {
         const QString text = result.errorText().isEmpty() ? LogWriter::invalidNameText() : result.errorText();
-        reportFailure(text);
+        // A disk that stays full fails every tick with the same words: say
+        // them again only now and then, a new text at once.
+        if (text != m_logFailureText || !m_logFailureShown.isValid()
+            || m_logFailureShown.hasExpired(kLogFailureRepeatMs)) {
+            m_logFailureText = text;
+            m_logFailureShown.start();
+            reportFailure(text);
+        }
         // Asked once per run of failures: the box does not come back every
         // save tick while the disk stays full.
         if (!std::exchange(m_logFailing, true))
@@ -940,6 +948,8 @@ void PortSession::noteLogResult(const Result &result)
     // The disk took the text again: the old error no longer holds.
     if (m_logFailing && m_log.pendingBytes() == 0) {
         m_logFailing = false;
+        m_logFailureText.clear();
+        m_logFailureShown.invalidate();
         emit failureCleared();
         emit statusMessage(tr("The data log is being written again."), 3000);
     }

@@ -40,6 +40,8 @@ public:
     enum class ViewState { Normal, Paused, Transfer };
 
     static constexpr int kSaveIntervalMs = 5000;
+    // The same log failure is said again at most this often.
+    static constexpr qint64 kLogFailureRepeatMs = 30000;
     static constexpr int kRecentHostLimit = 10;
 
     // While a file transfer runs, received bytes go to this function instead
@@ -317,6 +319,9 @@ private:
     DisplayFormatter m_logFormatter;
     bool m_logActive = false;
     bool m_logFailing = false;
+    // The log's failure text last shown and when: repeats are held back.
+    QString m_logFailureText;
+    QElapsedTimer m_logFailureShown;
 
     QTimer *m_sendTimer;
     QTimer *m_reconnectTimer;

@@ -1,6 +1,7 @@
 #include "terminal/receiveview.h"
 
 #include <QColor>
+#include <QElapsedTimer>
 #include <QKeyEvent>
 #include <QScrollBar>
 #include <QTextBlock>
@@ -124,4 +125,12 @@ void ReceiveView::keyPressEvent(QKeyEvent *event)
         return;
     }
     QPlainTextEdit::keyPressEvent(event);
+}
+
+void ReceiveView::paintEvent(QPaintEvent *event)
+{
+    QElapsedTimer clock;
+    clock.start();
+    QPlainTextEdit::paintEvent(event);
+    m_slowestPaintMs = qMax(m_slowestPaintMs, clock.elapsed());
 }

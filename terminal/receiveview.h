@@ -4,6 +4,8 @@
 
 #include <QColor>
 
+#include <utility>
+
 // The pane's receive view. Text only ever enters through end-of-document
 // inserts in one edit block, and leaves through trims of the oldest half, so
 // a fast device cannot freeze the window. A user who has scrolled up is not
@@ -42,6 +44,11 @@ public:
 
     bool isFollowingEnd() const;
 
+    // The longest paint since the last call, in milliseconds. Qt lays text
+    // out when it is first painted: for text in many scripts that, not the
+    // insert, is where the time goes, so the pane's budget must see it.
+    qint64 takeSlowestPaintMs() { return std::exchange(m_slowestPaintMs, 0); }
+
 Q_SIGNALS:
     // The first n characters were removed (find matches must shift).
     void trimmed(qsizetype removed);
@@ -51,9 +58,11 @@ Q_SIGNALS:
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
+    void paintEvent(QPaintEvent *event) override;
 
 private:
     void insertAtEnd(const QList<Segment> &segments);
 
     bool m_justTrimmed = false;
+    qint64 m_slowestPaintMs = 0;
 };

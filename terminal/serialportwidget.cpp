@@ -78,6 +78,7 @@ SerialPortWidget::SerialPortWidget(int paneId, QWidget *parent)
     applySettings(m_session->config(), m_session->options(), {});
     changeConnState(false);
 
+    m_sinceStart.start();
     m_refreshTimer->start(kRefreshIntervalMs);
 }
 
@@ -273,6 +274,8 @@ void SerialPortWidget::onRefreshDisplay()
     else
         DrainShare::setWaiting(this, false);  // a paused view takes no share
     updateCounters();
+    if (m_memoryReturn.update(qint64(m_session->rxCount() + m_session->txCount()), m_sinceStart.elapsed()))
+        IdleMemoryReturn::release();
 }
 
 void SerialPortWidget::displayPortBuffer(qint64 byteBudget)
@@ -309,8 +312,9 @@ void SerialPortWidget::drain(qint64 byteBudget)
             ui.findBar->refreshMatches();
         if (!everything) {
             // Formatting is bounded by the time limit, laying out is not:
-            // adapt the next insert to how long this one took in all.
-            const qint64 took = clock.elapsed();
+            // adapt the next insert to how long this one took in all, with
+            // the paint that laid out what the one before brought.
+            const qint64 took = clock.elapsed() + ui.receiveView->takeSlowestPaintMs();
             if (took > limitMs)  // down to what half the limit would have laid out
                 m_charBudget = qMax(inserted * limitMs / (2 * took), kMinCharBudget);
             else if (took * 2 < limitMs)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/idlememoryreturn.h"
 #include "connection/connectionconfig.h"
 #include "terminal/displaychunk.h"
 #include "terminal/displaylinebreaker.h"
@@ -192,4 +193,7 @@ private:
     static constexpr qsizetype kMinCharBudget = 256;
     static constexpr qsizetype kMaxCharBudget = 1024 * 1024;
     qsizetype m_charBudget = kFirstCharBudget;
+    // Memory a storm of traffic left behind goes back once it is over.
+    IdleMemoryReturn m_memoryReturn;
+    QElapsedTimer m_sinceStart;
 };

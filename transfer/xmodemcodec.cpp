@@ -118,8 +118,19 @@ XmodemAction XmodemCodec::conclude(qint64 nowMs)
         m_deadline = m_out.timeoutMs >= 0 ? nowMs + m_out.timeoutMs : -1;
     }
     action.wakeAtMs = (m_out.ended || m_writePending) ? XmodemAction::kNoWake : m_deadline;
+    if (!m_out.ended && !m_writePending && holdsPartialBlock()) {
+        const qint64 charDeadline = m_lastInputMs + kCharTimeoutMs;
+        action.wakeAtMs = m_deadline < 0 ? charDeadline : qMin(m_deadline, charDeadline);
+    }
     m_out = Pending();
     return action;
+}
+
+bool XmodemCodec::holdsPartialBlock() const
+{
+    // YMODEM-G cannot ask again: its own timeout ends it.
+    return m_direction == Direction::Receive && !m_streaming && !isEnded() && !m_input.isEmpty()
+        && (m_input.at(0) == SOH || m_input.at(0) == STX);
 }
 
 void XmodemCodec::emitBytes(const QByteArray &bytes, qint64 timeoutMs)
@@ -206,6 +217,8 @@ XmodemAction XmodemCodec::onBytes(QByteArrayView data, qint64 nowMs)
         const qsizetype take = qMin(room, data.size());
         m_input.append(data.data(), take);
         data = data.sliced(take);
+        if (take > 0)
+            m_lastInputMs = nowMs;
         if (!m_writePending)
             process(nowMs);
         action.append(conclude(nowMs));
@@ -230,6 +243,15 @@ XmodemAction XmodemCodec::tick(qint64 nowMs)
 {
     if (isEnded() || m_state == State::Idle)
         return {};
+    if (!m_writePending && holdsPartialBlock() && nowMs - m_lastInputMs >= kCharTimeoutMs) {
+        // The line fell silent inside a block: a byte of it was lost,
+        // unless what came last was the device cancelling.
+        if (endsWithCancel(m_input))
+            failDeviceCancelled();
+        else
+            badBlock();
+        return conclude(nowMs);
+    }
     if (m_writePending || m_deadline < 0 || nowMs < m_deadline)
         return conclude(nowMs);
     m_deadline = -1;
@@ -531,7 +553,10 @@ void XmodemCodec::processReceive(qint64 nowMs, bool *needMore)
     m_canCount = 0;
     if (first == EOT) {
         m_input.remove(0, 1);
-        handleEot();
+        // A sender's EOT is followed by silence while it waits for the
+        // answer; one with more behind it is a damaged byte inside a block.
+        if (m_input.isEmpty())
+            handleEot();
         return;
     }
     if (first != SOH && first != STX) {

@@ -102,6 +102,10 @@ public:
     static constexpr qint64 kChecksumStartRepeatMs = 10000;
     static constexpr qint64 kStartLimitMs = 60000;
     static constexpr int kMaxRetries = 10;
+    // A receiver holding part of a block that hears nothing more for this
+    // long takes a byte as lost: the block can never complete, so it is
+    // dropped and asked for again at once instead of after kWaitMs.
+    static constexpr qint64 kCharTimeoutMs = 1000;
     // From this start attempt on an XMODEM CRC receiver asks for checksums.
     static constexpr int kChecksumFallbackAttempt = 7;
     // Received bytes waiting to be parsed. A peer that keeps sending while
@@ -193,6 +197,8 @@ private:
     void failDeviceCancelled();
     void badBlock();
     void receiveTimeout(qint64 nowMs);
+    // Part of a block waits for bytes that may never come.
+    bool holdsPartialBlock() const;
 
     Direction m_direction;
     XmodemVariant m_variant;
@@ -227,6 +233,7 @@ private:
     int m_canCount = 0;
 
     qint64 m_deadline = -1;
+    qint64 m_lastInputMs = 0;
     qint64 m_pendingTimeout = -1;
     bool m_writePending = false;
 

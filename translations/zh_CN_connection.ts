@@ -198,6 +198,10 @@
         <source>TCP server listen on port %1 FAILED: %2</source>
         <translation>TCP 服务器监听端口 %1 失败：%2</translation>
     </message>
+    <message>
+        <source>%1 is not reading: sends to all clients pass it by until it does.</source>
+        <translation>%1 未在读取：发往所有客户端的数据将跳过它，直到它恢复读取。</translation>
+    </message>
 </context>
 <context>
     <name>UdpTransport</name>

@@ -4,6 +4,10 @@
 //
 //   soak_pane <scenario> [--seconds N]
 //     churn      TCP server, clients that connect, send and close, fast
+//     storm200   TCP server, 200 clients at once that connect, write 1-4
+//                blocks of up to 4 KiB and close, again and again
+//     storm1000  the same with 1000 clients
+//     allclients TCP server sending to all clients while one never reads
 //     udp        UDP server flooded from thousands of source ports
 //     noread     TCP client whose peer never reads, auto send every 1 ms
 //     serial     a pseudo-terminal written as fast as it goes, log on
@@ -26,6 +30,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -37,11 +42,13 @@
 #include <csignal>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -201,6 +208,149 @@ int peerChurn(quint16 port, int seconds, int rate, int workers)
     return 0;
 }
 
+// `clients` connections kept in flight at once, spread over four workers:
+// each connects, writes 1-4 blocks of up to 4 KiB and closes, then starts
+// again at once, for a while. A connect that takes over 5 s counts as timed
+// out. Prints bytes sent, connects refused or timed out, and connects made.
+int peerStorm(quint16 port, int seconds, int clients)
+{
+    constexpr int kWorkers = 4;
+    for (int w = 0; w < kWorkers; ++w) {
+        if (::fork() != 0)
+            continue;
+        struct Conn
+        {
+            int fd = -1;
+            QByteArray data;
+            qsizetype done = 0;
+            bool connecting = false;
+            qint64 startedMs = 0;
+        };
+        const int mine = clients / kWorkers + (w < clients % kWorkers ? 1 : 0);
+        std::vector<Conn> conns(size_t(qMax(mine, 1)));
+        const sockaddr_in address = BenchSupport::loopbackAddress(port);
+        const QByteArray text = asciiPayload(4 * 4096);
+        qint64 sent = 0, failed = 0, connects = 0;
+        QElapsedTimer clock;
+        clock.start();
+        auto open = [&](Conn &c) {
+            c.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            c.data.clear();
+            const int blocks = 1 + QRandomGenerator::global()->bounded(4);
+            for (int b = 0; b < blocks; ++b)
+                c.data += text.mid(b * 4096, 1 + QRandomGenerator::global()->bounded(4096));
+            c.done = 0;
+            c.connecting = true;
+            c.startedMs = clock.elapsed();
+            if (::connect(c.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno != EINPROGRESS) {
+                ++failed;
+                ::close(c.fd);
+                c.fd = -1;
+            }
+        };
+        const qint64 endMs = qint64(seconds) * 1000;
+        for (Conn &c : conns)
+            open(c);
+        std::vector<pollfd> polls;
+        while (true) {
+            const bool stopping = clock.elapsed() >= endMs;
+            polls.clear();
+            bool busy = false;
+            for (Conn &c : conns) {
+                if (c.fd < 0 && !stopping)
+                    open(c);
+                if (c.fd >= 0)
+                    busy = true;
+                polls.push_back(pollfd{c.fd, POLLOUT, 0});
+            }
+            if (!busy)
+                break;
+            ::poll(polls.data(), nfds_t(polls.size()), 100);
+            for (size_t i = 0; i < conns.size(); ++i) {
+                Conn &c = conns[i];
+                if (c.fd < 0)
+                    continue;
+                if (c.connecting && clock.elapsed() - c.startedMs > 5000) {
+                    ++failed;  // neither accepted nor refused in time
+                    ::close(c.fd);
+                    c.fd = -1;
+                    continue;
+                }
+                if (!(polls[i].revents & (POLLOUT | POLLERR | POLLHUP)))
+                    continue;
+                if (c.connecting) {
+                    int error = 0;
+                    socklen_t length = sizeof error;
+                    ::getsockopt(c.fd, SOL_SOCKET, SO_ERROR, &error, &length);
+                    if (error != 0) {
+                        ++failed;
+                        ::close(c.fd);
+                        c.fd = -1;
+                        continue;
+                    }
+                    c.connecting = false;
+                    ++connects;
+                }
+                const ssize_t n = ::send(c.fd, c.data.constData() + c.done, size_t(c.data.size() - c.done), MSG_NOSIGNAL);
+                if (n > 0) {
+                    c.done += n;
+                    sent += n;
+                }
+                if (c.done == c.data.size() || (n < 0 && errno != EAGAIN)) {
+                    ::shutdown(c.fd, SHUT_WR);
+                    ::close(c.fd);
+                    c.fd = -1;
+                }
+            }
+        }
+        std::printf("%lld %lld %lld\n", static_cast<long long>(sent), static_cast<long long>(failed),
+                    static_cast<long long>(connects));
+        std::fflush(stdout);
+        ::_exit(0);
+    }
+    int status = 0;
+    while (::wait(&status) > 0) {
+    }
+    return 0;
+}
+
+// Connects twice: the first client never reads, the second reads and
+// counts; prints what the second got once nothing came for 2 s.
+int peerReaders(quint16 port)
+{
+    const int stuck = loopbackSocket(SOCK_STREAM, port, false);
+    const int small = 4096;
+    ::setsockopt(stuck, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    const int reader = loopbackSocket(SOCK_STREAM, port, false);
+    if (stuck < 0 || reader < 0)
+        return 1;
+    std::printf("ready\n");
+    std::fflush(stdout);
+    qint64 got = 0, longestGapMs = 0;
+    QElapsedTimer sinceLast, clock;
+    sinceLast.start();
+    clock.start();
+    QByteArray buffer(64 * 1024, Qt::Uninitialized);
+    while (true) {
+        pollfd p{reader, POLLIN, 0};
+        if (::poll(&p, 1, 2000) <= 0) {
+            if (got > 0)
+                break;
+            continue;
+        }
+        const ssize_t n = ::read(reader, buffer.data(), size_t(buffer.size()));
+        if (n <= 0)
+            break;
+        if (got > 0)
+            longestGapMs = qMax(longestGapMs, sinceLast.elapsed());
+        sinceLast.restart();
+        got += n;
+    }
+    std::printf("%lld %lld\n", static_cast<long long>(got), static_cast<long long>(longestGapMs));
+    std::fflush(stdout);
+    return 0;
+}
+
 // Datagrams from many source ports, round robin, at a rate.
 int peerUdpFlood(quint16 port, int seconds, int rate, int sources)
 {
@@ -303,6 +453,10 @@ int runPeer(const QStringList &a)
         return peerUdpFlood(quint16(a.value(1).toInt()), a.value(2).toInt(), a.value(3).toInt(), a.value(4).toInt());
     if (kind == QLatin1String("sink"))
         return peerSink();
+    if (kind == QLatin1String("storm"))
+        return peerStorm(quint16(a.value(1).toInt()), a.value(2).toInt(), a.value(3).toInt());
+    if (kind == QLatin1String("readers"))
+        return peerReaders(quint16(a.value(1).toInt()));
     if (kind == QLatin1String("source"))
         return peerSource(a.value(1), a.value(2), a.value(3).toLongLong(), a.value(4).toInt(), a.value(5).toLongLong());
     return 2;
@@ -358,6 +512,130 @@ int churn(const Run &run)
     report("churn_rss_start", rssBefore, "MiB");
     report("churn_rss_end", rssMiB(), "MiB");
     report("churn_peak_rss", peakRssMiB(), "MiB");
+    return 0;
+}
+
+// Sockets of this process in CLOSE_WAIT on the given local port.
+int closeWaitCount(quint16 port)
+{
+    int count = 0;
+    for (const char *table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+        QFile file(QString::fromLatin1(table));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        file.readLine();
+        while (!file.atEnd()) {
+            const QList<QByteArray> f = file.readLine().simplified().split(' ');
+            if (f.size() > 3 && f.at(3) == "08" && QString::fromLatin1(f.at(1)).section(QLatin1Char(':'), -1).toUInt(nullptr, 16) == port)
+                ++count;
+        }
+    }
+    return count;
+}
+
+int storm(const Run &run, int clients)
+{
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+    QTemporaryDir logs;
+    const quint16 port = freePort(false);
+    ConnectionConfig config;
+    config.mode = ConnectionMode::TcpServer;
+    config.targetPort = port;
+    PaneOptions options;
+    options.logSaveFlag = true;
+    options.logFilePath = logs.path();
+    options.logTimestampEnabled = false;
+    options.displaySendMsg = false;
+    std::unique_ptr<SerialPortWidget> pane(makePane(config, options));
+    const double rssBefore = rssMiB();
+    StallProbe probe;
+    pane->openConnection();
+    const QString logPath = pane->currentLogFile();
+    const QString name = QStringLiteral("storm%1").arg(clients);
+    std::unique_ptr<QProcess> peer(startPeer(run.self, {"storm", QString::number(port), QString::number(run.seconds),
+                                                        QString::number(clients)}));
+    int peakCloseWait = 0;
+    QElapsedTimer sampled;
+    sampled.start();
+    runUntil([&] {
+        if (sampled.elapsed() > 500) {
+            peakCloseWait = qMax(peakCloseWait, closeWaitCount(port));
+            sampled.restart();
+        }
+        return peer->state() == QProcess::NotRunning;
+    }, run.seconds * 1000 + 30000);
+    const qint64 stormStall = probe.longestMs();
+    const int stallsOver50 = probe.stallsOver50Ms();
+    qint64 sent = 0, failed = 0, connects = 0;
+    for (const QByteArray &line : peer->readAllStandardOutput().split('\n')) {
+        const QList<QByteArray> f = line.split(' ');
+        if (f.size() == 3) {
+            sent += f.at(0).toLongLong();
+            failed += f.at(1).toLongLong();
+            connects += f.at(2).toLongLong();
+        }
+    }
+    QElapsedTimer after;
+    after.start();
+    runUntil([&] { return qint64(pane->rxCount()) >= sent && pane->pendingDisplayBytes() == 0; }, 60000);
+    const qint64 shownAfter = after.elapsed();
+    const double rssAtEnd = rssMiB();
+    runFor(10000 - qMin<qint64>(after.elapsed(), 10000));
+    const double rssIdle = rssMiB();
+    pane->closeConnection();  // writes what the log holds
+    report(name + "_connects", double(connects), "connections");
+    report(name + "_connects_failed", double(failed), "connections");
+    report(name + "_longest_stall", double(stormStall), "ms");
+    report(name + "_stalls_over_50ms", double(stallsOver50), "times");
+    report(name + "_backlog_shown_after", double(shownAfter), "ms");
+    report(name + "_bytes_sent", double(sent), "bytes");
+    report(name + "_bytes_received", double(pane->rxCount()), "bytes");
+    report(name + "_bytes_logged", double(logBodyBytes(logPath)), "bytes");
+    report(name + "_peak_close_wait", double(peakCloseWait), "sockets");
+    report(name + "_rss_start", rssBefore, "MiB");
+    report(name + "_rss_storm_end", rssAtEnd, "MiB");
+    report(name + "_rss_10s_after", rssIdle, "MiB");
+    report(name + "_peak_rss", peakRssMiB(), "MiB");
+    return 0;
+}
+
+// "All clients" with one client that never reads: the one that reads must
+// keep receiving.
+int allClients(const Run &run)
+{
+    const quint16 port = freePort(false);
+    ConnectionConfig config;
+    config.mode = ConnectionMode::TcpServer;
+    config.targetPort = port;
+    PaneOptions options;
+    options.displaySendMsg = false;
+    std::unique_ptr<SerialPortWidget> pane(makePane(config, options));
+    pane->openConnection();
+    std::unique_ptr<QProcess> peer(startPeer(run.self, {"readers", QString::number(port)}));
+    peer->waitForReadyRead(5000);
+    peer->readLine();
+    runUntil([&] { return pane->controller()->serverClientCount() == 2; }, 5000);
+    const QByteArray block(16 * 1024, 'z');
+    qint64 accepted = 0, refused = 0;
+    QElapsedTimer clock;
+    clock.start();
+    runUntil([&] {
+        if (pane->session()->sendBytes(block, false))
+            accepted += block.size();
+        else
+            ++refused;
+        return clock.elapsed() > run.seconds * 1000;
+    }, run.seconds * 1000 + 5000);
+    runUntil([&] { return peer->state() == QProcess::NotRunning; }, 30000);
+    const QList<QByteArray> f = peer->readAllStandardOutput().trimmed().split(' ');
+    report("allclients_bytes_accepted", double(accepted), "bytes");
+    report("allclients_sends_refused", double(refused), "sends");
+    report("allclients_reader_received", f.value(0).toDouble(), "bytes");
+    report("allclients_reader_longest_gap", f.value(1).toDouble(), "ms");
+    pane->closeConnection();
     return 0;
 }
 
@@ -490,8 +768,10 @@ int fullDisk(const Run &run)
     rlimit saved{};
     getrlimit(RLIMIT_FSIZE, &saved);
     QTemporaryDir logs;
+    // Fast enough that the third of the run the disk stays full is more
+    // than the log's own bound can hold.
     std::unique_ptr<QProcess> peer(startPeer(run.self, {"source", "tcp", "text", "0", QString::number(run.seconds),
-                                                        "1000000"}));
+                                                        "2000000"}));
     peer->waitForReadyRead(5000);
     ConnectionConfig config;
     config.mode = ConnectionMode::TcpClient;
@@ -505,6 +785,10 @@ int fullDisk(const Run &run)
     pane->openConnection();
     runUntil([&] { return pane->isLogging(); }, 5000);
     const QString logPath = pane->currentLogFile();
+    QStringList messages;
+    QObject::connect(pane->session(), &PortSession::failure, [&](const QString &text) { messages << text; });
+    QObject::connect(pane->session(), &PortSession::statusMessage,
+                     [&](const QString &text, int) { messages << text; });
     QElapsedTimer clock;
     clock.start();
     bool filled = false, freed = false;
@@ -525,8 +809,33 @@ int fullDisk(const Run &run)
     setrlimit(RLIMIT_FSIZE, &saved);
     runFor(500);
     pane->closeConnection();
+    // The gap notes, counted and summed, line by line (the log is large).
+    qint64 notes = 0, noted = 0, noteBytes = 0;
+    QFile log(logPath);
+    if (log.open(QIODevice::ReadOnly)) {
+        static const QRegularExpression note(QStringLiteral("^-- ([0-9,. ]+) bytes of log text were lost here"));
+        while (!log.atEnd()) {
+            const QByteArray line = log.readLine();
+            if (!line.startsWith("-- "))
+                continue;
+            const QRegularExpressionMatch m = note.match(QString::fromUtf8(line));
+            if (!m.hasMatch())
+                continue;
+            ++notes;
+            noted += m.captured(1).remove(QRegularExpression(QStringLiteral("[^0-9]"))).toLongLong();
+            noteBytes += line.size() + 1;  // and the line end before it
+        }
+    }
+    const qint64 logged = logBodyBytes(logPath);
     report("disk_bytes_received", double(pane->rxCount()), "bytes");
-    report("disk_bytes_logged", double(logBodyBytes(logPath)), "bytes");
+    report("disk_bytes_logged", double(logged), "bytes");
+    report("disk_bytes_dropped", double(qint64(pane->rxCount()) - (logged - noteBytes)), "bytes");
+    report("disk_gap_notes", double(notes), "notes");
+    report("disk_gap_bytes_noted", double(noted), "bytes");
+    report("disk_messages", double(messages.size()), "messages");
+    report("disk_first_message_names_the_write",
+           messages.isEmpty() ? 0 : double(messages.constFirst().startsWith(QLatin1String("Could not write log file"))),
+           "yes");
     return 0;
 }
 
@@ -611,6 +920,12 @@ int main(int argc, char *argv[])
     const QString scenario = args.value(1);
     if (scenario == QLatin1String("churn"))
         return churn(run);
+    if (scenario == QLatin1String("storm200"))
+        return storm(run, 200);
+    if (scenario == QLatin1String("storm1000"))
+        return storm(run, 1000);
+    if (scenario == QLatin1String("allclients"))
+        return allClients(run);
     if (scenario == QLatin1String("udp"))
         return udpFlood(run);
     if (scenario == QLatin1String("noread"))
@@ -623,6 +938,7 @@ int main(int argc, char *argv[])
         return damagedSettings(run);
     if (scenario == QLatin1String("encodings"))
         return encodings(run);
-    out() << "usage: soak_pane churn|udp|noread|serial|disk|settings|encodings [--seconds N]" << Qt::endl;
+    out() << "usage: soak_pane churn|storm200|storm1000|allclients|udp|noread|serial|disk|settings|encodings"
+             " [--seconds N]" << Qt::endl;
     return 2;
 }

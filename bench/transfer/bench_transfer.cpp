@@ -1,6 +1,10 @@
 // File-transfer throughput against lrzsz: 4 MiB with each variant over TCP
 // loopback and over a socat pty pair, our side sending and receiving, beside
-// lrzsz against itself over the same kind of link in the same run. Times
+// lrzsz against itself over the same kind of link in the same run. Asked
+// for by name ("bench_transfer noisy"), 1 MiB XMODEM-CRC and YMODEM from
+// lrzsz through a pty line that drops or flips one byte in about 20,000
+// each way, received by us and by lrzsz's own receiver over the same line
+// (same seed). Times
 // run from the start until both ends are done, so lrzsz's fixed pauses
 // weigh on every pairing alike. The event loop's worst stall while our side
 // runs is printed too. One figure per line: name, value, unit.
@@ -140,6 +144,49 @@ bool startPtyPair(QProcess &socat, const QString &a, const QString &b)
     return spinUntil([&] { return QFileInfo::exists(a) && QFileInfo::exists(b); }, 5000);
 }
 
+constexpr qint64 kNoisyFileBytes = 1024 * 1024;
+constexpr int kNoisyOneIn = 20000;
+constexpr quint32 kNoisySeed = 20;
+
+// A serial line with its two ends at `a` (the receiver's) and `b` (the
+// sender's); noisy, it is two pty pairs with a byte-losing relay between.
+struct PtyLine
+{
+    QProcess near, far, relay;
+    bool start(const QTemporaryDir &scripts, const QString &name, bool noisy, QString *a, QString *b)
+    {
+        *a = scripts.filePath(name + QStringLiteral("A"));
+        *b = scripts.filePath(name + QStringLiteral("B"));
+        for (const QString &path : {*a, *b, *a + QStringLiteral("r"), *b + QStringLiteral("r")})
+            QFile::remove(path);
+        if (!noisy)
+            return startPtyPair(near, *a, *b);
+        if (!startPtyPair(near, *a, *a + QStringLiteral("r")) || !startPtyPair(far, *b + QStringLiteral("r"), *b))
+            return false;
+        relay.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        relay.start(QStringLiteral(TSL_NOISYLINE),
+                    {*b + QStringLiteral("r"), *a + QStringLiteral("r"), QString::number(kNoisySeed),
+                     QString::number(kNoisyOneIn), QStringLiteral("both")});
+        return relay.waitForStarted(5000);
+    }
+    ~PtyLine()
+    {
+        relay.terminate();
+        relay.waitForFinished(3000);
+        for (QProcess *p : {&near, &far}) {
+            if (p->state() != QProcess::NotRunning) {
+                p->kill();
+                p->waitForFinished(3000);
+            }
+        }
+    }
+};
+
+qint64 timeoutFor(const QString &link)
+{
+    return link == QLatin1String("noisy") ? 3 * kTimeoutMs : kTimeoutMs;
+}
+
 struct Run
 {
     bool ok = false;
@@ -154,7 +201,8 @@ Run lrzszPair(const QString &link, const Variant &v, const QString &src, const Q
     Run run;
     const QString sender = writeScript(scripts, src, QString::fromLatin1(v.sendCommand));
     const QString receiver = writeScript(scripts, dst, QString::fromLatin1(v.receiveCommand));
-    QProcess a, b, pair;
+    QProcess a, b;
+    PtyLine line;
     QElapsedTimer clock;
     clock.start();
     if (link == QLatin1String("tcp")) {
@@ -168,17 +216,15 @@ Run lrzszPair(const QString &link, const Variant &v, const QString &src, const Q
                                QStringLiteral("EXEC:%1").arg(sender)}))
             return run;
     } else {
-        const QString ttyA = scripts.filePath(QStringLiteral("refA")), ttyB = scripts.filePath(QStringLiteral("refB"));
-        QFile::remove(ttyA);
-        QFile::remove(ttyB);
-        if (!startPtyPair(pair, ttyA, ttyB)
+        QString ttyA, ttyB;
+        if (!line.start(scripts, QStringLiteral("ref"), link == QLatin1String("noisy"), &ttyA, &ttyB)
             || !startSocat(a, {QStringLiteral("%1,raw,echo=0").arg(ttyA), QStringLiteral("EXEC:%1").arg(receiver)})
             || !startSocat(b, {QStringLiteral("%1,raw,echo=0").arg(ttyB), QStringLiteral("EXEC:%1").arg(sender)}))
             return run;
     }
-    run.ok = spinUntil([&] { return finished(a) && finished(b); });
+    run.ok = spinUntil([&] { return finished(a) && finished(b); }, timeoutFor(link));
     run.ms = clock.elapsed();
-    for (QProcess *p : {&a, &b, &pair}) {
+    for (QProcess *p : {&a, &b}) {
         if (p->state() != QProcess::NotRunning) {
             p->kill();
             p->waitForFinished(3000);
@@ -193,7 +239,8 @@ Run oursAgainst(const QString &link, const FileTransferSession::Request &request
 {
     Run run;
     const QString script = writeScript(scripts, folder, command);
-    QProcess peer, pair;
+    QProcess peer;
+    PtyLine line;
     std::unique_ptr<QIODevice> device;
     QTcpServer server;
     QElapsedTimer clock;
@@ -207,10 +254,8 @@ Run oursAgainst(const QString &link, const FileTransferSession::Request &request
         device.reset(server.nextPendingConnection());
         device->setParent(nullptr);
     } else {
-        const QString ttyA = scripts.filePath(QStringLiteral("oursA")), ttyB = scripts.filePath(QStringLiteral("oursB"));
-        QFile::remove(ttyA);
-        QFile::remove(ttyB);
-        if (!startPtyPair(pair, ttyA, ttyB)
+        QString ttyA, ttyB;
+        if (!line.start(scripts, QStringLiteral("ours"), link == QLatin1String("noisy"), &ttyA, &ttyB)
             || !startSocat(peer, {QStringLiteral("%1,raw,echo=0").arg(ttyB), QStringLiteral("EXEC:%1").arg(script)}))
             return run;
         auto *serial = new QSerialPort(ttyA);
@@ -233,11 +278,11 @@ Run oursAgainst(const QString &link, const FileTransferSession::Request &request
     });
     StallMeter stalls;
     session.start();
-    run.ok = spinUntil([&] { return done && finished(peer); }) && success;
+    run.ok = spinUntil([&] { return done && finished(peer); }, timeoutFor(link)) && success;
     run.ms = clock.elapsed();
     run.worstStallMs = stalls.worst();
     device->close();
-    for (QProcess *p : {&peer, &pair}) {
+    for (QProcess *p : {&peer}) {
         if (p->state() != QProcess::NotRunning) {
             p->kill();
             p->waitForFinished(3000);
@@ -246,14 +291,15 @@ Run oursAgainst(const QString &link, const FileTransferSession::Request &request
     return run;
 }
 
-void report(const QString &name, const Run &run)
+void report(const QString &name, const Run &run, qint64 bytes = kFileBytes)
 {
     if (!run.ok) {
         std::printf("%s failed - -\n", qPrintable(name));
         std::fflush(stdout);
         return;
     }
-    print(name, double(kFileBytes) / 1024.0 / (double(qMax<qint64>(1, run.ms)) / 1000.0), "KB/s");
+    print(name, double(bytes) / 1024.0 / (double(qMax<qint64>(1, run.ms)) / 1000.0), "KB/s");
+    print(name + QStringLiteral("_time"), double(run.ms) / 1000.0, "s");
     if (run.worstStallMs >= 0)
         print(name + QStringLiteral("_worst_stall"), double(run.worstStallMs), "ms");
 }
@@ -281,6 +327,40 @@ int main(int argc, char **argv)
     }
 
     int failures = 0;
+    if (only.contains(QStringLiteral("noisy"))) {
+        // The same line for both receivers: lrzsz's own and ours.
+        QTemporaryDir noisySrc;
+        {
+            QFile f(noisySrc.filePath(QStringLiteral("data.bin")));
+            if (!f.open(QIODevice::WriteOnly) || f.write(data.left(kNoisyFileBytes)) != kNoisyFileBytes)
+                return 1;
+        }
+        for (const Variant &v : kVariants) {
+            if (v.protocol != XmodemVariant::XmodemCrc && v.protocol != XmodemVariant::Ymodem)
+                continue;
+            const QString base = QStringLiteral("transfer_noisy_%1").arg(QLatin1String(v.tag));
+            QTemporaryDir dst;
+            const Run ref = lrzszPair(QStringLiteral("noisy"), v, noisySrc.path(), dst.path(), scripts);
+            report(base + QStringLiteral("_lrzsz_to_lrzsz"), ref, kNoisyFileBytes);
+            QTemporaryDir dst2;
+            FileTransferSession::Request receive;
+            receive.protocol = v.protocol;
+            receive.direction = FileTransferSession::Direction::Receive;
+            receive.folder = dst2.path();
+            receive.fileName = QStringLiteral("out.bin");
+            const Run ours = oursAgainst(QStringLiteral("noisy"), receive, noisySrc.path(),
+                                         QString::fromLatin1(v.sendCommand), scripts);
+            report(base + QStringLiteral("_lrzsz_to_ours"), ours, kNoisyFileBytes);
+            QFile got(dst2.filePath(QStringLiteral("out.bin")));
+            const bool intact = got.open(QIODevice::ReadOnly) && got.read(kNoisyFileBytes) == data.left(kNoisyFileBytes);
+            print(base + QStringLiteral("_ours_intact"), intact ? 1 : 0, "yes");
+            if (ref.ok && ours.ok)
+                print(base + QStringLiteral("_ours_speed_vs_lrzsz"), double(ref.ms) / double(qMax<qint64>(1, ours.ms)),
+                      "ratio");
+            failures += (!ref.ok) + (!ours.ok) + (!intact);
+        }
+        return failures == 0 ? 0 : 1;
+    }
     for (const QString &link : {QStringLiteral("tcp"), QStringLiteral("pty")}) {
         for (const Variant &v : kVariants) {
             const QString base = QStringLiteral("transfer_%1_%2").arg(link, QLatin1String(v.tag));

@@ -1,6 +1,7 @@
 // The shared pieces: peer labels and the shape every wire codec follows,
 // shown on a small request/retry codec driven by a virtual clock.
 #include "common/codecstep.h"
+#include "common/idlememoryreturn.h"
 #include "common/peerlabel.h"
 
 #include <QtTest>
@@ -62,6 +63,9 @@ private:
     bool m_done = false;
 };
 
+// Total byte counts and the times they were seen.
+using Steps = QList<QPair<qint64, qint64>>;
+
 } // namespace
 
 class TestCommon : public QObject
@@ -102,6 +106,39 @@ private Q_SLOTS:
             all.append(codec.tick(now));
         QCOMPARE(all.write, QByteArray("PING?PING?PING?"));
         QCOMPARE(all.events, QList<PingCodec::Event>{PingCodec::Event::GaveUp});
+    }
+
+    void memoryGoesBackOnceABurstIsOver_data()
+    {
+        QTest::addColumn<Steps>("steps");  // total bytes, time
+        QTest::addColumn<QList<bool>>("releases");
+        constexpr qint64 burst = IdleMemoryReturn::kBurstBytes;
+        constexpr qint64 quiet = IdleMemoryReturn::kQuietMs;
+        QTest::newRow("a burst, then quiet")
+            << Steps{{burst, 0}, {burst, quiet - 1}, {burst, quiet}, {burst, quiet + 500}}
+            << QList<bool>{false, false, true, false};
+        QTest::newRow("still flowing")
+            << Steps{{burst, 0}, {burst + 1, quiet}, {burst + 2, 2 * quiet}}
+            << QList<bool>{false, false, false};
+        QTest::newRow("too little to bother")
+            << Steps{{burst - 1, 0}, {burst - 1, 10 * quiet}} << QList<bool>{false, false};
+        QTest::newRow("counters reset count as traffic")
+            << Steps{{burst / 2, 0}, {0, 10}, {burst / 2, 20}, {burst / 2, 20 + quiet}}
+            << QList<bool>{false, false, false, true};
+        QTest::newRow("a second burst after a release")
+            << Steps{{burst, 0}, {burst, quiet}, {2 * burst, 2 * quiet}, {2 * burst, 3 * quiet}}
+            << QList<bool>{false, true, false, true};
+    }
+
+    void memoryGoesBackOnceABurstIsOver()
+    {
+        QFETCH(Steps, steps);
+        QFETCH(QList<bool>, releases);
+        IdleMemoryReturn policy;
+        QList<bool> got;
+        for (const auto &[total, now] : steps)
+            got.append(policy.update(total, now));
+        QCOMPARE(got, releases);
     }
 };
 

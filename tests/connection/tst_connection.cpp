@@ -161,6 +161,7 @@ private Q_SLOTS:
     void udpPeerTableStaysBounded();
     void pausedReadLosesNothing_data();
     void pausedReadLosesNothing();
+    void pausedServerLeavesNewcomersToTheKernel();
     void relayPath();
 };
 
@@ -840,6 +841,58 @@ void ConnectionTest::pausedReadLosesNothing()
     QTRY_COMPARE_WITH_TIMEOUT(received.size(), sent.size(), 20000);
     QVERIFY(received == sent);
     QCOMPARE(ready.isEmpty(), server);
+}
+
+void ConnectionTest::pausedServerLeavesNewcomersToTheKernel()
+{
+    // A storm while the pane is behind: clients connect, say their piece and
+    // leave while the server does not read. None is refused, none piles up
+    // half-closed in the server, and on resume every byte arrives.
+    constexpr int kClients = 100;
+    const auto messageOf = [](int i) { return "storm " + QByteArray::number(i) + '\n' + pattern(3000 + i, i); };
+    ConnectionController controller;
+    QVERIFY(controller.startTcpServer(0, QHostAddress(QHostAddress::LocalHost)));
+    Socket early = admittedClient(controller);
+    QVERIFY(early);
+    QHash<QString, QByteArray> atServer;
+    QStringList arrived;
+    connect(&controller, &ConnectionController::serverMessage, this,
+            [&](const QByteArray &data, const QString &peer) { atServer[peer] += data; });
+    connect(&controller, &ConnectionController::peerArrived, this, [&](const QString &peer) { arrived << peer; });
+
+    controller.setReadPaused(ConnectionMode::TcpServer, true);
+    early->write(messageOf(-1));
+    std::vector<Socket> clients;
+    int connected = 0;
+    for (int i = 0; i < kClients; ++i) {
+        QTcpSocket *raw = clients.emplace_back(std::make_unique<QTcpSocket>()).get();
+        connect(raw, &QTcpSocket::connected, this, [raw, i, &messageOf, &connected] {
+            ++connected;
+            raw->write(messageOf(i));
+            raw->disconnectFromHost();
+        });
+        raw->connectToHost(QHostAddress::LocalHost, serverPort(controller));
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(connected, kClients, kWait);
+    QTest::qWait(100);
+    QVERIFY(arrived.isEmpty());
+    QVERIFY(atServer.isEmpty());
+    QCOMPARE(controller.serverClientCount(), 1);
+    for (const Socket &client : clients)
+        QCOMPARE(client->error(), QAbstractSocket::UnknownSocketError);
+
+    controller.setReadPaused(ConnectionMode::TcpServer, false);
+    QCOMPARE(atServer.value(label(*early)), messageOf(-1));  // what waited is handed over at once
+    QTRY_COMPARE_WITH_TIMEOUT(arrived.size(), kClients, kWait);
+    QTRY_COMPARE_WITH_TIMEOUT(controller.serverClientCount(), 1, kWait);
+    QCOMPARE(atServer.size(), kClients + 1);
+    for (int i = 0; i < kClients; ++i)
+        QVERIFY2(atServer.value(arrived.at(i)).startsWith("storm "), qPrintable(arrived.at(i)));
+    QSet<QByteArray> messages;
+    for (const QByteArray &m : std::as_const(atServer))
+        messages.insert(m);
+    for (int i = -1; i < kClients; ++i)
+        QVERIFY2(messages.contains(messageOf(i)), qPrintable(QString("client %1").arg(i)));
 }
 
 void ConnectionTest::relayPath()

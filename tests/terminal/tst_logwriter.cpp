@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -186,6 +187,47 @@ private Q_SLOTS:
         const QString text = body(logPath());
         QVERIFY(text.contains(" bytes of log text were lost here: they could not be written in time --\n"));
         QVERIFY(text.endsWith("x\nafter\n"));
+    }
+
+    void diskFullPastTheBoundCountsTheGapOnce()
+    {
+        LogWriter writer(clock());
+        QVERIFY(writer.open(options()));
+        QVERIFY(put(writer, u"before\n"));
+
+        // Room for part of the next write only: the system takes some of it
+        // and refuses the rest, and the user must read why.
+        FileSizeLimit disk;
+        QVERIFY(disk.limitTo(rlim_t(QFileInfo(logPath()).size() + 100)));
+        const QString block = QString(1024 * 1024 - 1, u'x') + u'\n';
+        qint64 appended = 0;
+        QStringList errors;
+        for (int tick = 0; tick < 4; ++tick) {
+            for (int i = 0; i < 8; ++i) {
+                // Only the first batch past the threshold tries the disk;
+                // while it refuses, the rest wait for the tick.
+                const Result r = writer.append(block);
+                if (!r)
+                    errors.append(r.errorText());
+                appended += block.size();
+            }
+            errors.append(writer.writePending().errorText());
+            QVERIFY(writer.pendingBytes() <= LogWriter::kPendingLimitBytes);
+        }
+        for (const QString &error : std::as_const(errors))
+            QVERIFY2(error.startsWith("Could not write log file '" + logPath() + "': "), qPrintable(error));
+
+        disk.lift();
+        QVERIFY(writer.writePending());
+        const QString text = body(logPath());
+        const QRegularExpression note(QStringLiteral("\n-- ([0-9,. ]+) bytes of log text were lost here"));
+        QCOMPARE(text.count(note), 1);
+        const QString counted = note.match(text).captured(1);
+        const qint64 dropped = QString(counted).remove(QRegularExpression(QStringLiteral("[^0-9]"))).toLongLong();
+        const qint64 kept = text.size() - QStringLiteral("before\n").size() - LogWriter::gapNoteText(dropped).size();
+        QVERIFY(dropped >= appended - LogWriter::kPendingLimitBytes - 100);
+        QCOMPARE(dropped + kept, appended);
+        QVERIFY(text.endsWith("x\n"));
     }
 
     void timestampsPerLineAndBigBatches()

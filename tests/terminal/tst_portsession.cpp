@@ -6,6 +6,7 @@
 #include "support/ptypair.h"
 #include "terminal/portsession.h"
 
+#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QSerialPort>
 #include <QTcpServer>
@@ -57,6 +58,7 @@ private Q_SLOTS:
     void lostSerialPortReconnectsOnTheClock();
     void tcpClientReconnectsOnTheClock();
     void peerThatDoesNotReadIsNotSentMore();
+    void clientThatDoesNotReadHoldsNoOtherBack();
     void portKeyAndSnapshotEntryDescribeThePort();
     void consoleTextIsDecodedOnlyWhileHeard();
 
@@ -304,6 +306,62 @@ void PortSessionTest::peerThatDoesNotReadIsNotSentMore()
     stuck->setReadBufferSize(0);
     QTRY_VERIFY_WITH_TIMEOUT((drained += stuck->readAll(), !session.isPeerBacklogged()), kWait);
     QVERIFY(session.sendBytes("more"));
+}
+
+void PortSessionTest::clientThatDoesNotReadHoldsNoOtherBack()
+{
+    PortSession session(6);
+    ConnectionConfig config;
+    config.mode = ConnectionMode::TcpServer;
+    PaneOptions options;
+    options.displaySendMsg = false;
+    session.applySettings(config, options, {});
+    QVERIFY(session.controller()->startTcpServer(0, QHostAddress::LocalHost));
+    const quint16 port = quint16(session.controller()->serverAddressText().section(':', -1).toUInt());
+    QTcpSocket stuck, reader;
+    stuck.setReadBufferSize(4096);  // takes nothing more off the kernel
+    stuck.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(stuck.waitForConnected(kWait));
+    QTRY_COMPARE_WITH_TIMEOUT(session.controller()->serverClientCount(), 1, kWait);
+    const QString stuckLabel = session.controller()->serverClientLabels().constFirst();
+    reader.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(reader.waitForConnected(kWait));
+    QTRY_COMPARE_WITH_TIMEOUT(session.controller()->serverClientCount(), 2, kWait);
+
+    // Sends to all go on well past the stuck client's cap, and the one that
+    // reads gets every one of them.
+    QSignalSpy status(&session, &PortSession::statusMessage);
+    const QByteArray block(64 * 1024, 'y');
+    constexpr int kBlocks = 128;  // 8 MiB, eight times the cap
+    QByteArray got;
+    int sent = 0;
+    QElapsedTimer clock;
+    clock.start();
+    while (sent < kBlocks && clock.elapsed() < 30000) {
+        if (session.sendBytes(block))
+            ++sent;
+        else
+            QTest::qWait(1);
+        got += reader.readAll();
+    }
+    QCOMPARE(sent, kBlocks);
+    QTRY_COMPARE_WITH_TIMEOUT((got += reader.readAll()).size(), block.size() * kBlocks, 20000);
+    QVERIFY(got == block.repeated(kBlocks));
+    QVERIFY(session.controller()->bytesToWrite(ConnectionMode::TcpServer, SendTarget{stuckLabel, -1})
+            < PortTransport::kWriteHighWatermark + block.size());
+    // Named once, not once per send.
+    const QString note = stuckLabel + " is not reading: sends to all clients pass it by until it does.";
+    int notes = 0;
+    for (const QList<QVariant> &args : std::as_const(status))
+        notes += args.at(0).toString() == note;
+    QCOMPARE(notes, 1);
+    QVERIFY(!session.isPeerBacklogged());
+
+    // When no client takes anything, a send to all waits like any other.
+    reader.setReadBufferSize(4096);
+    for (int i = 0; i < 400 && session.sendBytes(block); ++i)
+        QTest::qWait(1);
+    QVERIFY(session.isPeerBacklogged());
 }
 
 void PortSessionTest::portKeyAndSnapshotEntryDescribeThePort()

@@ -111,6 +111,8 @@ private slots:
     void receiveFromLrzsz();
     void noisyLineRecoversWithRetries_data();
     void noisyLineRecoversWithRetries();
+    void receiveThroughALossyLine_data();
+    void receiveThroughALossyLine();
     void ymodemToRbOnAPtyEndsFinished();
 
 private:
@@ -391,6 +393,77 @@ void TestTransferPeers::noisyLineRecoversWithRetries()
     const QByteArray got = in.readAll();
     QCOMPARE(got.left(data.size()), data);
     QCOMPARE(got.size(), ymodem ? data.size() : xmodemPadded(data, v == XmodemVariant::Xmodem1K || !sending).size());
+}
+
+void TestTransferPeers::receiveThroughALossyLine_data()
+{
+    QTest::addColumn<int>("protocol");
+    QTest::addColumn<quint32>("seed");
+    // Fixed seeds: the line damages the same places on every run.
+    QTest::newRow("from sx, XMODEM-CRC") << toInt(XmodemVariant::XmodemCrc) << 11u;
+    QTest::newRow("from sb, YMODEM") << toInt(XmodemVariant::Ymodem) << 12u;
+}
+
+// lrzsz on one pty pair, us on another, and between them a line that drops
+// or flips about one byte in 2000 on the way to us. A dropped byte leaves a
+// block that never completes: the silence after it must bring a request at
+// once, so the file arrives whole well within the transfer's time.
+void TestTransferPeers::receiveThroughALossyLine()
+{
+    QFETCH(int, protocol);
+    QFETCH(quint32, seed);
+    const XmodemVariant v = XmodemVariant(protocol);
+    const bool ymodem = isYmodemVariant(v);
+    QTemporaryDir src, dst;
+    const QByteArray data = pattern(12 * 1024 + 5);
+    {
+        QFile f(src.filePath(QStringLiteral("lossy.bin")));
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        QCOMPARE(f.write(data), qint64(data.size()));
+    }
+    PtyPair farSide, nearSide;
+    QVERIFY2(farSide.start(), qPrintable(farSide.errorText()));
+    QVERIFY2(nearSide.start(), qPrintable(nearSide.errorText()));
+    QProcess line;
+    line.setProcessChannelMode(QProcess::SeparateChannels);
+    line.start(QStringLiteral(TSL_NOISYLINE), {farSide.pathA(), nearSide.pathB(), QString::number(seed),
+                                               QStringLiteral("2000"), QStringLiteral("forward")});
+    QVERIFY2(line.waitForStarted(5000), qPrintable(line.errorString()));
+    QSerialPort serial;
+    serial.setPortName(nearSide.pathA());
+    QVERIFY2(serial.open(QIODevice::ReadWrite), qPrintable(serial.errorString()));
+    LrzszPeer peer;
+    QVERIFY(peer.start(QStringLiteral("%1,raw,echo=0").arg(farSide.pathB()), src.path(),
+                       QStringLiteral("%1 -q lossy.bin").arg(ymodem ? QStringLiteral("sb") : QStringLiteral("sx"))));
+
+    FileTransferSession::Request request;
+    request.protocol = v;
+    request.direction = FileTransferSession::Direction::Receive;
+    request.folder = dst.path();
+    request.fileName = QStringLiteral("lossy.bin");
+    DevicePort port(&serial);
+    FileTransferSession session(&port, request);
+    attach(&serial, &session, nullptr);
+    QSignalSpy finished(&session, &FileTransferSession::finished);
+    session.start();
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(finished.wait(kTransferTimeoutMs));
+    qInfo("%s: %lld ms, %d retries", QTest::currentDataTag(), clock.elapsed(),
+          session.progressSnapshot().totalRetries);
+    line.terminate();
+    QVERIFY(line.waitForFinished(5000));
+    const QByteArray damage = line.readAllStandardError();
+    qInfo("%s", damage.trimmed().constData());
+    QVERIFY2(finished.at(0).at(0).toBool(), qPrintable(finished.at(0).at(1).toString()));
+    QVERIFY2(damage.contains(" dropped ") && !damage.contains("dropped 0/"), damage.constData());
+    QVERIFY(session.progressSnapshot().totalRetries > 0);
+    QFile in(dst.filePath(QStringLiteral("lossy.bin")));
+    QVERIFY(in.open(QIODevice::ReadOnly));
+    const QByteArray got = in.readAll();
+    QCOMPARE(got, ymodem ? data : xmodemPadded(data, false));
+    serial.close();
+    peer.waitForExit(5000);
 }
 
 QTEST_GUILESS_MAIN(TestTransferPeers)

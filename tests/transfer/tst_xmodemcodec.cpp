@@ -84,6 +84,9 @@ private slots:
     void strayBytesAndEndsBetweenBlocks_data();
     void strayBytesAndEndsBetweenBlocks();
     void badFirstBlockKeepsTheReceiverStarting();
+    void silenceInsideABlockAsksForItAgain_data();
+    void silenceInsideABlockAsksForItAgain();
+    void endWithBytesBehindItIsNoise();
     void unacknowledgedBatchEndFinishesTheSend();
     void cancelNeedsTwoCansInARow_data();
     void cancelNeedsTwoCansInARow();
@@ -401,6 +404,86 @@ void TestXmodemCodec::strayBytesAndEndsBetweenBlocks()
     QCOMPARE(codec.state(), XmodemCodec::State::RecvWaitBatchEnd);
     f.feed(block(0, QByteArray(128, '\0'), true), 50);
     QVERIFY(f.last.finished());
+}
+
+void TestXmodemCodec::silenceInsideABlockAsksForItAgain_data()
+{
+    QTest::addColumn<int>("variant");
+    QTest::addColumn<int>("lost");  // index of the byte the line lost
+    for (const XmodemVariant v : {XmodemVariant::Xmodem, XmodemVariant::XmodemCrc, XmodemVariant::Ymodem,
+                                  XmodemVariant::YmodemG}) {
+        const QByteArray name = QByteArray::number(toInt(v));
+        QTest::newRow(name + ", block number") << toInt(v) << 1;
+        QTest::newRow(name + ", data") << toInt(v) << 60;
+        QTest::newRow(name + ", last byte") << toInt(v) << -1;
+    }
+}
+
+// A block short of one byte never completes. One second of silence says so:
+// the receiver drops it and asks again at once, not after the ten-second
+// wait; the repeat is then taken whole. YMODEM-G cannot ask again.
+void TestXmodemCodec::silenceInsideABlockAsksForItAgain()
+{
+    QFETCH(int, variant);
+    QFETCH(int, lost);
+    const XmodemVariant v = XmodemVariant(variant);
+    const bool crc = v != XmodemVariant::Xmodem;
+    const bool streaming = v == XmodemVariant::YmodemG;
+    MemorySink sink;
+    XmodemCodec codec(v, &sink);
+    Feeder f{codec, {}, {}, {}};
+    f.take(codec.startReceive(QStringLiteral("l.bin"), 0), 0);
+    if (isYmodemVariant(v))
+        f.feed(block(0, XmodemCodec::makeHeaderData(QStringLiteral("l.bin"), 256, 0), true), 0);
+    const QByteArray one = pattern(128, 1), two = pattern(128, 2);
+    f.feed(block(1, one, crc), 10);
+    f.drain();
+    QByteArray shortBlock = block(2, two, crc);
+    shortBlock.remove(lost < 0 ? shortBlock.size() - 1 : lost, 1);
+    f.feed(shortBlock, 100);
+    QVERIFY(f.drain().isEmpty());
+    if (streaming) {
+        QVERIFY(f.last.wakeAtMs >= 10000);  // its own wait, nothing sooner
+        f.take(codec.tick(1100), 1100);
+        QVERIFY(f.drain().isEmpty());
+        QVERIFY(!codec.isEnded());
+        return;
+    }
+    QCOMPARE(f.last.wakeAtMs, 100 + XmodemCodec::kCharTimeoutMs);
+    f.take(codec.tick(1099), 1099);
+    QVERIFY(f.drain().isEmpty());
+    f.take(codec.tick(1100), 1100);
+    QCOMPARE(f.drain(), QByteArray(1, NAK));
+    QCOMPARE(codec.progress().totalRetries, 1);
+    QCOMPARE(f.last.wakeAtMs, 1100 + XmodemCodec::kWaitMs);  // from when the NAK went out
+    f.take(codec.tick(1200), 1200);
+    QVERIFY(f.drain().isEmpty());
+    f.feed(block(2, two, crc), 1300);
+    QCOMPARE(f.drain(), QByteArray(1, ACK));
+    QCOMPARE(sink.data, one + two);
+    // Bytes that keep coming hold the second off.
+    f.feed(block(3, pattern(128, 3), crc).left(50), 1400);
+    f.feed(QByteArray(1, '\x33'), 2300);
+    f.take(codec.tick(2400), 2400);
+    QVERIFY(f.drain().isEmpty());
+}
+
+// A damaged byte inside a block may read as EOT; the sender's real EOT has
+// nothing behind it while it waits for the answer.
+void TestXmodemCodec::endWithBytesBehindItIsNoise()
+{
+    MemorySink sink;
+    XmodemCodec codec(XmodemVariant::XmodemCrc, &sink);
+    Feeder f{codec, {}, {}, {}};
+    f.take(codec.startReceive(QStringLiteral("e.bin"), 0), 0);
+    f.feed(block(1, pattern(128, 1), true), 10);
+    f.drain();
+    f.take(codec.onBytes(QByteArray("\x04\x55\x66", 3), 20), 20);
+    QVERIFY(!codec.isEnded());
+    QCOMPARE(sink.finishes, 0);
+    f.take(codec.onBytes(QByteArray(1, EOT), 30), 30);
+    QVERIFY(f.last.finished());
+    QCOMPARE(sink.data, pattern(128, 1));
 }
 
 // A damaged first block does not end the start: the receiver keeps its
