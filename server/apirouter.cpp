@@ -4,6 +4,7 @@
 #include "consoleservice.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
+#include "shareservice.h"
 #include "syncservice.h"
 
 #include <QJsonDocument>
@@ -21,9 +22,9 @@ struct Route
 
 namespace {
 
-// Relay and share endpoints join this table when their services exist;
-// until then their paths answer "not_found" in their own family. Where two
-// patterns fit a path, the first in the table wins.
+// Relay endpoints join this table when their service exists; until then
+// their paths answer "not_found" in their own family. Where two patterns
+// fit a path, the first in the table wins.
 const QList<Route> &routes()
 {
     static const QList<Route> table = {
@@ -117,6 +118,34 @@ const QList<Route> &routes()
         {"GET", {"console", "commands", "*"}, true, false,
          [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
              return s.console.command(caller, args[0]);
+         }},
+        // Guest shares: the owner's side.
+        {"POST", {"relay", "shares"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.shares.create(caller, body);
+         }},
+        {"GET", {"relay", "shares"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             if (r.query.hasQueryItem(QStringLiteral("cid")))
+                 return s.shares.listForComputer(caller, r.query.queryItemValue(QStringLiteral("cid"), QUrl::FullyDecoded));
+             return s.shares.listForAccount(caller);
+         }},
+        {"DELETE", {"relay", "shares", "*"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.shares.revoke(caller, args[0]);
+         }},
+        // Guest shares: the guest's side, signed in nowhere.
+        {"POST", {"relay", "join"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &, const QJsonObject &body, const ApiRequest &r) -> ApiOutcome {
+             return s.shares.joinRelay(body, r.remoteAddress);
+         }},
+        {"GET", {"relay", "join", "*"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.shares.peek(args[0]);
+         }},
+        {"POST", {"relay", "join", "*", "web"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &body, const ApiRequest &r) -> ApiOutcome {
+             return s.shares.joinWeb(args[0], body, r.remoteAddress);
          }},
     };
     return table;

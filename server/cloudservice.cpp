@@ -8,6 +8,7 @@
 #include "passwordhasher.h"
 #include "quotaservice.h"
 #include "servicelog.h"
+#include "shareservice.h"
 #include "storage.h"
 #include "workerpool.h"
 
@@ -23,12 +24,13 @@ class ServiceContext : public WorkerContext
 public:
     ServiceContext(const PasswordHasher &hasher, CodeMailer &mailer, const AccountPolicy &policy,
                    const SyncPolicy &syncPolicy, qint64 monthlyQuotaBytes, const ServiceClock &clock,
-                   ConsoleLive &live, const ConsolePolicy &consolePolicy)
+                   ConsoleLive &live, const ConsolePolicy &consolePolicy, const SharePolicy &sharePolicy)
         : m_quota(m_storage, monthlyQuotaBytes, clock),
           m_accounts(m_storage, hasher, mailer, policy, clock),
           m_sync(m_storage, m_quota, syncPolicy, clock),
           m_console(m_storage, m_quota, live, consolePolicy, clock),
-          m_services{m_accounts, m_sync, m_quota, m_console}
+          m_shares(m_storage, m_console, live, sharePolicy, clock),
+          m_services{m_accounts, m_sync, m_quota, m_console, m_shares}
     {
     }
 
@@ -42,6 +44,7 @@ private:
     AccountService m_accounts;
     SyncService m_sync;
     ConsoleService m_console;
+    ShareService m_shares;
     ServiceSet m_services;
 };
 
@@ -99,11 +102,14 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_live = new ConsoleLive(this);
     ConsoleLive &live = *m_live;
     const ConsolePolicy consolePolicy;
+    SharePolicy sharePolicy;
+    std::shared_ptr<QString> publicUrl = sharePolicy.publicUrl;
     m_pool = std::make_unique<WorkerPool>(
         limits,
-        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy](QString *openError) {
+        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy,
+         sharePolicy](QString *openError) {
             auto context = std::make_unique<ServiceContext>(hasher, queuedMailer, policy, syncPolicy, quota, clock,
-                                                            live, consolePolicy);
+                                                            live, consolePolicy, sharePolicy);
             if (!context->open(database, openError))
                 context.reset();
             return std::unique_ptr<WorkerContext>(std::move(context));
@@ -127,6 +133,14 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_port = m_http->start(config.listenAddress, config.port, error);
     if (m_port == 0)
         return false;
+    // Before the loop serves anything: no database thread reads it yet.
+    *publicUrl = config.publicUrl;
+    if (publicUrl->isEmpty()) {
+        const QString host = config.listenAddress.protocol() == QAbstractSocket::IPv6Protocol
+                                 ? QStringLiteral("[%1]").arg(config.listenAddress.toString())
+                                 : config.listenAddress.toString();
+        *publicUrl = QStringLiteral("http://%1:%2").arg(host).arg(m_port);
+    }
     m_console = new ConsoleHub(*m_pool, *m_live, consolePolicy, this);
     m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kComputerPath),
                               [this](std::unique_ptr<QWebSocket> socket) { m_console->addComputer(std::move(socket)); });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "consoleservice.h"
+#include "guestscope.h"
 #include "watcherqueue.h"
 
 #include <QHash>
@@ -39,6 +40,11 @@ public:
     static constexpr int kMaxWatchersPerComputer = 16;
     // A watcher's socket is given more only while less than this waits in it.
     static constexpr qint64 kWatcherSocketHighWater = 256 * 1024;
+    // Browser guests' shares are checked this often for their end (expiry,
+    // a gone run, an end on another instance).
+    static constexpr int kShareSweepMs = 2000;
+    // A guest's commands waiting for the database; beyond: "too_many_commands".
+    static constexpr int kMaxGuestCommandsInFlight = 8;
 
     ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy, QObject *parent = nullptr);
     ~ConsoleHub() override;
@@ -74,6 +80,9 @@ private:
         bool admitting = false;
         bool watching = false;
         WatcherQueue queue;
+        GuestScope guest;  // set for a share's browser guest
+        bool ended = false;  // its share ended; the socket is closing
+        int commandsInFlight = 0;
     };
 
     void onComputerMessage(Computer *computer, const QString &text);
@@ -88,6 +97,13 @@ private:
     void onWatcherMessage(Watcher *watcher, const QString &text);
     void onWatcherGone(Watcher *watcher);
     void admit(Watcher *watcher, const QString &token, const QString &cid);
+    void admitGuest(Watcher *watcher, const QString &token);
+    // Lists an admitted watcher under its computer and tells who must know.
+    void startWatching(Watcher *watcher, const QString &cid, const QByteArray &welcome, const QJsonObject &snapshot);
+    void onGuestMessage(Watcher *watcher, const QString &text);
+    void endShare(qint64 shareId, const QString &reason);
+    void sweepShares();
+    void guestsChanged(qint64 shareId);
     void refuseWatcher(Watcher *watcher, const QString &code, const QString &description);
     void fanOut(const QString &cid, const QJsonObject &message, int events);
     void enqueue(Watcher *watcher, const QByteArray &message, int events);
@@ -106,5 +122,8 @@ private:
     QHash<QString, Computer *> m_computerOf;  // greeted, by cid
     QHash<QWebSocket *, Watcher *> m_watchers;
     QHash<QString, QList<Watcher *>> m_watchersOf;  // watching, by cid
+    QHash<qint64, QList<Watcher *>> m_guestsOf;     // browser guests watching, by share
+    QTimer *m_shareSweep;
+    bool m_sweeping = false;
     qint64 m_lostEvents = 0;
 };

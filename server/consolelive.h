@@ -24,6 +24,9 @@ public:
     bool holdsSocket(const QString &cid) const;
     void setWatchers(const QString &cid, int count);
     void setHoldsSocket(const QString &cid, bool held);
+    // Browser guests watching a share now, for the owner's listings.
+    int shareGuests(qint64 shareId) const;
+    void setShareGuests(qint64 shareId, int count);
 
 signals:
     // A command was issued for `cid`.
@@ -34,9 +37,13 @@ signals:
     void portsStored(const QString &cid, const QJsonObject &message);
     // Traffic came in (by HTTP): {"type":"events", ...} for watchers.
     void eventsArrived(const QString &cid, const QJsonObject &message, int eventCount);
+    // A share ended ("expired", "revoked", "stale", "too_many_attempts"):
+    // its browser guests are told and let go.
+    void shareEnded(qint64 shareId, const QString &reason);
 
 private:
     mutable std::mutex m_mutex;
     QHash<QString, int> m_watchers;
     QSet<QString> m_sockets;
+    QHash<qint64, int> m_shareGuests;
 };

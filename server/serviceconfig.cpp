@@ -6,6 +6,7 @@
 #include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QUrl>
 
 QString ServiceConfig::defaultDatabasePath()
 {
@@ -53,6 +54,8 @@ const Option kOptions[] = {
     {"database-threads", "TSL_CLOUD_DATABASE_THREADS", "count",
      "Threads with a database connection each (default 2 on SQLite, 8 on PostgreSQL)."},
     {"hash-threads", "TSL_CLOUD_HASH_THREADS", "count", "Threads for password hashing (default one per core)."},
+    {"public-url", "TSL_CLOUD_PUBLIC_URL", "url",
+     "Where guests reach the service, for invite links (default http://<listen address>)."},
     {"approve", nullptr, "email", "Approve the pending account of this address, then exit."},
 };
 
@@ -230,6 +233,19 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
     if (!QStringList{"debug", "info", "warning", "error"}.contains(config.logLevel)) {
         *error = QStringLiteral("--log-level is debug, info, warning or error");
         return false;
+    }
+
+    const QString publicUrl = v.value(QStringLiteral("public-url")).trimmed();
+    if (!publicUrl.isEmpty()) {
+        const QUrl url(publicUrl, QUrl::StrictMode);
+        if (!url.isValid() || (url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))
+            || url.host().isEmpty() || url.hasQuery() || url.hasFragment()) {
+            *error = QStringLiteral("--public-url wants http(s)://host[:port][/path], e.g. https://cloud.example.org");
+            return false;
+        }
+        config.publicUrl = publicUrl;
+        while (config.publicUrl.endsWith(u'/'))
+            config.publicUrl.chop(1);
     }
 
     config.approvalMode = parser.isSet(QStringLiteral("approval"))

@@ -47,6 +47,9 @@ struct ServiceConfig
     QStringList trustedProxies;  // "ADDRESS" or "ADDRESS/PREFIX"
     int databaseThreads = 0;     // 0: by database (SQLite 2, PostgreSQL 8)
     int hashThreads = 0;         // 0: one per core
+    // Where people reach the service (invite links start with it); empty:
+    // http://<listen address>.
+    QString publicUrl;
 
     // Administration: done instead of serving.
     QString approveEmail;

@@ -107,6 +107,33 @@ struct ConsoleCommandRow
     qint64 finishedAt = 0;
 };
 
+// A port lent to a guest. `state` is "live" or "ended"; an ended share
+// says why in `endReason`.
+struct ShareRow
+{
+    qint64 id = 0;
+    QString code;  // 12 characters, without dashes
+    qint64 userId = 0;
+    QString cid;
+    QString sessionId;
+    QString portKey;
+    QString portName;
+    QString deviceName;
+    QString label;
+    QString web;  // "none", "view", "send", "control"
+    bool relay = false;
+    QString passcodeHash;  // empty: no passcode
+    qint64 createdAt = 0;
+    qint64 expiresAt = 0;
+    QString state;
+    QString endReason;
+    qint64 endedAt = 0;
+    int wrongPasscodes = 0;
+    QString guestName;  // the relay guest now joined, if any
+    qint64 guestSince = 0;
+    QString relayId;
+};
+
 // Methods report database failures as false (or Found::Error) and log the
 // driver's text; callers answer "internal_error" without details. One
 // Storage is one connection, used by one thread at a time; serving, every
@@ -231,6 +258,25 @@ public:
     // leaves the first one standing.
     Found finishConsoleCommand(const QString &cid, qint64 id, const QString &result, qint64 now,
                                ConsoleCommandRow &out);
+
+    // Guest shares. `insertShare` answers No when the code is taken.
+    Found insertShare(ShareRow &share);  // fills id
+    Found shareById(qint64 id, ShareRow &out);
+    Found shareByCode(const QString &code, ShareRow &out);
+    // The computer's shares: the live ones and those ended at or after `endedSince`.
+    bool sharesOfComputer(const QString &cid, qint64 endedSince, QList<ShareRow> &out);
+    bool liveSharesOfAccount(qint64 userId, int limit, QList<ShareRow> &out);
+    bool countLiveShares(const QString &cid, int &count);
+    // Shares of the account ended by their owner or by wrong passcodes since `since`.
+    bool countRevokedShares(qint64 userId, qint64 since, int &count);
+    // Ends a live share; `ended` false when it had ended already.
+    bool endShare(qint64 id, const QString &reason, qint64 now, bool &ended);
+    // Counts one wrong passcode; `total` is the share's count after it.
+    bool addWrongPasscode(qint64 id, int &total);
+    bool setShareRelayGuest(qint64 id, const QString &name, qint64 since, const QString &relayId);
+    // Keeps the newest `keep` guests of the share, this one among them.
+    bool insertShareGuest(const QString &tokenHash, qint64 shareId, const QString &name, qint64 now, int keep);
+    Found shareGuest(const QString &tokenHash, qint64 &shareId, QString &name);
 
     // Drops what has expired; run now and then.
     bool pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs = 0);
