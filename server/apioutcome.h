@@ -10,6 +10,7 @@
 class AccountService;
 class ConsoleService;
 class QuotaService;
+class RelayService;
 class SyncService;
 
 // The domain services of one database connection: what a request runs
@@ -20,6 +21,7 @@ struct ServiceSet
     SyncService &sync;
     QuotaService &quota;
     ConsoleService &console;
+    RelayService &relay;
 };
 
 // Password work, done apart from the database work (it costs tens of

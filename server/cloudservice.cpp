@@ -7,12 +7,17 @@
 #include "loopwatch.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
+#include "relayhub.h"
+#include "relaylive.h"
+#include "relayservice.h"
 #include "servicelog.h"
 #include "storage.h"
+#include "tokens.h"
 #include "workerpool.h"
 
 #include <QThread>
 #include <QTimer>
+#include <QTcpSocket>
 #include <QWebSocket>
 
 namespace {
@@ -23,12 +28,14 @@ class ServiceContext : public WorkerContext
 public:
     ServiceContext(const PasswordHasher &hasher, CodeMailer &mailer, const AccountPolicy &policy,
                    const SyncPolicy &syncPolicy, qint64 monthlyQuotaBytes, const ServiceClock &clock,
-                   ConsoleLive &live, const ConsolePolicy &consolePolicy)
+                   ConsoleLive &live, const ConsolePolicy &consolePolicy, RelayLive &relayLive,
+                   const QString &instanceId)
         : m_quota(m_storage, monthlyQuotaBytes, clock),
           m_accounts(m_storage, hasher, mailer, policy, clock),
           m_sync(m_storage, m_quota, syncPolicy, clock),
           m_console(m_storage, m_quota, live, consolePolicy, clock),
-          m_services{m_accounts, m_sync, m_quota, m_console}
+          m_relay(m_storage, m_quota, live, relayLive, RelayPolicy(), instanceId, clock),
+          m_services{m_accounts, m_sync, m_quota, m_console, m_relay}
     {
     }
 
@@ -42,6 +49,7 @@ private:
     AccountService m_accounts;
     SyncService m_sync;
     ConsoleService m_console;
+    RelayService m_relay;
     ServiceSet m_services;
 };
 
@@ -51,6 +59,9 @@ CloudService::CloudService(QObject *parent) : QObject(parent) {}
 
 CloudService::~CloudService()
 {
+    // Relay ends hear that the service stops while it still can tell them.
+    if (m_relays)
+        m_relays->shutdown();
     // The pool goes first: its threads finish what they run, and answers
     // still queued for the front are dropped with it. Then the front.
     m_pool.reset();
@@ -99,11 +110,17 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_live = new ConsoleLive(this);
     ConsoleLive &live = *m_live;
     const ConsolePolicy consolePolicy;
+    m_relayLive = new RelayLive(this);
+    RelayLive &relayLive = *m_relayLive;
+    m_instanceId = config.instanceId.isEmpty() ? Tokens::random(6).replace(u'-', u'x').replace(u'_', u'y')
+                                               : config.instanceId;
+    const QString instanceId = m_instanceId;
     m_pool = std::make_unique<WorkerPool>(
         limits,
-        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy](QString *openError) {
+        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy, &relayLive,
+         instanceId](QString *openError) {
             auto context = std::make_unique<ServiceContext>(hasher, queuedMailer, policy, syncPolicy, quota, clock,
-                                                            live, consolePolicy);
+                                                            live, consolePolicy, relayLive, instanceId);
             if (!context->open(database, openError))
                 context.reset();
             return std::unique_ptr<WorkerContext>(std::move(context));
@@ -130,6 +147,8 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_console = new ConsoleHub(*m_pool, *m_live, consolePolicy, this);
     m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kComputerPath),
                               [this](std::unique_ptr<QWebSocket> socket) { m_console->addComputer(std::move(socket)); });
+    m_relays = new RelayHub(*m_pool, *m_relayLive, config.relayRateLimit, this);
+    m_http->addRawSocketEndpoint(QLatin1String(RelayHub::kPath), [this](QTcpSocket *socket) { m_relays->addSocket(socket); });
     m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kWatchPath),
                               [this](std::unique_ptr<QWebSocket> socket) { m_console->addWatcher(std::move(socket)); });
 

@@ -63,6 +63,7 @@ ConsoleHub::ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy
     : QObject(parent), m_pool(pool), m_live(live), m_policy(policy), m_touch(new QTimer(this))
 {
     connect(&m_live, &ConsoleLive::commandQueued, this, &ConsoleHub::onCommandQueued);
+    connect(&m_live, &ConsoleLive::snapshotWanted, this, [this](const QString &cid) { tellWatching(cid, true); });
     connect(&m_live, &ConsoleLive::resultStored, this,
             [this](const QString &cid, const QJsonObject &message) { fanOut(cid, message, 0); });
     connect(&m_live, &ConsoleLive::portsStored, this,

@@ -3,6 +3,7 @@
 #include "migrations.h"
 
 #include <QList>
+#include <QPair>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QString>
@@ -105,6 +106,38 @@ struct ConsoleCommandRow
     qint64 createdAt = 0;
     QString result;   // JSON object text once done
     qint64 finishedAt = 0;
+};
+
+// One Live Relay as stored.
+struct RelayRow
+{
+    QString relayId;
+    qint64 userId = 0;  // the owner, whose quota the bytes count toward
+    QString cid;
+    QString portKey;
+    QString shareId;
+    QString guestName;
+    QString guestTokenHash;
+    QString hostTicketHash;
+    QString clientTicketHash;
+    qint64 ticketsExpireAt = 0;
+    qint64 hostUsedAt = 0;
+    qint64 clientUsedAt = 0;
+    qint64 hostCommandId = 0;
+    QString instanceId;
+    qint64 createdAt = 0;
+    qint64 pairedAt = 0;
+    qint64 endedAt = 0;
+    QString endKind;
+    QString endReason;
+};
+
+// A relay that ended, as the instance holding it learns.
+struct RelayEndRow
+{
+    QString relayId;
+    QString endKind;
+    QString endReason;
 };
 
 // Methods report database failures as false (or Found::Error) and log the
@@ -231,6 +264,27 @@ public:
     // leaves the first one standing.
     Found finishConsoleCommand(const QString &cid, qint64 id, const QString &result, qint64 now,
                                ConsoleCommandRow &out);
+
+    // Live Relay. A relay is busy from its opening until it ends, or until
+    // its tickets expire unused.
+    bool insertRelay(const RelayRow &relay);
+    Found relay(const QString &relayId, RelayRow &out);
+    // The relay a ticket (its hash) admits, and which end: "host" or "client".
+    Found relayByTicket(const QString &ticketHash, RelayRow &out, QString &end);
+    bool relayBusy(const QString &cid, const QString &portKey, qint64 now, bool &busy);
+    bool setRelayCommand(const QString &relayId, qint64 commandId);
+    // Spends an end's ticket; `won` false when it was spent, expired or
+    // the relay ended before.
+    bool useRelayTicket(const QString &relayId, const QString &end, qint64 now, bool &won);
+    bool setRelayPaired(const QString &relayId, qint64 now);
+    // Ends a relay once; `ended` false when it had ended already.
+    bool endRelay(const QString &relayId, const QString &kind, const QString &reason, qint64 now, bool &ended);
+    bool addRelayBytes(const QString &relayId, qint64 bytes);
+    // Relays of `instanceId` that ended at or after `since`.
+    bool relaysEndedSince(const QString &instanceId, qint64 since, QList<RelayEndRow> &out);
+    // Relays of `instanceId` not yet ended whose host answered "open_relay"
+    // at or after `since`: relay id and the host's result text.
+    bool relayHostAnswers(const QString &instanceId, qint64 since, QList<QPair<QString, QString>> &out);
 
     // Drops what has expired; run now and then.
     bool pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs = 0);
