@@ -11,6 +11,7 @@ class AccountService;
 class ConsoleService;
 class QuotaService;
 class ShareService;
+class RelayService;
 class SyncService;
 
 // The domain services of one database connection: what a request runs
@@ -22,6 +23,7 @@ struct ServiceSet
     QuotaService &quota;
     ConsoleService &console;
     ShareService &shares;
+    RelayService &relay;
 };
 
 // Password work, done apart from the database work (it costs tens of

@@ -5,6 +5,7 @@
 #include "passwordhasher.h"
 #include "quotaservice.h"
 #include "shareservice.h"
+#include "relayservice.h"
 #include "syncservice.h"
 
 #include <QJsonDocument>
@@ -22,9 +23,7 @@ struct Route
 
 namespace {
 
-// Relay endpoints join this table when their service exists; until then
-// their paths answer "not_found" in their own family. Where two patterns
-// fit a path, the first in the table wins.
+// Where two patterns fit a path, the first in the table wins.
 const QList<Route> &routes()
 {
     static const QList<Route> table = {
@@ -146,6 +145,27 @@ const QList<Route> &routes()
         {"POST", {"relay", "join", "*", "web"}, false, false,
          [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &body, const ApiRequest &r) -> ApiOutcome {
              return s.shares.joinWeb(args[0], body, r.remoteAddress);
+         }},
+        // Live Relay.
+        {"GET", {"relay", "targets"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             return s.relay.targets(caller, r.query.queryItemValue(QStringLiteral("cid"), QUrl::FullyDecoded));
+         }},
+        {"POST", {"relay", "sessions"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.relay.openSession(caller, body);
+         }},
+        // The owner signs in; a guest, who may have no account, shows the
+        // token its join handed out instead.
+        {"DELETE", {"relay", "sessions", "*"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             if (r.authorization.isEmpty())
+                 return s.relay.end(nullptr, QString::fromLatin1(r.relayGuestToken), args[0]);
+             auto outcome = s.accounts.authenticate(r.authorization, QStringLiteral("relay"));
+             if (auto *refusal = std::get_if<ApiReply>(&outcome))
+                 return *refusal;
+             const Caller owner = std::get<Caller>(outcome);
+             return s.relay.end(&owner, QString(), args[0]);
          }},
     };
     return table;

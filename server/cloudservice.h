@@ -15,6 +15,8 @@ class ConsoleHub;
 class ConsoleLive;
 class LoopWatch;
 class PasswordHasher;
+class RelayHub;
+class RelayLive;
 class QTimer;
 class WorkerPool;
 
@@ -42,6 +44,9 @@ public:
     CloudHttpServer &http() { return *m_http; }
     WorkerPool &pool() { return *m_pool; }
     ConsoleHub &console() { return *m_console; }
+    RelayHub &relays() { return *m_relays; }
+    // The name relay tickets carry; a proxy routes relay sockets by it.
+    const QString &instanceId() const { return m_instanceId; }
     // The longest time the event loop was held up so far.
     qint64 longestStallMs() const;
 
@@ -53,6 +58,9 @@ private:
     CloudHttpServer *m_http = nullptr;
     ConsoleLive *m_live = nullptr;
     ConsoleHub *m_console = nullptr;
+    RelayLive *m_relayLive = nullptr;
+    RelayHub *m_relays = nullptr;
+    QString m_instanceId;
     LoopWatch *m_loopWatch = nullptr;
     QTimer *m_prune = nullptr;
     quint16 m_port = 0;

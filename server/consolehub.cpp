@@ -68,6 +68,7 @@ ConsoleHub::ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy
     m_shareSweep->setInterval(kShareSweepMs);
     connect(m_shareSweep, &QTimer::timeout, this, &ConsoleHub::sweepShares);
     connect(&m_live, &ConsoleLive::commandQueued, this, &ConsoleHub::onCommandQueued);
+    connect(&m_live, &ConsoleLive::snapshotWanted, this, [this](const QString &cid) { tellWatching(cid, true); });
     connect(&m_live, &ConsoleLive::resultStored, this,
             [this](const QString &cid, const QJsonObject &message) { fanOut(cid, message, 0); });
     connect(&m_live, &ConsoleLive::portsStored, this,

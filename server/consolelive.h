@@ -31,6 +31,8 @@ public:
 signals:
     // A command was issued for `cid`.
     void commandQueued(const QString &cid);
+    // Somebody needs the ports of `cid` as they are now (a relay target list).
+    void snapshotWanted(const QString &cid);
     // A command's result came in (by HTTP): {"type":"result", ...} for watchers.
     void resultStored(const QString &cid, const QJsonObject &message);
     // A snapshot came in (by HTTP): {"type":"snapshot", ...} for watchers.

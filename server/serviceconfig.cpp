@@ -1,5 +1,7 @@
 #include "serviceconfig.h"
 
+#include "relayservice.h"
+
 #include "clientaddress.h"
 
 #include <QCommandLineParser>
@@ -56,6 +58,10 @@ const Option kOptions[] = {
     {"hash-threads", "TSL_CLOUD_HASH_THREADS", "count", "Threads for password hashing (default one per core)."},
     {"public-url", "TSL_CLOUD_PUBLIC_URL", "url",
      "Where guests reach the service, for invite links (default http://<listen address>)."},
+    {"instance-id", "TSL_CLOUD_INSTANCE_ID", "name",
+     "This instance's name behind a proxy: relay tickets carry it (letters, digits, - and _; default random)."},
+    {"relay-rate-limit", "TSL_CLOUD_RELAY_RATE_LIMIT", "bytes-per-second",
+     "Relay bytes per second per account at most, both directions together; 0 is unlimited (default)."},
     {"approve", nullptr, "email", "Approve the pending account of this address, then exit."},
 };
 
@@ -172,7 +178,8 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
                                     {"max-connections", 1, 1'000'000},
                                     {"max-connections-per-address", 1, 1'000'000},
                                     {"database-threads", 1, 64},
-                                    {"hash-threads", 1, 64}};
+                                    {"hash-threads", 1, 64},
+                                    {"relay-rate-limit", 0, Q_INT64_C(1) << 40}};
     for (const NumberOption &option : numbers) {
         const QString text = v.value(QString::fromLatin1(option.name));
         if (text.isEmpty())
@@ -207,12 +214,23 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
             config.maxConnectionsPerAddress = static_cast<int>(number);
         else if (name == QLatin1String("database-threads"))
             config.databaseThreads = static_cast<int>(number);
+        else if (name == QLatin1String("relay-rate-limit"))
+            config.relayRateLimit = number;
         else
             config.hashThreads = static_cast<int>(number);
     }
     if (config.argon2.memoryKiB < 8 * config.argon2.lanes) {
         *error = QStringLiteral("--argon2-memory wants at least %1 KiB").arg(8 * config.argon2.lanes);
         return false;
+    }
+
+    const QString instance = v.value(QStringLiteral("instance-id")).trimmed();
+    if (!instance.isEmpty()) {
+        if (!RelayService::isValidInstanceId(instance)) {
+            *error = QStringLiteral("--instance-id wants up to 32 letters, digits, - or _");
+            return false;
+        }
+        config.instanceId = instance;
     }
 
     config.trustedProxies = parser.values(QStringLiteral("trusted-proxy"));

@@ -50,6 +50,8 @@ struct ServiceConfig
     // Where people reach the service (invite links start with it); empty:
     // http://<listen address>.
     QString publicUrl;
+    QString instanceId;          // empty: random at start
+    qint64 relayRateLimit = 0;   // bytes per second per account, both directions; 0: unlimited
 
     // Administration: done instead of serving.
     QString approveEmail;

@@ -204,7 +204,7 @@ QJsonObject ShareService::shareJson(const ShareRow &share) const
         {QStringLiteral("web_guests"), share.state == QLatin1String("live") ? m_live.shareGuests(share.id) : 0},
         {QStringLiteral("state"), share.state},
     };
-    if (share.guestName.isEmpty() || share.state != QLatin1String("live")) {
+    if (share.state != QLatin1String("live") || !relayGuestPresent(share)) {
         json.insert(QStringLiteral("guest"), QJsonValue::Null);
     } else {
         json.insert(QStringLiteral("guest"), QJsonObject{{QStringLiteral("name"), share.guestName},
@@ -214,6 +214,17 @@ QJsonObject ShareService::shareJson(const ShareRow &share) const
     if (share.state != QLatin1String("live"))
         json.insert(QStringLiteral("end_reason"), share.endReason);
     return json;
+}
+
+bool ShareService::relayGuestPresent(const ShareRow &share) const
+{
+    if (share.relayId.isEmpty())
+        return false;
+    RelayRow relay;
+    if (m_storage.relay(share.relayId, relay) != Storage::Found::Yes || relay.endedAt != 0)
+        return false;
+    // Opened but never joined: gone once its tickets expired.
+    return relay.pairedAt != 0 || relay.ticketsExpireAt > m_clock();
 }
 
 ApiReply ShareService::create(const Caller &caller, const QJsonObject &body)
@@ -387,7 +398,7 @@ ApiReply ShareService::peek(const QString &codeText)
                                 {QStringLiteral("device_name"), share.deviceName},
                                 {QStringLiteral("port_name"), share.portName},
                                 {QStringLiteral("online"), online},
-                                {QStringLiteral("busy"), !share.guestName.isEmpty()},
+                                {QStringLiteral("busy"), relayGuestPresent(share)},
                                 {QStringLiteral("passcode_required"), !share.passcodeHash.isEmpty()},
                                 {QStringLiteral("web"), share.web},
                                 {QStringLiteral("relay"), share.relay},
@@ -512,7 +523,7 @@ ApiReply ShareService::joinRelay(const QJsonObject &body, const QString &address
     if (!share.relay)
         return ApiReply::failure(kType, Http::Forbidden, QStringLiteral("permission_denied"),
                                  QStringLiteral("This share admits browsers only; open its link."));
-    if (!share.guestName.isEmpty())
+    if (relayGuestPresent(share))
         return ApiReply::failure(kType, Http::Conflict, QStringLiteral("relay_busy"),
                                  QStringLiteral("Another guest is connected to this share."));
     if (!m_openRelay)

@@ -94,6 +94,8 @@ private:
     bool settle(ShareRow &share);
     bool end(ShareRow &share, const QString &reason);
     QJsonObject shareJson(const ShareRow &share) const;
+    // Whether the relay guest the share last admitted is still on (its relay not ended).
+    bool relayGuestPresent(const ShareRow &share) const;
     // The share behind `code` for a guest, checked for passcode and
     // limits; on refusal `refusal` is set.
     bool admitJoin(const QString &code, const QString &passcode, const QString &address, ShareRow &share,

@@ -1131,6 +1131,192 @@ Storage::Found Storage::finishConsoleCommand(const QString &cid, qint64 id, cons
 
 // --- housekeeping ---------------------------------------------------------------
 
+// --- Live Relay ----------------------------------------------------------------
+
+namespace {
+
+const char kRelayColumns[] =
+    "relay_id, user_id, cid, port_key, share_id, guest_name, guest_token_hash, host_ticket_hash,"
+    " client_ticket_hash, tickets_expire_at, host_used_at, client_used_at, host_command_id, instance_id,"
+    " created_at, paired_at, ended_at, end_kind, end_reason";
+
+RelayRow relayFrom(const QSqlQuery &q)
+{
+    RelayRow row;
+    row.relayId = q.value(0).toString();
+    row.userId = q.value(1).toLongLong();
+    row.cid = q.value(2).toString();
+    row.portKey = q.value(3).toString();
+    row.shareId = q.value(4).toString();
+    row.guestName = q.value(5).toString();
+    row.guestTokenHash = q.value(6).toString();
+    row.hostTicketHash = q.value(7).toString();
+    row.clientTicketHash = q.value(8).toString();
+    row.ticketsExpireAt = q.value(9).toLongLong();
+    row.hostUsedAt = nullableId(q.value(10));
+    row.clientUsedAt = nullableId(q.value(11));
+    row.hostCommandId = nullableId(q.value(12));
+    row.instanceId = q.value(13).toString();
+    row.createdAt = q.value(14).toLongLong();
+    row.pairedAt = nullableId(q.value(15));
+    row.endedAt = nullableId(q.value(16));
+    row.endKind = q.value(17).toString();
+    row.endReason = q.value(18).toString();
+    return row;
+}
+
+QVariant textOrNull(const QString &text)
+{
+    return text.isEmpty() ? QVariant(QMetaType::fromType<QString>()) : QVariant(text);
+}
+
+} // namespace
+
+bool Storage::insertRelay(const RelayRow &relay)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO relay_sessions (relay_id, user_id, cid, port_key, share_id,"
+                                         " guest_name, guest_token_hash, host_ticket_hash, client_ticket_hash,"
+                                         " tickets_expire_at, instance_id, created_at)"
+                                         " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+    q.addBindValue(relay.relayId);
+    q.addBindValue(relay.userId);
+    q.addBindValue(relay.cid);
+    q.addBindValue(relay.portKey);
+    q.addBindValue(textOrNull(relay.shareId));
+    q.addBindValue(textOrNull(relay.guestName));
+    q.addBindValue(textOrNull(relay.guestTokenHash));
+    q.addBindValue(relay.hostTicketHash);
+    q.addBindValue(relay.clientTicketHash);
+    q.addBindValue(relay.ticketsExpireAt);
+    q.addBindValue(relay.instanceId);
+    q.addBindValue(relay.createdAt);
+    return run(q, "insert relay");
+}
+
+Storage::Found Storage::relay(const QString &relayId, RelayRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM relay_sessions WHERE relay_id = ?").arg(QLatin1String(kRelayColumns)));
+    q.addBindValue(relayId);
+    if (!run(q, "relay"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = relayFrom(q);
+    q.finish();
+    return Found::Yes;
+}
+
+Storage::Found Storage::relayByTicket(const QString &ticketHash, RelayRow &out, QString &end)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM relay_sessions WHERE host_ticket_hash = ? OR client_ticket_hash = ?")
+                               .arg(QLatin1String(kRelayColumns)));
+    q.addBindValue(ticketHash);
+    q.addBindValue(ticketHash);
+    if (!run(q, "relay by ticket"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = relayFrom(q);
+    q.finish();
+    end = out.hostTicketHash == ticketHash ? QStringLiteral("host") : QStringLiteral("client");
+    return Found::Yes;
+}
+
+bool Storage::relayBusy(const QString &cid, const QString &portKey, qint64 now, bool &busy)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM relay_sessions WHERE cid = ? AND port_key = ?"
+                                         " AND ended_at IS NULL AND (paired_at IS NOT NULL OR tickets_expire_at > ?)"));
+    q.addBindValue(cid);
+    q.addBindValue(portKey);
+    q.addBindValue(now);
+    if (!run(q, "relay busy") || !q.next())
+        return false;
+    busy = q.value(0).toLongLong() > 0;
+    q.finish();
+    return true;
+}
+
+bool Storage::setRelayCommand(const QString &relayId, qint64 commandId)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET host_command_id = ? WHERE relay_id = ?"));
+    q.addBindValue(commandId);
+    q.addBindValue(relayId);
+    return run(q, "relay command");
+}
+
+bool Storage::useRelayTicket(const QString &relayId, const QString &end, qint64 now, bool &won)
+{
+    const QString column = end == QLatin1String("host") ? QStringLiteral("host_used_at") : QStringLiteral("client_used_at");
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET %1 = ? WHERE relay_id = ? AND %1 IS NULL"
+                                         " AND ended_at IS NULL AND tickets_expire_at > ?")
+                               .arg(column));
+    q.addBindValue(now);
+    q.addBindValue(relayId);
+    q.addBindValue(now);
+    if (!run(q, "use relay ticket"))
+        return false;
+    won = q.numRowsAffected() == 1;
+    return true;
+}
+
+bool Storage::setRelayPaired(const QString &relayId, qint64 now)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET paired_at = ? WHERE relay_id = ? AND paired_at IS NULL"));
+    q.addBindValue(now);
+    q.addBindValue(relayId);
+    return run(q, "relay paired");
+}
+
+bool Storage::endRelay(const QString &relayId, const QString &kind, const QString &reason, qint64 now, bool &ended)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET ended_at = ?, end_kind = ?, end_reason = ?"
+                                         " WHERE relay_id = ? AND ended_at IS NULL"));
+    q.addBindValue(now);
+    q.addBindValue(kind);
+    q.addBindValue(textOrNull(reason));
+    q.addBindValue(relayId);
+    if (!run(q, "end relay"))
+        return false;
+    ended = q.numRowsAffected() == 1;
+    return true;
+}
+
+bool Storage::addRelayBytes(const QString &relayId, qint64 bytes)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET bytes = bytes + ? WHERE relay_id = ?"));
+    q.addBindValue(bytes);
+    q.addBindValue(relayId);
+    return run(q, "relay bytes");
+}
+
+bool Storage::relaysEndedSince(const QString &instanceId, qint64 since, QList<RelayEndRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT relay_id, end_kind, end_reason FROM relay_sessions"
+                                         " WHERE instance_id = ? AND ended_at >= ?"));
+    q.addBindValue(instanceId);
+    q.addBindValue(since);
+    if (!run(q, "relays ended"))
+        return false;
+    while (q.next())
+        out.append({q.value(0).toString(), q.value(1).toString(), q.value(2).toString()});
+    return true;
+}
+
+bool Storage::relayHostAnswers(const QString &instanceId, qint64 since, QList<QPair<QString, QString>> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT r.relay_id, c.result FROM relay_sessions r"
+                                         " JOIN console_commands c ON c.id = r.host_command_id"
+                                         " WHERE r.instance_id = ? AND r.ended_at IS NULL AND c.state = 'done'"
+                                         " AND c.finished_at >= ?"));
+    q.addBindValue(instanceId);
+    q.addBindValue(since);
+    if (!run(q, "relay host answers"))
+        return false;
+    while (q.next())
+        out.append({q.value(0).toString(), q.value(1).toString()});
+    return true;
+}
+
 namespace {
 constexpr qint64 kShareKeepMs = 24LL * 3600 * 1000;
 }
@@ -1152,6 +1338,11 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGra
                         " WHERE r.session_id = sessions.id AND r.rotated_at IS NULL)"),
          now},
         {"prune codes", QStringLiteral("DELETE FROM registration_codes WHERE expires_at < ?"), now},
+        // Relays are kept a day after they ended.
+        {"prune relays", QStringLiteral("DELETE FROM relay_sessions WHERE ended_at < ?"), now - 24LL * 3600 * 1000},
+        {"prune unused relays",
+         QStringLiteral("DELETE FROM relay_sessions WHERE paired_at IS NULL AND tickets_expire_at < ?"),
+         now - 24LL * 3600 * 1000},
         {"prune attempts", QStringLiteral("DELETE FROM attempts WHERE window_start < ?"), now - attemptWindowMs},
         {"prune sign-in failures", QStringLiteral("DELETE FROM sign_in_failures WHERE last_failure_at < ?"),
          now - attemptWindowMs},

@@ -3,6 +3,7 @@
 #include "migrations.h"
 
 #include <QList>
+#include <QPair>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QString>
@@ -132,6 +133,38 @@ struct ShareRow
     QString guestName;  // the relay guest now joined, if any
     qint64 guestSince = 0;
     QString relayId;
+};
+
+// One Live Relay as stored.
+struct RelayRow
+{
+    QString relayId;
+    qint64 userId = 0;  // the owner, whose quota the bytes count toward
+    QString cid;
+    QString portKey;
+    QString shareId;
+    QString guestName;
+    QString guestTokenHash;
+    QString hostTicketHash;
+    QString clientTicketHash;
+    qint64 ticketsExpireAt = 0;
+    qint64 hostUsedAt = 0;
+    qint64 clientUsedAt = 0;
+    qint64 hostCommandId = 0;
+    QString instanceId;
+    qint64 createdAt = 0;
+    qint64 pairedAt = 0;
+    qint64 endedAt = 0;
+    QString endKind;
+    QString endReason;
+};
+
+// A relay that ended, as the instance holding it learns.
+struct RelayEndRow
+{
+    QString relayId;
+    QString endKind;
+    QString endReason;
 };
 
 // Methods report database failures as false (or Found::Error) and log the
@@ -277,6 +310,26 @@ public:
     // Keeps the newest `keep` guests of the share, this one among them.
     bool insertShareGuest(const QString &tokenHash, qint64 shareId, const QString &name, qint64 now, int keep);
     Found shareGuest(const QString &tokenHash, qint64 &shareId, QString &name);
+    // Live Relay. A relay is busy from its opening until it ends, or until
+    // its tickets expire unused.
+    bool insertRelay(const RelayRow &relay);
+    Found relay(const QString &relayId, RelayRow &out);
+    // The relay a ticket (its hash) admits, and which end: "host" or "client".
+    Found relayByTicket(const QString &ticketHash, RelayRow &out, QString &end);
+    bool relayBusy(const QString &cid, const QString &portKey, qint64 now, bool &busy);
+    bool setRelayCommand(const QString &relayId, qint64 commandId);
+    // Spends an end's ticket; `won` false when it was spent, expired or
+    // the relay ended before.
+    bool useRelayTicket(const QString &relayId, const QString &end, qint64 now, bool &won);
+    bool setRelayPaired(const QString &relayId, qint64 now);
+    // Ends a relay once; `ended` false when it had ended already.
+    bool endRelay(const QString &relayId, const QString &kind, const QString &reason, qint64 now, bool &ended);
+    bool addRelayBytes(const QString &relayId, qint64 bytes);
+    // Relays of `instanceId` that ended at or after `since`.
+    bool relaysEndedSince(const QString &instanceId, qint64 since, QList<RelayEndRow> &out);
+    // Relays of `instanceId` not yet ended whose host answered "open_relay"
+    // at or after `since`: relay id and the host's result text.
+    bool relayHostAnswers(const QString &instanceId, qint64 since, QList<QPair<QString, QString>> &out);
 
     // Drops what has expired; run now and then.
     bool pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs = 0);

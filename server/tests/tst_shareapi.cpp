@@ -119,6 +119,7 @@ private slots:
     void wrongPasscodesAreLimitedPerAddressAndPerShare();
     void aBrowserGuestSeesItsPortAndActsWithinItsLevel();
     void aBrowserGuestIsToldWhenTheShareExpires();
+    void aRelayGuestJoinsByCodeAndTheComputerIsAskedToOpen();
     void theGuestPageIsServedForEveryInviteLink_data();
     void theGuestPageIsServedForEveryInviteLink();
 
@@ -568,6 +569,47 @@ void TestShareApi::aBrowserGuestIsToldWhenTheShareExpires()
     QTRY_VERIFY_WITH_TIMEOUT(guest.closed, kWait);
     QCOMPARE(guest.ofType("share_ended").value(0).value("reason").toString(), QStringLiteral("expired"));
     QTRY_VERIFY_WITH_TIMEOUT(computer.heard("watching", false), kWait);
+}
+
+void TestShareApi::aRelayGuestJoinsByCodeAndTheComputerIsAskedToOpen()
+{
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    SocketClient computer;
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}});
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
+    computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"},
+                   {"ports", QJsonArray{portEntry("p1", "/dev/ttyUSB0")}}});
+    const QJsonObject share = createShare(token, {{"web", "none"}, {"relay", true}}).json.value("share").toObject();
+    const QString code = share.value("code").toString();
+    QVERIFY(!code.isEmpty());
+    QCOMPARE(httpJson(m_port, "POST", "/api/v3/relay/join", {{"code", code}, {"passcode", "0000"}}).code(),
+             QStringLiteral("wrong_passcode"));
+    const RawResponse joined = httpJson(m_port, "POST", "/api/v3/relay/join",
+                                        {{"code", code.toLower()}, {"passcode", "4711"}, {"guest_name", "Grace"}});
+    QVERIFY2(joined.ok(), joined.body.constData());
+    QVERIFY(!joined.json.value("ticket").toString().isEmpty());
+    QVERIFY(!joined.json.value("guest_token").toString().isEmpty());
+    QCOMPARE(joined.json.value("port_key").toString(), QStringLiteral("p1"));
+    QCOMPARE(joined.json.value("label").toString(), QStringLiteral("bench board"));
+    const QString relayId = joined.json.value("relay_id").toString();
+
+    // The computer is asked to open the relay for that share and guest.
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.commands().isEmpty(), kWait);
+    const QJsonObject open = computer.commands().first();
+    QCOMPARE(open.value("command").toString(), QStringLiteral("open_relay"));
+    QCOMPARE(open.value("payload").toObject().value("share_id").toString(), share.value("share_id").toString());
+    QCOMPARE(open.value("payload").toObject().value("guest_name").toString(), QStringLiteral("Grace"));
+    QCOMPARE(open.value("payload").toObject().value("relay_id").toString(), relayId);
+
+    // The share shows its guest, and a second guest is turned away meanwhile.
+    const QJsonObject listed = httpRequest(m_port, "GET", "/api/v3/relay/shares?cid=" + kCid.toUtf8(), {}, token)
+                                   .json.value("shares").toArray().at(0).toObject();
+    QCOMPARE(listed.value("guest").toObject().value("name").toString(), QStringLiteral("Grace"));
+    QCOMPARE(listed.value("guest").toObject().value("relay_id").toString(), relayId);
+    QCOMPARE(httpRequest(m_port, "GET", "/api/v3/relay/join/" + code.toUtf8()).json.value("busy"), QJsonValue(true));
+    QCOMPARE(httpJson(m_port, "POST", "/api/v3/relay/join", {{"code", code}, {"passcode", "4711"}}).code(),
+             QStringLiteral("relay_busy"));
 }
 
 void TestShareApi::theGuestPageIsServedForEveryInviteLink_data()
