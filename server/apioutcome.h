@@ -10,6 +10,8 @@
 class AccountService;
 class ConsoleService;
 class QuotaService;
+class ShareService;
+class RelayService;
 class SyncService;
 
 // The domain services of one database connection: what a request runs
@@ -20,6 +22,8 @@ struct ServiceSet
     SyncService &sync;
     QuotaService &quota;
     ConsoleService &console;
+    ShareService &shares;
+    RelayService &relay;
 };
 
 // Password work, done apart from the database work (it costs tens of

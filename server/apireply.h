@@ -29,6 +29,7 @@ inline constexpr int Forbidden = 403;
 inline constexpr int NotFound = 404;
 inline constexpr int MethodNotAllowed = 405;
 inline constexpr int Conflict = 409;
+inline constexpr int Gone = 410;
 inline constexpr int PayloadTooLarge = 413;
 inline constexpr int TooManyRequests = 429;
 inline constexpr int InternalError = 500;

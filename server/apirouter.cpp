@@ -4,6 +4,8 @@
 #include "consoleservice.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
+#include "shareservice.h"
+#include "relayservice.h"
 #include "syncservice.h"
 
 #include <QJsonDocument>
@@ -21,9 +23,7 @@ struct Route
 
 namespace {
 
-// Relay and share endpoints join this table when their services exist;
-// until then their paths answer "not_found" in their own family. Where two
-// patterns fit a path, the first in the table wins.
+// Where two patterns fit a path, the first in the table wins.
 const QList<Route> &routes()
 {
     static const QList<Route> table = {
@@ -117,6 +117,55 @@ const QList<Route> &routes()
         {"GET", {"console", "commands", "*"}, true, false,
          [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
              return s.console.command(caller, args[0]);
+         }},
+        // Guest shares: the owner's side.
+        {"POST", {"relay", "shares"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.shares.create(caller, body);
+         }},
+        {"GET", {"relay", "shares"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             if (r.query.hasQueryItem(QStringLiteral("cid")))
+                 return s.shares.listForComputer(caller, r.query.queryItemValue(QStringLiteral("cid"), QUrl::FullyDecoded));
+             return s.shares.listForAccount(caller);
+         }},
+        {"DELETE", {"relay", "shares", "*"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.shares.revoke(caller, args[0]);
+         }},
+        // Guest shares: the guest's side, signed in nowhere.
+        {"POST", {"relay", "join"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &, const QJsonObject &body, const ApiRequest &r) -> ApiOutcome {
+             return s.shares.joinRelay(body, r.remoteAddress);
+         }},
+        {"GET", {"relay", "join", "*"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &, const ApiRequest &) -> ApiOutcome {
+             return s.shares.peek(args[0]);
+         }},
+        {"POST", {"relay", "join", "*", "web"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &body, const ApiRequest &r) -> ApiOutcome {
+             return s.shares.joinWeb(args[0], body, r.remoteAddress);
+         }},
+        // Live Relay.
+        {"GET", {"relay", "targets"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             return s.relay.targets(caller, r.query.queryItemValue(QStringLiteral("cid"), QUrl::FullyDecoded));
+         }},
+        {"POST", {"relay", "sessions"}, true, false,
+         [](ServiceSet &s, const Caller &caller, const QStringList &, const QJsonObject &body, const ApiRequest &) -> ApiOutcome {
+             return s.relay.openSession(caller, body);
+         }},
+        // The owner signs in; a guest, who may have no account, shows the
+        // token its join handed out instead.
+        {"DELETE", {"relay", "sessions", "*"}, false, false,
+         [](ServiceSet &s, const Caller &, const QStringList &args, const QJsonObject &, const ApiRequest &r) -> ApiOutcome {
+             if (r.authorization.isEmpty())
+                 return s.relay.end(nullptr, QString::fromLatin1(r.relayGuestToken), args[0]);
+             auto outcome = s.accounts.authenticate(r.authorization, QStringLiteral("relay"));
+             if (auto *refusal = std::get_if<ApiReply>(&outcome))
+                 return *refusal;
+             const Caller owner = std::get<Caller>(outcome);
+             return s.relay.end(&owner, QString(), args[0]);
          }},
     };
     return table;

@@ -21,6 +21,7 @@ struct ApiRequest
     QString path;       // decoded, e.g. "/api/v3/sync/items/settings.session/default"
     QUrlQuery query;
     QByteArray authorization;
+    QByteArray relayGuestToken;  // "X-Relay-Guest-Token"
     QByteArray body;
     QString remoteAddress;  // the client, as the front determined it
 };

@@ -115,6 +115,11 @@ quint16 CloudHttpServer::start(const QHostAddress &address, quint16 port, QStrin
     return m_listener->listen(address, port, error);
 }
 
+void CloudHttpServer::addRawSocketEndpoint(const QString &path, RawSocketEndpoint endpoint)
+{
+    m_rawSocketEndpoints.insert(path, std::move(endpoint));
+}
+
 void CloudHttpServer::addSocketEndpoint(const QString &path, SocketEndpoint endpoint)
 {
     m_socketEndpoints.insert(path, std::move(endpoint));
@@ -252,6 +257,7 @@ void CloudHttpServer::onRequest(HttpConnection *connection, const HttpRequest &r
     api.path = QUrl::fromPercentEncoding(request.path());
     api.query = QUrlQuery(QString::fromLatin1(request.query()));
     api.authorization = request.header("authorization");
+    api.relayGuestToken = request.header("x-relay-guest-token");
     api.body = request.body;
     api.remoteAddress = m_trusted.clientOf(connection->peerAddress(), forwardedFor(request)).toString();
 
@@ -273,7 +279,7 @@ void CloudHttpServer::onRequest(HttpConnection *connection, const HttpRequest &r
                                         .arg(api.remoteAddress);
         return;
     }
-    if (m_socketEndpoints.contains(api.path)) {
+    if (m_socketEndpoints.contains(api.path) || m_rawSocketEndpoints.contains(api.path)) {
         upgrade(connection, request, api.path);
         return;
     }
@@ -374,6 +380,19 @@ void CloudHttpServer::upgrade(HttpConnection *connection, const HttpRequest &req
         releaseSlot(key);
         return;
     }
+    // Live sockets carry small messages that must leave at once: without
+    // this, a push that follows an unacknowledged one waits for the
+    // peer's delayed ACK (40 ms here).
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    if (const auto raw = m_rawSocketEndpoints.constFind(path); raw != m_rawSocketEndpoints.constEnd()) {
+        new GoneNotice(socket, [server = QPointer<CloudHttpServer>(this), key] {
+            if (server)
+                server->releaseSlot(key);
+        });
+        qCInfo(lcHttp).noquote() << "WebSocket" << path.left(200) << "opened" << socket->peerAddress().toString();
+        (*raw)(socket);
+        return;
+    }
     // Qt reads a WebSocket frame only once all of it is in the socket's
     // buffer: the HTTP head's small buffer would stall any larger frame for
     // good. Room for the largest frame taken, and no more.
@@ -388,10 +407,6 @@ void CloudHttpServer::upgrade(HttpConnection *connection, const HttpRequest &req
             server->releaseSlot(key);
         }
     });
-    // Live sockets carry small messages that must leave at once: without
-    // this, a push that follows an unacknowledged one waits for the
-    // peer's delayed ACK (40 ms here).
-    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     m_webSockets->handleConnection(socket);
 }
 

@@ -60,6 +60,11 @@ public:
     // Live sockets (console, relay) register their path here; only a
     // complete, valid WebSocket handshake on such a path is handed over.
     void addSocketEndpoint(const QString &path, SocketEndpoint endpoint);
+    // A socket endpoint that speaks WebSocket itself (to decide when to
+    // read): it gets the TCP connection with the handshake still unread in
+    // it and owns it from then on.
+    using RawSocketEndpoint = std::function<void(QTcpSocket *)>;
+    void addRawSocketEndpoint(const QString &path, RawSocketEndpoint endpoint);
 
     int openConnections() const { return m_open; }
     quint64 answeredRequests() const { return m_answered; }
@@ -93,6 +98,7 @@ private:
     ConnectionListener *m_listener;
     QWebSocketServer *m_webSockets;
     QHash<QString, SocketEndpoint> m_socketEndpoints;
+    QHash<QString, RawSocketEndpoint> m_rawSocketEndpoints;
 
     int m_open = 0;                      // connections holding a descriptor
     QHash<QString, int> m_perAddress;    // by ClientAddress::limitKey

@@ -8,12 +8,18 @@
 #include "loopwatch.h"
 #include "passwordhasher.h"
 #include "quotaservice.h"
+#include "relayhub.h"
+#include "relaylive.h"
+#include "relayservice.h"
 #include "servicelog.h"
+#include "shareservice.h"
 #include "storage.h"
+#include "tokens.h"
 #include "workerpool.h"
 
 #include <QThread>
 #include <QTimer>
+#include <QTcpSocket>
 #include <QWebSocket>
 
 namespace {
@@ -24,13 +30,28 @@ class ServiceContext : public WorkerContext
 public:
     ServiceContext(const PasswordHasher &hasher, CodeMailer &mailer, const AccountPolicy &policy,
                    const SyncPolicy &syncPolicy, qint64 monthlyQuotaBytes, const ServiceClock &clock,
-                   ConsoleLive &live, const ConsolePolicy &consolePolicy)
+                   ConsoleLive &live, const ConsolePolicy &consolePolicy, const SharePolicy &sharePolicy,
+                   RelayLive &relayLive, const QString &instanceId)
         : m_quota(m_storage, monthlyQuotaBytes, clock),
           m_accounts(m_storage, hasher, mailer, policy, clock),
           m_sync(m_storage, m_quota, syncPolicy, clock),
           m_console(m_storage, m_quota, live, consolePolicy, clock),
-          m_services{m_accounts, m_sync, m_quota, m_console}
+          m_relay(m_storage, m_quota, live, relayLive, RelayPolicy(), instanceId, clock),
+          m_shares(m_storage, m_console, live, sharePolicy, clock),
+          m_services{m_accounts, m_sync, m_quota, m_console, m_shares, m_relay}
     {
+        // A relay guest's join ends in a relay session like the owner's own.
+        m_shares.setRelayOpener([this](const ShareRow &share, const QString &guestName) {
+            RelayOpening opening;
+            opening.ownerId = share.userId;
+            opening.cid = share.cid;
+            opening.sessionId = share.sessionId;
+            opening.portKey = share.portKey;
+            opening.shareId = QString::number(share.id);
+            opening.guestName = guestName;
+            opening.guest = true;
+            return m_relay.open(opening);
+        });
     }
 
     bool open(const QString &database, QString *error) { return m_storage.open(database, error, false); }
@@ -43,6 +64,8 @@ private:
     AccountService m_accounts;
     SyncService m_sync;
     ConsoleService m_console;
+    RelayService m_relay;
+    ShareService m_shares;
     ServiceSet m_services;
 };
 
@@ -52,6 +75,9 @@ CloudService::CloudService(QObject *parent) : QObject(parent) {}
 
 CloudService::~CloudService()
 {
+    // Relay ends hear that the service stops while it still can tell them.
+    if (m_relays)
+        m_relays->shutdown();
     // The pool goes first: its threads finish what they run, and answers
     // still queued for the front are dropped with it. Then the front.
     m_pool.reset();
@@ -100,11 +126,19 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_live = new ConsoleLive(this);
     ConsoleLive &live = *m_live;
     const ConsolePolicy consolePolicy;
+    SharePolicy sharePolicy;
+    std::shared_ptr<QString> publicUrl = sharePolicy.publicUrl;
+    m_relayLive = new RelayLive(this);
+    RelayLive &relayLive = *m_relayLive;
+    m_instanceId = config.instanceId.isEmpty() ? Tokens::random(6).replace(u'-', u'x').replace(u'_', u'y')
+                                               : config.instanceId;
+    const QString instanceId = m_instanceId;
     m_pool = std::make_unique<WorkerPool>(
         limits,
-        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy](QString *openError) {
+        [database, &hasher, &queuedMailer, policy, syncPolicy, quota, clock, &live, consolePolicy, sharePolicy,
+         &relayLive, instanceId](QString *openError) {
             auto context = std::make_unique<ServiceContext>(hasher, queuedMailer, policy, syncPolicy, quota, clock,
-                                                            live, consolePolicy);
+                                                            live, consolePolicy, sharePolicy, relayLive, instanceId);
             if (!context->open(database, openError))
                 context.reset();
             return std::unique_ptr<WorkerContext>(std::move(context));
@@ -128,6 +162,14 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_port = m_http->start(config.listenAddress, config.port, error);
     if (m_port == 0)
         return false;
+    // Before the loop serves anything: no database thread reads it yet.
+    *publicUrl = config.publicUrl;
+    if (publicUrl->isEmpty()) {
+        const QString host = config.listenAddress.protocol() == QAbstractSocket::IPv6Protocol
+                                 ? QStringLiteral("[%1]").arg(config.listenAddress.toString())
+                                 : config.listenAddress.toString();
+        *publicUrl = QStringLiteral("http://%1:%2").arg(host).arg(m_port);
+    }
     if (dialect == SqlDialect::Postgres) {
         // Instances on one database reach each other's console sockets.
         m_bus = new ConsoleBus(*m_pool, this);
@@ -137,6 +179,8 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_console = new ConsoleHub(*m_pool, *m_live, consolePolicy, m_bus, clock, this);
     m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kComputerPath),
                               [this](std::unique_ptr<QWebSocket> socket) { m_console->addComputer(std::move(socket)); });
+    m_relays = new RelayHub(*m_pool, *m_relayLive, config.relayRateLimit, this);
+    m_http->addRawSocketEndpoint(QLatin1String(RelayHub::kPath), [this](QTcpSocket *socket) { m_relays->addSocket(socket); });
     m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kWatchPath),
                               [this](std::unique_ptr<QWebSocket> socket) { m_console->addWatcher(std::move(socket)); });
 

@@ -16,6 +16,8 @@ class ConsoleHub;
 class ConsoleLive;
 class LoopWatch;
 class PasswordHasher;
+class RelayHub;
+class RelayLive;
 class QTimer;
 class WorkerPool;
 
@@ -44,6 +46,9 @@ public:
     WorkerPool &pool() { return *m_pool; }
     ConsoleHub &console() { return *m_console; }
     ConsoleBus *consoleBus() { return m_bus; }
+    RelayHub &relays() { return *m_relays; }
+    // The name relay tickets carry; a proxy routes relay sockets by it.
+    const QString &instanceId() const { return m_instanceId; }
     // The longest time the event loop was held up so far.
     qint64 longestStallMs() const;
 
@@ -56,6 +61,9 @@ private:
     ConsoleLive *m_live = nullptr;
     ConsoleBus *m_bus = nullptr;  // several instances on PostgreSQL
     ConsoleHub *m_console = nullptr;
+    RelayLive *m_relayLive = nullptr;
+    RelayHub *m_relays = nullptr;
+    QString m_instanceId;
     LoopWatch *m_loopWatch = nullptr;
     QTimer *m_prune = nullptr;
     quint16 m_port = 0;

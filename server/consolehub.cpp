@@ -4,6 +4,7 @@
 #include "consolebus.h"
 #include "consolelive.h"
 #include "servicelog.h"
+#include "shareservice.h"
 #include "workerpool.h"
 
 #include <QJsonArray>
@@ -63,10 +64,14 @@ WorkerPool::Job authenticated(const QByteArray &authorization, const QString &ty
 ConsoleHub::ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy, ConsoleBus *bus,
                        ServiceClock clock, QObject *parent)
     : QObject(parent), m_pool(pool), m_live(live), m_policy(policy), m_bus(bus), m_clock(std::move(clock)),
-      m_touch(new QTimer(this)), m_expiry(new QTimer(this))
+      m_touch(new QTimer(this)), m_expiry(new QTimer(this)), m_shareSweep(new QTimer(this))
 {
     m_uptime.start();
+    connect(&m_live, &ConsoleLive::shareEnded, this, &ConsoleHub::endShare);
+    m_shareSweep->setInterval(kShareSweepMs);
+    connect(m_shareSweep, &QTimer::timeout, this, &ConsoleHub::sweepShares);
     connect(&m_live, &ConsoleLive::commandQueued, this, &ConsoleHub::onCommandQueued);
+    connect(&m_live, &ConsoleLive::snapshotWanted, this, [this](const QString &cid) { tellWatching(cid, true); });
     connect(&m_live, &ConsoleLive::resultStored, this,
             [this](const QString &cid, const QJsonObject &message) { broadcast(cid, message, 0); });
     connect(&m_live, &ConsoleLive::portsStored, this,
@@ -503,9 +508,17 @@ void ConsoleHub::addWatcher(std::unique_ptr<QWebSocket> owned)
 
 void ConsoleHub::onWatcherMessage(Watcher *watcher, const QString &text)
 {
+    if (watcher->watching && watcher->guest.isGuest()) {
+        onGuestMessage(watcher, text);
+        return;
+    }
     if (watcher->watching || watcher->admitting)
         return;  // a watcher only listens once admitted
     const QJsonObject message = QJsonDocument::fromJson(text.toUtf8()).object();
+    if (message.value(QLatin1String("type")).toString() == QLatin1String("guest_watch")) {
+        admitGuest(watcher, message.value(QLatin1String("guest_token")).toString().left(512));
+        return;
+    }
     if (message.value(QLatin1String("type")).toString() != QLatin1String("watch")) {
         refuseWatcher(watcher, QStringLiteral("bad_request"),
                       QStringLiteral("The first message is {\"type\":\"watch\",\"access_token\":...,\"cid\":...}."));
@@ -542,40 +555,200 @@ void ConsoleHub::admit(Watcher *watcher, const QString &token, const QString &ci
                                         answer.value(QLatin1String("description")).toString());
                           return;
                       }
-                      QList<Watcher *> &list = m_watchersOf[cid];
-                      if (list.size() >= kMaxWatchersPerComputer) {
-                          refuseWatcher(w, QStringLiteral("too_many_watchers"),
-                                        QStringLiteral("%1 browsers watch this computer already.")
-                                            .arg(kMaxWatchersPerComputer));
-                          return;
-                      }
-                      w->watching = true;
-                      w->cid = cid;
-                      w->tokenExpiresAt = answer.value(QLatin1String("token_expires_at")).toInteger();
-                      if (w->tokenExpiresAt > 0)
-                          m_expiries.insert(w->tokenExpiresAt, w->socket);
-                      list.append(w);
-                      enqueue(w,
-                              compact({{QStringLiteral("type"), QStringLiteral("watch")},
-                                       {QStringLiteral("status"), true},
-                                       {QStringLiteral("cid"), cid},
-                                       {QStringLiteral("online"), m_computerOf.contains(cid)
-                                                                      || answer.value(QLatin1String("online")).toBool()}}),
-                              0);
-                      enqueue(w,
-                              compact({{QStringLiteral("type"), QStringLiteral("snapshot")},
-                                       {QStringLiteral("cid"), cid},
-                                       {QStringLiteral("ports"), answer.value(QLatin1String("ports"))},
-                                       {QStringLiteral("updated_at"), answer.value(QLatin1String("updated_at"))}}),
-                              0);
-                      watchersChanged(cid, true);
+                      startWatching(w, cid,
+                                    compact({{QStringLiteral("type"), QStringLiteral("watch")},
+                                             {QStringLiteral("status"), true},
+                                             {QStringLiteral("cid"), cid},
+                                             {QStringLiteral("online"), m_computerOf.contains(cid)
+                                                                   || answer.value(QLatin1String("online")).toBool()}}),
+                                    answer);
                   });
+}
+
+void ConsoleHub::startWatching(Watcher *watcher, const QString &cid, const QByteArray &welcome,
+                               const QJsonObject &snapshot)
+{
+    QList<Watcher *> &list = m_watchersOf[cid];
+    if (list.size() >= kMaxWatchersPerComputer) {
+        if (list.isEmpty())
+            m_watchersOf.remove(cid);
+        refuseWatcher(watcher, QStringLiteral("too_many_watchers"),
+                      QStringLiteral("%1 browsers watch this computer already.").arg(kMaxWatchersPerComputer));
+        return;
+    }
+    watcher->watching = true;
+    watcher->cid = cid;
+    // Only an account's watcher has an access token that runs out.
+    watcher->tokenExpiresAt = watcher->guest.isGuest() ? 0 : snapshot.value(QLatin1String("token_expires_at")).toInteger();
+    if (watcher->tokenExpiresAt > 0)
+        m_expiries.insert(watcher->tokenExpiresAt, watcher->socket);
+    list.append(watcher);
+    enqueue(watcher, welcome, 0);
+    enqueue(watcher,
+            compact({{QStringLiteral("type"), QStringLiteral("snapshot")},
+                     {QStringLiteral("cid"), cid},
+                     {QStringLiteral("ports"), snapshot.value(QLatin1String("ports"))},
+                     {QStringLiteral("updated_at"), snapshot.value(QLatin1String("updated_at"))}}),
+            0);
+    watchersChanged(cid, true);
+}
+
+// --- browser guests of a share ---------------------------------------------------
+
+void ConsoleHub::admitGuest(Watcher *watcher, const QString &token)
+{
+    watcher->admitting = true;
+    QPointer<QWebSocket> socket(watcher->socket);
+    m_pool.submit(
+        QStringLiteral("watch"),
+        [token](WorkerContext &context) -> ApiOutcome { return context.services().shares.admitGuest(token); },
+        [this, socket](const WorkReply &reply) {
+            Watcher *w = socket ? m_watchers.value(socket) : nullptr;
+            if (!w)
+                return;
+            w->admitting = false;
+            const QJsonObject answer = objectOf(reply.body);
+            if (!answer.value(QLatin1String("status")).toBool()) {
+                QJsonObject refusal = failure(QStringLiteral("watch"), answer.value(QLatin1String("code")).toString(),
+                                              answer.value(QLatin1String("description")).toString());
+                if (answer.contains(QLatin1String("end_reason")))
+                    refusal.insert(QStringLiteral("end_reason"), answer.value(QLatin1String("end_reason")));
+                w->socket->sendTextMessage(QString::fromUtf8(compact(refusal)));
+                w->socket->close(QWebSocketProtocol::CloseCodePolicyViolated, refusal.value(QLatin1String("code")).toString());
+                return;
+            }
+            const qint64 shareId = answer.value(QLatin1String("share_id")).toString().toLongLong();
+            const QString cid = answer.value(QLatin1String("cid")).toString();
+            w->guest = GuestScope(shareId, answer.value(QLatin1String("port_key")).toString());
+            QJsonObject welcome{{QStringLiteral("type"), QStringLiteral("watch")},
+                                {QStringLiteral("status"), true},
+                                {QStringLiteral("online"), m_computerOf.contains(cid)}};
+            for (const char *member : {"share_id", "port_key", "name", "label", "device_name", "web", "expires_at"})
+                welcome.insert(QLatin1String(member), answer.value(QLatin1String(member)));
+            startWatching(w, cid, compact(welcome), answer);
+            if (!w->watching)
+                return;
+            m_guestsOf[shareId].append(w);
+            guestsChanged(shareId);
+            if (!m_shareSweep->isActive())
+                m_shareSweep->start();
+        });
+}
+
+void ConsoleHub::onGuestMessage(Watcher *watcher, const QString &text)
+{
+    if (watcher->ended)
+        return;
+    const auto answer = [this, watcher](QJsonObject out) {
+        out.insert(QStringLiteral("type"), QStringLiteral("command"));
+        enqueue(watcher, compact(out), 0);
+    };
+    // A command's payload is bounded far below this; more is not read.
+    const QJsonObject message = text.size() <= 2 * m_policy.maxPayloadBytes
+                                    ? QJsonDocument::fromJson(text.toUtf8()).object()
+                                    : QJsonObject();
+    QJsonValue ref = message.value(QLatin1String("ref"));
+    if (!ref.isDouble())
+        ref = ref.isString() ? QJsonValue(ref.toString().left(64)) : QJsonValue();
+    if (message.value(QLatin1String("type")).toString() != QLatin1String("command")) {
+        answer(failure(QStringLiteral("command"), QStringLiteral("bad_request"),
+                       QStringLiteral("A guest sends {\"type\":\"command\",\"command\":...,\"payload\":{...}}.")));
+        return;
+    }
+    if (watcher->commandsInFlight >= kMaxGuestCommandsInFlight) {
+        QJsonObject refusal = failure(QStringLiteral("command"), QStringLiteral("too_many_commands"),
+                                      QStringLiteral("Wait for the commands already sent."));
+        refusal.insert(QStringLiteral("ref"), ref);
+        answer(refusal);
+        return;
+    }
+    ++watcher->commandsInFlight;
+    const qint64 shareId = watcher->guest.shareId();
+    QPointer<QWebSocket> socket(watcher->socket);
+    m_pool.submit(
+        QStringLiteral("relay"),
+        [shareId, message](WorkerContext &context) -> ApiOutcome {
+            return context.services().shares.guestCommand(shareId, message);
+        },
+        [this, socket, ref](const WorkReply &reply) {
+            Watcher *w = socket ? m_watchers.value(socket) : nullptr;
+            if (!w)
+                return;
+            --w->commandsInFlight;
+            const QJsonObject result = objectOf(reply.body);
+            QJsonObject out{{QStringLiteral("type"), QStringLiteral("command")},
+                            {QStringLiteral("status"), result.value(QLatin1String("status")).toBool()},
+                            {QStringLiteral("ref"), ref}};
+            if (out.value(QLatin1String("status")).toBool()) {
+                const QString id = result.value(QLatin1String("command_id")).toString();
+                w->guest.addCommand(id);
+                out.insert(QStringLiteral("command_id"), id);
+            } else {
+                out.insert(QStringLiteral("code"), result.value(QLatin1String("code")));
+                out.insert(QStringLiteral("description"), result.value(QLatin1String("description")));
+            }
+            enqueue(w, compact(out), 0);
+        });
+}
+
+void ConsoleHub::endShare(qint64 shareId, const QString &reason)
+{
+    const QList<Watcher *> guests = m_guestsOf.value(shareId);
+    for (Watcher *guest : guests) {
+        if (guest->ended)
+            continue;
+        guest->ended = true;
+        // Past its queue: the end is what the guest must read, whatever waits.
+        guest->socket->sendTextMessage(QString::fromUtf8(compact({{QStringLiteral("type"), QStringLiteral("share_ended")},
+                                                                   {QStringLiteral("share_id"), QString::number(shareId)},
+                                                                   {QStringLiteral("reason"), reason}})));
+        guest->socket->close(QWebSocketProtocol::CloseCodeNormal, QStringLiteral("share ended"));
+    }
+}
+
+void ConsoleHub::sweepShares()
+{
+    if (m_guestsOf.isEmpty()) {
+        m_shareSweep->stop();
+        return;
+    }
+    if (m_sweeping)
+        return;
+    m_sweeping = true;
+    const QList<qint64> shares = m_guestsOf.keys();
+    m_pool.submit(
+        QStringLiteral("relay"),
+        [shares](WorkerContext &context) -> ApiOutcome { return context.services().shares.endedAmong(shares); },
+        [this](const WorkReply &reply) {
+            m_sweeping = false;
+            const QJsonArray ended = objectOf(reply.body).value(QLatin1String("ended")).toArray();
+            for (const QJsonValue &entry : ended) {
+                const QJsonObject share = entry.toObject();
+                endShare(share.value(QLatin1String("share_id")).toString().toLongLong(),
+                         share.value(QLatin1String("reason")).toString());
+            }
+        });
+}
+
+void ConsoleHub::guestsChanged(qint64 shareId)
+{
+    m_live.setShareGuests(shareId, int(m_guestsOf.value(shareId).size()));
 }
 
 void ConsoleHub::onWatcherGone(Watcher *watcher)
 {
     QWebSocket *socket = watcher->socket;
     m_watchers.remove(socket);
+    if (watcher->watching && watcher->guest.isGuest()) {
+        const qint64 shareId = watcher->guest.shareId();
+        auto guests = m_guestsOf.find(shareId);
+        if (guests != m_guestsOf.end()) {
+            guests->removeOne(watcher);
+            if (guests->isEmpty())
+                m_guestsOf.erase(guests);
+        }
+        guestsChanged(shareId);
+    }
     if (watcher->watching) {
         m_expiries.remove(watcher->tokenExpiresAt, socket);
         auto list = m_watchersOf.find(watcher->cid);
@@ -651,8 +824,13 @@ void ConsoleHub::fanOut(const QString &cid, const QJsonObject &message, int even
     if (list == m_watchersOf.constEnd())
         return;
     const QByteArray text = compact(message);
-    for (Watcher *watcher : *list)
-        enqueue(watcher, text, events);
+    for (Watcher *watcher : *list) {
+        if (!watcher->guest.isGuest()) {
+            enqueue(watcher, text, events);
+        } else if (const auto seen = watcher->guest.view(message)) {
+            enqueue(watcher, compact(*seen), int(seen->value(QLatin1String("events")).toArray().size()));
+        }
+    }
 }
 
 void ConsoleHub::enqueue(Watcher *watcher, const QByteArray &message, int events)

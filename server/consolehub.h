@@ -2,6 +2,7 @@
 
 #include "consoleservice.h"
 #include "servicetime.h"
+#include "guestscope.h"
 #include "watcherqueue.h"
 
 #include <QElapsedTimer>
@@ -57,6 +58,11 @@ public:
     static constexpr int kMaxRemoteWatched = 100000;
     // How often watchers' access tokens are checked for expiry.
     static constexpr int kExpiryCheckMs = 1000;
+    // Browser guests' shares are checked this often for their end (expiry,
+    // a gone run, an end on another instance).
+    static constexpr int kShareSweepMs = 2000;
+    // A guest's commands waiting for the database; beyond: "too_many_commands".
+    static constexpr int kMaxGuestCommandsInFlight = 8;
 
     // `bus` may be null (one instance); `clock` decides when a watcher's
     // access token has expired.
@@ -99,6 +105,9 @@ private:
         bool watching = false;
         qint64 tokenExpiresAt = 0;  // on the service's clock
         WatcherQueue queue;
+        GuestScope guest;  // set for a share's browser guest
+        bool ended = false;  // its share ended; the socket is closing
+        int commandsInFlight = 0;
     };
     struct RemoteCount
     {
@@ -118,6 +127,13 @@ private:
     void onWatcherMessage(Watcher *watcher, const QString &text);
     void onWatcherGone(Watcher *watcher);
     void admit(Watcher *watcher, const QString &token, const QString &cid);
+    void admitGuest(Watcher *watcher, const QString &token);
+    // Lists an admitted watcher under its computer and tells who must know.
+    void startWatching(Watcher *watcher, const QString &cid, const QByteArray &welcome, const QJsonObject &snapshot);
+    void onGuestMessage(Watcher *watcher, const QString &text);
+    void endShare(qint64 shareId, const QString &reason);
+    void sweepShares();
+    void guestsChanged(qint64 shareId);
     void refuseWatcher(Watcher *watcher, const QString &code, const QString &description);
     void fanOut(const QString &cid, const QJsonObject &message, int events);
     // fanOut here and on every instance that has watchers of `cid`.
@@ -151,5 +167,8 @@ private:
     QHash<QString, QHash<QString, RemoteCount>> m_remoteWatchers;
     // Admitted watchers by when their access token expires.
     QMultiMap<qint64, QWebSocket *> m_expiries;
+    QHash<qint64, QList<Watcher *>> m_guestsOf;     // browser guests watching, by share
+    QTimer *m_shareSweep;
+    bool m_sweeping = false;
     qint64 m_lostEvents = 0;
 };

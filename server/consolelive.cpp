@@ -29,3 +29,18 @@ void ConsoleLive::setHoldsSocket(const QString &cid, bool held)
     else
         m_sockets.remove(cid);
 }
+
+int ConsoleLive::shareGuests(qint64 shareId) const
+{
+    std::lock_guard lock(m_mutex);
+    return m_shareGuests.value(shareId);
+}
+
+void ConsoleLive::setShareGuests(qint64 shareId, int count)
+{
+    std::lock_guard lock(m_mutex);
+    if (count > 0)
+        m_shareGuests.insert(shareId, count);
+    else
+        m_shareGuests.remove(shareId);
+}

@@ -24,19 +24,28 @@ public:
     bool holdsSocket(const QString &cid) const;
     void setWatchers(const QString &cid, int count);
     void setHoldsSocket(const QString &cid, bool held);
+    // Browser guests watching a share now, for the owner's listings.
+    int shareGuests(qint64 shareId) const;
+    void setShareGuests(qint64 shareId, int count);
 
 signals:
     // A command was issued for `cid`.
     void commandQueued(const QString &cid);
+    // Somebody needs the ports of `cid` as they are now (a relay target list).
+    void snapshotWanted(const QString &cid);
     // A command's result came in (by HTTP): {"type":"result", ...} for watchers.
     void resultStored(const QString &cid, const QJsonObject &message);
     // A snapshot came in (by HTTP): {"type":"snapshot", ...} for watchers.
     void portsStored(const QString &cid, const QJsonObject &message);
     // Traffic came in (by HTTP): {"type":"events", ...} for watchers.
     void eventsArrived(const QString &cid, const QJsonObject &message, int eventCount);
+    // A share ended ("expired", "revoked", "stale", "too_many_attempts"):
+    // its browser guests are told and let go.
+    void shareEnded(qint64 shareId, const QString &reason);
 
 private:
     mutable std::mutex m_mutex;
     QHash<QString, int> m_watchers;
     QSet<QString> m_sockets;
+    QHash<qint64, int> m_shareGuests;
 };

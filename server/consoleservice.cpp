@@ -489,6 +489,11 @@ ApiReply ConsoleService::issue(const Caller &caller, const QString &cid, const Q
     if (!knownCommands().contains(name))
         return ApiReply::failure(kType, Http::BadRequest, QStringLiteral("unknown_command"),
                                  QStringLiteral("A browser may send %1.").arg(knownCommands().join(QStringLiteral(", "))));
+    return queue(cid, name, payload);
+}
+
+ApiReply ConsoleService::queue(const QString &cid, const QString &name, const QJsonObject &payload)
+{
     const QByteArray text = compact(payload);
     if (text.size() > m_policy.maxPayloadBytes)
         return ApiReply::failure(kType, Http::PayloadTooLarge, QStringLiteral("payload_too_large"),

@@ -69,6 +69,9 @@ public:
     ApiReply ports(const Caller &caller, const QString &cid);
     ApiReply issue(const Caller &caller, const QString &cid, const QJsonObject &body);
     ApiReply command(const Caller &caller, const QString &commandId);
+    // Stores a command checked already (known, allowed) for `cid`, within
+    // the payload and waiting-command bounds. Guests' commands come here too.
+    ApiReply queue(const QString &cid, const QString &name, const QJsonObject &payload);
     // Whether `caller` may watch `cid`; the answer carries the computer.
     ApiReply mayWatch(const Caller &caller, const QString &cid);
 

@@ -21,6 +21,7 @@ QByteArray reasonPhrase(int status)
     case 405: return "Method Not Allowed";
     case 408: return "Request Timeout";
     case 409: return "Conflict";
+    case 410: return "Gone";
     case 413: return "Content Too Large";
     case 414: return "URI Too Long";
     case 417: return "Expectation Failed";

@@ -125,6 +125,75 @@ QList<Migration> migrations(SqlDialect dialect)
              QStringLiteral("CREATE INDEX console_commands_open ON console_commands (cid, state)"),
              QStringLiteral("CREATE INDEX console_commands_age ON console_commands (created_at)"),
          }},
+        {4,
+         {
+             // A Live Relay from its opening to its end. Only hashes of its
+             // one-time tickets and of a guest's token are kept; the
+             // instance that issued the tickets holds both ends.
+             QStringLiteral("CREATE TABLE relay_sessions ("
+                            " relay_id TEXT PRIMARY KEY,"
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " cid TEXT NOT NULL,"
+                            " port_key TEXT NOT NULL,"
+                            " share_id TEXT,"
+                            " guest_name TEXT,"
+                            " guest_token_hash TEXT,"
+                            " host_ticket_hash TEXT NOT NULL UNIQUE,"
+                            " client_ticket_hash TEXT NOT NULL UNIQUE,"
+                            " tickets_expire_at BIGINT NOT NULL,"
+                            " host_used_at BIGINT,"
+                            " client_used_at BIGINT,"
+                            " host_command_id BIGINT,"
+                            " instance_id TEXT NOT NULL,"
+                            " created_at BIGINT NOT NULL,"
+                            " paired_at BIGINT,"
+                            " ended_at BIGINT,"
+                            " end_kind TEXT,"
+                            " end_reason TEXT,"
+                            " bytes BIGINT NOT NULL DEFAULT 0)"),
+             QStringLiteral("CREATE INDEX relay_sessions_port ON relay_sessions (cid, port_key)"),
+             QStringLiteral("CREATE INDEX relay_sessions_instance ON relay_sessions (instance_id, ended_at)"),
+             QStringLiteral("CREATE INDEX relay_sessions_command ON relay_sessions (host_command_id)"),
+         }},
+        {5,
+         {
+             // A port lent to a guest for a while: found by its invite
+             // code, ended ("expired", "revoked", "stale",
+             // "too_many_attempts") but kept a day for the owner's
+             // listings. Only a salted hash of the passcode is kept.
+             QStringLiteral("CREATE TABLE shares ("
+                            " id %ID%,"
+                            " code TEXT NOT NULL UNIQUE,"
+                            " user_id BIGINT NOT NULL REFERENCES users(id) ON DELETE CASCADE,"
+                            " cid TEXT NOT NULL REFERENCES console_computers(cid) ON DELETE CASCADE,"
+                            " session_id TEXT NOT NULL,"
+                            " port_key TEXT NOT NULL,"
+                            " port_name TEXT NOT NULL,"
+                            " device_name TEXT NOT NULL,"
+                            " label TEXT NOT NULL,"
+                            " web TEXT NOT NULL,"
+                            " relay INTEGER NOT NULL,"
+                            " passcode_hash TEXT NOT NULL,"
+                            " created_at BIGINT NOT NULL,"
+                            " expires_at BIGINT NOT NULL,"
+                            " state TEXT NOT NULL,"
+                            " end_reason TEXT,"
+                            " ended_at BIGINT,"
+                            " wrong_passcodes INTEGER NOT NULL,"
+                            " guest_name TEXT,"
+                            " guest_since BIGINT,"
+                            " relay_id TEXT)"),
+             QStringLiteral("CREATE INDEX shares_computer ON shares (cid, state)"),
+             QStringLiteral("CREATE INDEX shares_account ON shares (user_id, state)"),
+             // A browser guest's credential: it admits that one share's
+             // port, for as long as the share lives. Hashes only.
+             QStringLiteral("CREATE TABLE share_guests ("
+                            " token_hash TEXT PRIMARY KEY,"
+                            " share_id BIGINT NOT NULL REFERENCES shares(id) ON DELETE CASCADE,"
+                            " name TEXT NOT NULL,"
+                            " joined_at BIGINT NOT NULL)"),
+             QStringLiteral("CREATE INDEX share_guests_share ON share_guests (share_id, joined_at)"),
+         }},
     };
     for (Migration &step : steps) {
         for (QString &sql : step.statements)

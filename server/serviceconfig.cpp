@@ -1,11 +1,14 @@
 #include "serviceconfig.h"
 
+#include "relayservice.h"
+
 #include "clientaddress.h"
 
 #include <QCommandLineParser>
 #include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QUrl>
 
 QString ServiceConfig::defaultDatabasePath()
 {
@@ -53,6 +56,12 @@ const Option kOptions[] = {
     {"database-threads", "TSL_CLOUD_DATABASE_THREADS", "count",
      "Threads with a database connection each (default 2 on SQLite, 8 on PostgreSQL)."},
     {"hash-threads", "TSL_CLOUD_HASH_THREADS", "count", "Threads for password hashing (default one per core)."},
+    {"public-url", "TSL_CLOUD_PUBLIC_URL", "url",
+     "Where guests reach the service, for invite links (default http://<listen address>)."},
+    {"instance-id", "TSL_CLOUD_INSTANCE_ID", "name",
+     "This instance's name behind a proxy: relay tickets carry it (letters, digits, - and _; default random)."},
+    {"relay-rate-limit", "TSL_CLOUD_RELAY_RATE_LIMIT", "bytes-per-second",
+     "Relay bytes per second per account at most, both directions together; 0 is unlimited (default)."},
     {"approve", nullptr, "email", "Approve the pending account of this address, then exit."},
 };
 
@@ -169,7 +178,8 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
                                     {"max-connections", 1, 1'000'000},
                                     {"max-connections-per-address", 1, 1'000'000},
                                     {"database-threads", 1, 64},
-                                    {"hash-threads", 1, 64}};
+                                    {"hash-threads", 1, 64},
+                                    {"relay-rate-limit", 0, Q_INT64_C(1) << 40}};
     for (const NumberOption &option : numbers) {
         const QString text = v.value(QString::fromLatin1(option.name));
         if (text.isEmpty())
@@ -204,12 +214,23 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
             config.maxConnectionsPerAddress = static_cast<int>(number);
         else if (name == QLatin1String("database-threads"))
             config.databaseThreads = static_cast<int>(number);
+        else if (name == QLatin1String("relay-rate-limit"))
+            config.relayRateLimit = number;
         else
             config.hashThreads = static_cast<int>(number);
     }
     if (config.argon2.memoryKiB < 8 * config.argon2.lanes) {
         *error = QStringLiteral("--argon2-memory wants at least %1 KiB").arg(8 * config.argon2.lanes);
         return false;
+    }
+
+    const QString instance = v.value(QStringLiteral("instance-id")).trimmed();
+    if (!instance.isEmpty()) {
+        if (!RelayService::isValidInstanceId(instance)) {
+            *error = QStringLiteral("--instance-id wants up to 32 letters, digits, - or _");
+            return false;
+        }
+        config.instanceId = instance;
     }
 
     config.trustedProxies = parser.values(QStringLiteral("trusted-proxy"));
@@ -230,6 +251,19 @@ bool read(const QCommandLineParser &parser, const QProcessEnvironment &env, Serv
     if (!QStringList{"debug", "info", "warning", "error"}.contains(config.logLevel)) {
         *error = QStringLiteral("--log-level is debug, info, warning or error");
         return false;
+    }
+
+    const QString publicUrl = v.value(QStringLiteral("public-url")).trimmed();
+    if (!publicUrl.isEmpty()) {
+        const QUrl url(publicUrl, QUrl::StrictMode);
+        if (!url.isValid() || (url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))
+            || url.host().isEmpty() || url.hasQuery() || url.hasFragment()) {
+            *error = QStringLiteral("--public-url wants http(s)://host[:port][/path], e.g. https://cloud.example.org");
+            return false;
+        }
+        config.publicUrl = publicUrl;
+        while (config.publicUrl.endsWith(u'/'))
+            config.publicUrl.chop(1);
     }
 
     config.approvalMode = parser.isSet(QStringLiteral("approval"))

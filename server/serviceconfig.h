@@ -47,6 +47,11 @@ struct ServiceConfig
     QStringList trustedProxies;  // "ADDRESS" or "ADDRESS/PREFIX"
     int databaseThreads = 0;     // 0: by database (SQLite 2, PostgreSQL 8)
     int hashThreads = 0;         // 0: one per core
+    // Where people reach the service (invite links start with it); empty:
+    // http://<listen address>.
+    QString publicUrl;
+    QString instanceId;          // empty: random at start
+    qint64 relayRateLimit = 0;   // bytes per second per account, both directions; 0: unlimited
 
     // Administration: done instead of serving.
     QString approveEmail;

@@ -1156,6 +1156,196 @@ Storage::Found Storage::finishConsoleCommand(const QString &cid, qint64 id, cons
 
 // --- housekeeping ---------------------------------------------------------------
 
+// --- Live Relay ----------------------------------------------------------------
+
+namespace {
+
+const char kRelayColumns[] =
+    "relay_id, user_id, cid, port_key, share_id, guest_name, guest_token_hash, host_ticket_hash,"
+    " client_ticket_hash, tickets_expire_at, host_used_at, client_used_at, host_command_id, instance_id,"
+    " created_at, paired_at, ended_at, end_kind, end_reason";
+
+RelayRow relayFrom(const QSqlQuery &q)
+{
+    RelayRow row;
+    row.relayId = q.value(0).toString();
+    row.userId = q.value(1).toLongLong();
+    row.cid = q.value(2).toString();
+    row.portKey = q.value(3).toString();
+    row.shareId = q.value(4).toString();
+    row.guestName = q.value(5).toString();
+    row.guestTokenHash = q.value(6).toString();
+    row.hostTicketHash = q.value(7).toString();
+    row.clientTicketHash = q.value(8).toString();
+    row.ticketsExpireAt = q.value(9).toLongLong();
+    row.hostUsedAt = nullableId(q.value(10));
+    row.clientUsedAt = nullableId(q.value(11));
+    row.hostCommandId = nullableId(q.value(12));
+    row.instanceId = q.value(13).toString();
+    row.createdAt = q.value(14).toLongLong();
+    row.pairedAt = nullableId(q.value(15));
+    row.endedAt = nullableId(q.value(16));
+    row.endKind = q.value(17).toString();
+    row.endReason = q.value(18).toString();
+    return row;
+}
+
+QVariant textOrNull(const QString &text)
+{
+    return text.isEmpty() ? QVariant(QMetaType::fromType<QString>()) : QVariant(text);
+}
+
+} // namespace
+
+bool Storage::insertRelay(const RelayRow &relay)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO relay_sessions (relay_id, user_id, cid, port_key, share_id,"
+                                         " guest_name, guest_token_hash, host_ticket_hash, client_ticket_hash,"
+                                         " tickets_expire_at, instance_id, created_at)"
+                                         " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+    q.addBindValue(relay.relayId);
+    q.addBindValue(relay.userId);
+    q.addBindValue(relay.cid);
+    q.addBindValue(relay.portKey);
+    q.addBindValue(textOrNull(relay.shareId));
+    q.addBindValue(textOrNull(relay.guestName));
+    q.addBindValue(textOrNull(relay.guestTokenHash));
+    q.addBindValue(relay.hostTicketHash);
+    q.addBindValue(relay.clientTicketHash);
+    q.addBindValue(relay.ticketsExpireAt);
+    q.addBindValue(relay.instanceId);
+    q.addBindValue(relay.createdAt);
+    return run(q, "insert relay");
+}
+
+Storage::Found Storage::relay(const QString &relayId, RelayRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM relay_sessions WHERE relay_id = ?").arg(QLatin1String(kRelayColumns)));
+    q.addBindValue(relayId);
+    if (!run(q, "relay"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = relayFrom(q);
+    q.finish();
+    return Found::Yes;
+}
+
+Storage::Found Storage::relayByTicket(const QString &ticketHash, RelayRow &out, QString &end)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM relay_sessions WHERE host_ticket_hash = ? OR client_ticket_hash = ?")
+                               .arg(QLatin1String(kRelayColumns)));
+    q.addBindValue(ticketHash);
+    q.addBindValue(ticketHash);
+    if (!run(q, "relay by ticket"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = relayFrom(q);
+    q.finish();
+    end = out.hostTicketHash == ticketHash ? QStringLiteral("host") : QStringLiteral("client");
+    return Found::Yes;
+}
+
+bool Storage::relayBusy(const QString &cid, const QString &portKey, qint64 now, bool &busy)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM relay_sessions WHERE cid = ? AND port_key = ?"
+                                         " AND ended_at IS NULL AND (paired_at IS NOT NULL OR tickets_expire_at > ?)"));
+    q.addBindValue(cid);
+    q.addBindValue(portKey);
+    q.addBindValue(now);
+    if (!run(q, "relay busy") || !q.next())
+        return false;
+    busy = q.value(0).toLongLong() > 0;
+    q.finish();
+    return true;
+}
+
+bool Storage::setRelayCommand(const QString &relayId, qint64 commandId)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET host_command_id = ? WHERE relay_id = ?"));
+    q.addBindValue(commandId);
+    q.addBindValue(relayId);
+    return run(q, "relay command");
+}
+
+bool Storage::useRelayTicket(const QString &relayId, const QString &end, qint64 now, bool &won)
+{
+    const QString column = end == QLatin1String("host") ? QStringLiteral("host_used_at") : QStringLiteral("client_used_at");
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET %1 = ? WHERE relay_id = ? AND %1 IS NULL"
+                                         " AND ended_at IS NULL AND tickets_expire_at > ?")
+                               .arg(column));
+    q.addBindValue(now);
+    q.addBindValue(relayId);
+    q.addBindValue(now);
+    if (!run(q, "use relay ticket"))
+        return false;
+    won = q.numRowsAffected() == 1;
+    return true;
+}
+
+bool Storage::setRelayPaired(const QString &relayId, qint64 now)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET paired_at = ? WHERE relay_id = ? AND paired_at IS NULL"));
+    q.addBindValue(now);
+    q.addBindValue(relayId);
+    return run(q, "relay paired");
+}
+
+bool Storage::endRelay(const QString &relayId, const QString &kind, const QString &reason, qint64 now, bool &ended)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET ended_at = ?, end_kind = ?, end_reason = ?"
+                                         " WHERE relay_id = ? AND ended_at IS NULL"));
+    q.addBindValue(now);
+    q.addBindValue(kind);
+    q.addBindValue(textOrNull(reason));
+    q.addBindValue(relayId);
+    if (!run(q, "end relay"))
+        return false;
+    ended = q.numRowsAffected() == 1;
+    return true;
+}
+
+bool Storage::addRelayBytes(const QString &relayId, qint64 bytes)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE relay_sessions SET bytes = bytes + ? WHERE relay_id = ?"));
+    q.addBindValue(bytes);
+    q.addBindValue(relayId);
+    return run(q, "relay bytes");
+}
+
+bool Storage::relaysEndedSince(const QString &instanceId, qint64 since, QList<RelayEndRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT relay_id, end_kind, end_reason FROM relay_sessions"
+                                         " WHERE instance_id = ? AND ended_at >= ?"));
+    q.addBindValue(instanceId);
+    q.addBindValue(since);
+    if (!run(q, "relays ended"))
+        return false;
+    while (q.next())
+        out.append({q.value(0).toString(), q.value(1).toString(), q.value(2).toString()});
+    return true;
+}
+
+bool Storage::relayHostAnswers(const QString &instanceId, qint64 since, QList<QPair<QString, QString>> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT r.relay_id, c.result FROM relay_sessions r"
+                                         " JOIN console_commands c ON c.id = r.host_command_id"
+                                         " WHERE r.instance_id = ? AND r.ended_at IS NULL AND c.state = 'done'"
+                                         " AND c.finished_at >= ?"));
+    q.addBindValue(instanceId);
+    q.addBindValue(since);
+    if (!run(q, "relay host answers"))
+        return false;
+    while (q.next())
+        out.append({q.value(0).toString(), q.value(1).toString()});
+    return true;
+}
+
+namespace {
+constexpr qint64 kShareKeepMs = 24LL * 3600 * 1000;
+}
+
 bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs)
 {
     struct Step
@@ -1173,6 +1363,11 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGra
                         " WHERE r.session_id = sessions.id AND r.rotated_at IS NULL)"),
          now},
         {"prune codes", QStringLiteral("DELETE FROM registration_codes WHERE expires_at < ?"), now},
+        // Relays are kept a day after they ended.
+        {"prune relays", QStringLiteral("DELETE FROM relay_sessions WHERE ended_at < ?"), now - 24LL * 3600 * 1000},
+        {"prune unused relays",
+         QStringLiteral("DELETE FROM relay_sessions WHERE paired_at IS NULL AND tickets_expire_at < ?"),
+         now - 24LL * 3600 * 1000},
         {"prune attempts", QStringLiteral("DELETE FROM attempts WHERE window_start < ?"), now - attemptWindowMs},
         {"prune sign-in failures", QStringLiteral("DELETE FROM sign_in_failures WHERE last_failure_at < ?"),
          now - attemptWindowMs},
@@ -1187,6 +1382,14 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGra
         q.addBindValue(step.bound);
         ok = run(q, step.what) && ok;
     }
+    {
+        // Ended and expired shares stay a day for the owner's listings.
+        QSqlQuery &q = prepare(QStringLiteral("DELETE FROM shares WHERE (state = 'ended' AND ended_at < ?)"
+                                             " OR expires_at < ?"));
+        q.addBindValue(now - kShareKeepMs);
+        q.addBindValue(now - kShareKeepMs);
+        ok = run(q, "prune shares") && ok;
+    }
     if (commandKeepMs > 0) {
         // Console commands, answered or not, are kept this long.
         QSqlQuery &q = prepare(QStringLiteral("DELETE FROM console_commands WHERE created_at < ?"));
@@ -1194,4 +1397,215 @@ bool Storage::pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGra
         ok = run(q, "prune console commands") && ok;
     }
     return ok;
+}
+
+namespace {
+
+const char kShareColumns[] = "id, code, user_id, cid, session_id, port_key, port_name, device_name, label, web, relay,"
+                             " passcode_hash, created_at, expires_at, state, end_reason, ended_at, wrong_passcodes,"
+                             " guest_name, guest_since, relay_id";
+
+ShareRow shareFrom(const QSqlQuery &q)
+{
+    ShareRow row;
+    row.id = q.value(0).toLongLong();
+    row.code = q.value(1).toString();
+    row.userId = q.value(2).toLongLong();
+    row.cid = q.value(3).toString();
+    row.sessionId = q.value(4).toString();
+    row.portKey = q.value(5).toString();
+    row.portName = q.value(6).toString();
+    row.deviceName = q.value(7).toString();
+    row.label = q.value(8).toString();
+    row.web = q.value(9).toString();
+    row.relay = q.value(10).toInt() != 0;
+    row.passcodeHash = q.value(11).toString();
+    row.createdAt = q.value(12).toLongLong();
+    row.expiresAt = q.value(13).toLongLong();
+    row.state = q.value(14).toString();
+    row.endReason = q.value(15).toString();
+    row.endedAt = q.value(16).toLongLong();
+    row.wrongPasscodes = q.value(17).toInt();
+    row.guestName = q.value(18).toString();
+    row.guestSince = q.value(19).toLongLong();
+    row.relayId = q.value(20).toString();
+    return row;
+}
+
+} // namespace
+
+Storage::Found Storage::insertShare(ShareRow &share)
+{
+    QSqlQuery &q = prepare(QStringLiteral(
+        "INSERT INTO shares (code, user_id, cid, session_id, port_key, port_name, device_name, label, web, relay,"
+        " passcode_hash, created_at, expires_at, state, wrong_passcodes)"
+        " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 'live', 0) ON CONFLICT (code) DO NOTHING RETURNING id"));
+    q.addBindValue(share.code);
+    q.addBindValue(share.userId);
+    q.addBindValue(share.cid);
+    q.addBindValue(text(share.sessionId));
+    q.addBindValue(text(share.portKey));
+    q.addBindValue(text(share.portName));
+    q.addBindValue(text(share.deviceName));
+    q.addBindValue(text(share.label));
+    q.addBindValue(text(share.web));
+    q.addBindValue(share.relay ? 1 : 0);
+    q.addBindValue(text(share.passcodeHash));
+    q.addBindValue(share.createdAt);
+    q.addBindValue(share.expiresAt);
+    if (!run(q, "insert share"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    share.id = q.value(0).toLongLong();
+    q.finish();
+    share.state = QStringLiteral("live");
+    return Found::Yes;
+}
+
+Storage::Found Storage::shareById(qint64 id, ShareRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM shares WHERE id = ?").arg(QLatin1String(kShareColumns)));
+    q.addBindValue(id);
+    if (!run(q, "share"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = shareFrom(q);
+    q.finish();
+    return Found::Yes;
+}
+
+Storage::Found Storage::shareByCode(const QString &code, ShareRow &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM shares WHERE code = ?").arg(QLatin1String(kShareColumns)));
+    q.addBindValue(code);
+    if (!run(q, "share by code"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    out = shareFrom(q);
+    q.finish();
+    return Found::Yes;
+}
+
+bool Storage::sharesOfComputer(const QString &cid, qint64 endedSince, QList<ShareRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM shares WHERE cid = ? AND (state = 'live' OR ended_at >= ?)"
+                                         " ORDER BY id")
+                               .arg(QLatin1String(kShareColumns)));
+    q.addBindValue(cid);
+    q.addBindValue(endedSince);
+    if (!run(q, "shares of computer"))
+        return false;
+    while (q.next())
+        out.append(shareFrom(q));
+    return true;
+}
+
+bool Storage::liveSharesOfAccount(qint64 userId, int limit, QList<ShareRow> &out)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT %1 FROM shares WHERE user_id = ? AND state = 'live'"
+                                         " ORDER BY cid, id LIMIT ?")
+                               .arg(QLatin1String(kShareColumns)));
+    q.addBindValue(userId);
+    q.addBindValue(limit);
+    if (!run(q, "shares of account"))
+        return false;
+    while (q.next())
+        out.append(shareFrom(q));
+    return true;
+}
+
+bool Storage::countLiveShares(const QString &cid, int &count)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM shares WHERE cid = ? AND state = 'live'"));
+    q.addBindValue(cid);
+    if (!run(q, "count shares") || !q.next())
+        return false;
+    count = q.value(0).toInt();
+    q.finish();
+    return true;
+}
+
+bool Storage::countRevokedShares(qint64 userId, qint64 since, int &count)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT COUNT(*) FROM shares WHERE user_id = ? AND state = 'ended'"
+                                         " AND end_reason IN ('revoked', 'too_many_attempts') AND ended_at >= ?"));
+    q.addBindValue(userId);
+    q.addBindValue(since);
+    if (!run(q, "count revoked shares") || !q.next())
+        return false;
+    count = q.value(0).toInt();
+    q.finish();
+    return true;
+}
+
+bool Storage::endShare(qint64 id, const QString &reason, qint64 now, bool &ended)
+{
+    // Conditional, so that of two racing ends only the first reason stands.
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE shares SET state = 'ended', end_reason = ?, ended_at = ?"
+                                         " WHERE id = ? AND state = 'live'"));
+    q.addBindValue(reason);
+    q.addBindValue(now);
+    q.addBindValue(id);
+    if (!run(q, "end share"))
+        return false;
+    ended = q.numRowsAffected() > 0;
+    return true;
+}
+
+bool Storage::addWrongPasscode(qint64 id, int &total)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE shares SET wrong_passcodes = wrong_passcodes + 1 WHERE id = ?"
+                                         " RETURNING wrong_passcodes"));
+    q.addBindValue(id);
+    if (!run(q, "count wrong passcode") || !q.next())
+        return false;
+    total = q.value(0).toInt();
+    q.finish();
+    return true;
+}
+
+bool Storage::insertShareGuest(const QString &tokenHash, qint64 shareId, const QString &name, qint64 now, int keep)
+{
+    QSqlQuery &q = prepare(QStringLiteral("INSERT INTO share_guests (token_hash, share_id, name, joined_at)"
+                                         " VALUES (?, ?, ?, ?)"));
+    q.addBindValue(tokenHash);
+    q.addBindValue(shareId);
+    q.addBindValue(text(name));
+    q.addBindValue(now);
+    if (!run(q, "insert share guest"))
+        return false;
+    QSqlQuery &trim = prepare(QStringLiteral(
+        "DELETE FROM share_guests WHERE share_id = ? AND token_hash NOT IN"
+        " (SELECT token_hash FROM share_guests WHERE share_id = ? ORDER BY joined_at DESC, token_hash LIMIT ?)"));
+    trim.addBindValue(shareId);
+    trim.addBindValue(shareId);
+    trim.addBindValue(keep);
+    return run(trim, "trim share guests");
+}
+
+Storage::Found Storage::shareGuest(const QString &tokenHash, qint64 &shareId, QString &name)
+{
+    QSqlQuery &q = prepare(QStringLiteral("SELECT share_id, name FROM share_guests WHERE token_hash = ?"));
+    q.addBindValue(tokenHash);
+    if (!run(q, "share guest"))
+        return Found::Error;
+    if (!q.next())
+        return Found::No;
+    shareId = q.value(0).toLongLong();
+    name = q.value(1).toString();
+    q.finish();
+    return Found::Yes;
+}
+
+bool Storage::setShareRelayGuest(qint64 id, const QString &name, qint64 since, const QString &relayId)
+{
+    QSqlQuery &q = prepare(QStringLiteral("UPDATE shares SET guest_name = ?, guest_since = ?, relay_id = ? WHERE id = ?"));
+    q.addBindValue(text(name));
+    q.addBindValue(since);
+    q.addBindValue(text(relayId));
+    q.addBindValue(id);
+    return run(q, "set share relay guest");
 }

@@ -3,6 +3,7 @@
 #include "migrations.h"
 
 #include <QList>
+#include <QPair>
 #include <QSqlDatabase>
 #include <QSqlDriver>
 #include <QSqlQuery>
@@ -106,6 +107,65 @@ struct ConsoleCommandRow
     qint64 createdAt = 0;
     QString result;   // JSON object text once done
     qint64 finishedAt = 0;
+};
+
+// A port lent to a guest. `state` is "live" or "ended"; an ended share
+// says why in `endReason`.
+struct ShareRow
+{
+    qint64 id = 0;
+    QString code;  // 12 characters, without dashes
+    qint64 userId = 0;
+    QString cid;
+    QString sessionId;
+    QString portKey;
+    QString portName;
+    QString deviceName;
+    QString label;
+    QString web;  // "none", "view", "send", "control"
+    bool relay = false;
+    QString passcodeHash;  // empty: no passcode
+    qint64 createdAt = 0;
+    qint64 expiresAt = 0;
+    QString state;
+    QString endReason;
+    qint64 endedAt = 0;
+    int wrongPasscodes = 0;
+    QString guestName;  // the relay guest now joined, if any
+    qint64 guestSince = 0;
+    QString relayId;
+};
+
+// One Live Relay as stored.
+struct RelayRow
+{
+    QString relayId;
+    qint64 userId = 0;  // the owner, whose quota the bytes count toward
+    QString cid;
+    QString portKey;
+    QString shareId;
+    QString guestName;
+    QString guestTokenHash;
+    QString hostTicketHash;
+    QString clientTicketHash;
+    qint64 ticketsExpireAt = 0;
+    qint64 hostUsedAt = 0;
+    qint64 clientUsedAt = 0;
+    qint64 hostCommandId = 0;
+    QString instanceId;
+    qint64 createdAt = 0;
+    qint64 pairedAt = 0;
+    qint64 endedAt = 0;
+    QString endKind;
+    QString endReason;
+};
+
+// A relay that ended, as the instance holding it learns.
+struct RelayEndRow
+{
+    QString relayId;
+    QString endKind;
+    QString endReason;
 };
 
 // Methods report database failures as false (or Found::Error) and log the
@@ -240,6 +300,45 @@ public:
     // leaves the first one standing.
     Found finishConsoleCommand(const QString &cid, qint64 id, const QString &result, qint64 now,
                                ConsoleCommandRow &out);
+
+    // Guest shares. `insertShare` answers No when the code is taken.
+    Found insertShare(ShareRow &share);  // fills id
+    Found shareById(qint64 id, ShareRow &out);
+    Found shareByCode(const QString &code, ShareRow &out);
+    // The computer's shares: the live ones and those ended at or after `endedSince`.
+    bool sharesOfComputer(const QString &cid, qint64 endedSince, QList<ShareRow> &out);
+    bool liveSharesOfAccount(qint64 userId, int limit, QList<ShareRow> &out);
+    bool countLiveShares(const QString &cid, int &count);
+    // Shares of the account ended by their owner or by wrong passcodes since `since`.
+    bool countRevokedShares(qint64 userId, qint64 since, int &count);
+    // Ends a live share; `ended` false when it had ended already.
+    bool endShare(qint64 id, const QString &reason, qint64 now, bool &ended);
+    // Counts one wrong passcode; `total` is the share's count after it.
+    bool addWrongPasscode(qint64 id, int &total);
+    bool setShareRelayGuest(qint64 id, const QString &name, qint64 since, const QString &relayId);
+    // Keeps the newest `keep` guests of the share, this one among them.
+    bool insertShareGuest(const QString &tokenHash, qint64 shareId, const QString &name, qint64 now, int keep);
+    Found shareGuest(const QString &tokenHash, qint64 &shareId, QString &name);
+    // Live Relay. A relay is busy from its opening until it ends, or until
+    // its tickets expire unused.
+    bool insertRelay(const RelayRow &relay);
+    Found relay(const QString &relayId, RelayRow &out);
+    // The relay a ticket (its hash) admits, and which end: "host" or "client".
+    Found relayByTicket(const QString &ticketHash, RelayRow &out, QString &end);
+    bool relayBusy(const QString &cid, const QString &portKey, qint64 now, bool &busy);
+    bool setRelayCommand(const QString &relayId, qint64 commandId);
+    // Spends an end's ticket; `won` false when it was spent, expired or
+    // the relay ended before.
+    bool useRelayTicket(const QString &relayId, const QString &end, qint64 now, bool &won);
+    bool setRelayPaired(const QString &relayId, qint64 now);
+    // Ends a relay once; `ended` false when it had ended already.
+    bool endRelay(const QString &relayId, const QString &kind, const QString &reason, qint64 now, bool &ended);
+    bool addRelayBytes(const QString &relayId, qint64 bytes);
+    // Relays of `instanceId` that ended at or after `since`.
+    bool relaysEndedSince(const QString &instanceId, qint64 since, QList<RelayEndRow> &out);
+    // Relays of `instanceId` not yet ended whose host answered "open_relay"
+    // at or after `since`: relay id and the host's result text.
+    bool relayHostAnswers(const QString &instanceId, qint64 since, QList<QPair<QString, QString>> &out);
 
     // Drops what has expired; run now and then.
     bool pruneExpired(qint64 now, qint64 attemptWindowMs, qint64 refreshGraceMs, qint64 commandKeepMs = 0);

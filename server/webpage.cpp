@@ -1,6 +1,7 @@
 #include "webpage.h"
 
 #include <QFile>
+#include <QRegularExpression>
 
 // The files live in this static library: its users would lose them
 // without a reference that the linker keeps.
@@ -31,9 +32,17 @@ std::optional<HttpResponse> serve(const QByteArray &method, const QString &path)
         {"/console.css", ":/web/console.css", "text/css; charset=utf-8"},
         // Without an icon of its own, every visit costs the browser a 404.
         {"/favicon.svg", ":/web/favicon.svg", "image/svg+xml"},
+        {"/join", ":/web/guest.html", "text/html; charset=utf-8"},
+        {"/guest.js", ":/web/guest.js", "text/javascript; charset=utf-8"},
+        {"/guest.css", ":/web/guest.css", "text/css; charset=utf-8"},
     };
+    // Every invite link opens the guest's page; it reads its code itself.
+    static const QRegularExpression joinPath(QStringLiteral("^/join/[A-Za-z0-9 -]{1,64}$"));
+    if (path == QLatin1String("/join"))
+        return std::nullopt;
+    const QString wanted = joinPath.match(path).hasMatch() ? QStringLiteral("/join") : path;
     for (const File &file : files) {
-        if (path != QLatin1String(file.path))
+        if (wanted != QLatin1String(file.path))
             continue;
         initWebResources();
         QFile resource(QString::fromLatin1(file.resource));

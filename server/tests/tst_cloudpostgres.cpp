@@ -8,6 +8,8 @@
 #include "consolehub.h"
 #include "consolesocketclient.h"
 #include "rawhttp.h"
+#include "relayend.h"
+#include "relayhub.h"
 #include "workerpool.h"
 
 #include <QDir>
@@ -143,7 +145,7 @@ private:
     bool runAsOwner(const QString &program, const QStringList &arguments, int timeoutMs = 60000);
     // pg_ctl as the cluster's owner, while this thread's event loop goes on.
     bool controlCluster(const QString &action);
-    std::unique_ptr<CloudService> startInstance(const QStringList &trustedProxies = {});
+    std::unique_ptr<CloudService> startInstance(const QStringList &trustedProxies = {}, const QString &instanceId = {});
     QString registerAccount(quint16 port, const QString &email);
 
     QTemporaryDir m_dir;
@@ -229,9 +231,11 @@ QString TestCloudPostgres::registerAccount(quint16 port, const QString &email)
         .toString();
 }
 
-std::unique_ptr<CloudService> TestCloudPostgres::startInstance(const QStringList &trustedProxies)
+std::unique_ptr<CloudService> TestCloudPostgres::startInstance(const QStringList &trustedProxies,
+                                                               const QString &instanceId)
 {
     ServiceConfig config;
+    config.instanceId = instanceId;
     config.port = 0;
     config.database = m_url;
     config.argon2 = {256, 1, 1};
@@ -361,8 +365,10 @@ void TestCloudPostgres::anOutageIsAnsweredUnavailableAndLosesNoWrite()
 
 void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
 {
-    auto first = startInstance({QStringLiteral("127.0.0.1")});
-    auto second = startInstance({QStringLiteral("127.0.0.1")});
+    // Named as the shipped configuration's servers, which route relay
+    // sockets by the instance their ticket names.
+    auto first = startInstance({QStringLiteral("127.0.0.1")}, QStringLiteral("cloud8437"));
+    auto second = startInstance({QStringLiteral("127.0.0.1")}, QStringLiteral("cloud8438"));
     QVERIFY(first && second);
     quint16 port = 0;
     const int listener = inheritableListener(port);
@@ -404,8 +410,10 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
             text += QStringLiteral("    bind fd@%1 ssl crt %2 alpn http/1.1\n").arg(listener).arg(bundle.fileName()).toUtf8();
             tlsBind = true;
         } else if (word.startsWith("server ")) {
-            const quint16 instance = (servers++ == 0 ? first : second)->port();
-            text += QStringLiteral("    server instance%1 127.0.0.1:%2\n").arg(servers).arg(instance).toUtf8();
+            const CloudService &instance = *(servers++ == 0 ? first : second);
+            const QByteArray name = word.split(' ').value(1);
+            QCOMPARE(QString::fromLatin1(name), instance.instanceId());
+            text += "    server " + name + " 127.0.0.1:" + QByteArray::number(instance.port()) + '\n';
         } else {
             text += line + '\n';
         }
@@ -490,7 +498,51 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
         QCOMPARE(login("127.0.0.2", "guess").code(), QStringLiteral("invalid_credentials"));
     QCOMPARE(login("127.0.0.2", "long enough").code(), QStringLiteral("too_many_attempts"));
     QCOMPARE(login("127.0.0.2", "long enough", "192.0.2.7").code(), QStringLiteral("too_many_attempts"));
-    QVERIFY(login("127.0.0.3", "long enough").ok());
+    reply = login("127.0.0.3", "long enough");
+    QVERIFY(reply.ok());
+    access = reply.json.value("access_token").toString();
+
+    // Live Relay: the host computer speaks to the second instance, the
+    // client opens its session on the first; both ends come through
+    // haproxy, which sends each to the instance its ticket names.
+    const QString cid = QStringLiteral("3f0c2b1e-8a7d-4c55-9e21-0d6b5a4f7c10");
+    QVERIFY(::httpJson(second->port(), "POST", "/api/v3/console/heartbeat",
+                       {{"cid", cid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "lab"}}, access)
+                .ok());
+    const QJsonObject entry{{"port_key", "p1"}, {"open", true}, {"capabilities", QJsonArray{"open_relay"}}};
+    QVERIFY(::httpJson(second->port(), "POST", "/api/v3/console/ports/snapshot",
+                       {{"cid", cid}, {"session_id", "s1"}, {"ports", QJsonArray{entry}}}, access)
+                .ok());
+    for (int round = 0; round < 4; ++round) {
+        const RawResponse session = ::httpJson(first->port(), "POST", "/api/v3/relay/sessions",
+                                               {{"cid", cid}, {"session_id", "s1"}, {"port_key", "p1"}}, access);
+        QVERIFY2(session.ok(), session.body.constData());
+        QVERIFY(session.json.value("ticket").toString().startsWith(QLatin1String("cloud8437.")));
+        QString hostTicket;
+        const QJsonArray commands = ::httpRequest(second->port(), "GET", "/api/v3/console/commands/poll?cid=" + cid.toUtf8(),
+                                                  {}, access)
+                                        .json.value("commands")
+                                        .toArray();
+        for (const QJsonValue &command : commands)
+            hostTicket = command.toObject().value("payload").toObject().value("ticket").toString();
+        QVERIFY(!hostTicket.isEmpty());
+        RelayEnd host, client;
+        client.open(port, session.json.value("ticket").toString(), &authority);
+        host.open(port, hostTicket, &authority);
+        QVERIFY2(host.waitForText("ready") && client.waitForText("ready"), qPrintable(client.closeReason));
+        QCOMPARE(first->relays().relayCount(), 1);
+        QCOMPARE(second->relays().relayCount(), 0);
+        const QByteArray up = randomBytes(1024 * 1024 + round, quint32(round));
+        const QByteArray down = randomBytes(512 * 1024 + round, quint32(round + 10));
+        client.send(up);
+        host.send(down);
+        QVERIFY(QTest::qWaitFor([&] { return host.received.size() >= up.size() && client.received.size() >= down.size(); },
+                                30000));
+        QVERIFY(host.received == up && client.received == down);
+        host.close();
+        QVERIFY(client.waitForText("peer_gone"));
+        QTRY_COMPARE_WITH_TIMEOUT(first->relays().relayCount(), 0, 5000);
+    }
 }
 
 void TestCloudPostgres::aComputerOnOneInstanceIsWatchedAndDrivenFromAnother()

@@ -8,10 +8,14 @@
 //           "error <text>" before a non-zero exit.
 //   stdin:  "write <hex>" writes bytes at the far end;
 //           "allow-send 0|1" switches "Allow Remote Send", "allow-control 0|1"
-//           "Allow Remote Port Control" (each answered "ok"); "quit".
+//           "Allow Remote Port Control" (each answered "ok");
+//           "share <web> <passcode or ->" shares the pane for an hour, answered
+//           by "share <json>" ({share_id, code, link}) or "share-failed <text>";
+//           "unshare <share_id>" stops sharing; "quit".
 #include "cloud/accountsession.h"
 #include "cloud/cloudconsoleservice.h"
 #include "cloud/consolesocket.h"
+#include "cloud/guestsharekeeper.h"
 #include "cloud/networkservices.h"
 #include "support/ptypair.h"
 #include "support/settingssandbox.h"
@@ -80,7 +84,15 @@ int main(int argc, char **argv)
     CloudConsoleService::Timing timing;
     timing.uploadMs = 100;
     timing.snapshotSettleMs = 10;
+    timing.shareCreateMs = 20;
     console.setTiming(timing);
+    GuestShareKeeper *shares = console.shares();
+    QObject::connect(shares, &GuestShareKeeper::shareCreated, &app, [](const GuestShare &share) {
+        say("share " + QJsonDocument(QJsonObject{{"share_id", share.shareId}, {"code", share.code}, {"link", share.link}})
+                           .toJson(QJsonDocument::Compact));
+    });
+    QObject::connect(shares, &GuestShareKeeper::shareFailed, &app,
+                     [](const QString &message) { say("share-failed " + message.toUtf8()); });
 
     QObject::connect(&network, &NetworkServices::accountResponse, &app, [&](const QJsonObject &reply) {
         if (!reply.value("status").toBool())
@@ -133,6 +145,16 @@ int main(int argc, char **argv)
                 say("ok");
             } else if (line.startsWith("allow-control ")) {
                 QSettings().setValue(QStringLiteral("CloudConsoleAllowPortControl"), line.endsWith('1'));
+                say("ok");
+            } else if (line.startsWith("share ")) {
+                const QList<QByteArray> words = line.split(' ');
+                const QString passcode = words.value(2) == "-" ? QString() : QString::fromUtf8(words.value(2));
+                const Result asked = shares->requestShare({port.portKey(), 3600, QStringLiteral("bench board"), passcode,
+                                                           QString::fromUtf8(words.value(1)), false});
+                if (!asked)
+                    say("share-failed " + asked.errorText().toUtf8());
+            } else if (line.startsWith("unshare ")) {
+                shares->stopShare(QString::fromUtf8(line.mid(8)));
                 say("ok");
             } else if (line == "quit") {
                 app.quit();

@@ -5,6 +5,7 @@
 #include "cloud/accountsession.h"
 #include "cloud/cloudconsoleservice.h"
 #include "cloud/consolesocket.h"
+#include "cloud/guestsharekeeper.h"
 #include "cloud/networkservices.h"
 #include "cloudservicerunner.h"
 #include "support/ptypair.h"
@@ -72,6 +73,20 @@ public:
         return QTest::qWaitFor([this] { return !ofType("watch").isEmpty(); }, kWait)
                && ofType("watch").first().value("status").toBool();
     }
+    // A share's browser guest, admitted by its credential.
+    bool watchAsGuest(quint16 port, const QString &guestToken)
+    {
+        connect(&socket, &QWebSocket::connected, this, [this, guestToken] {
+            send({{"type", "guest_watch"}, {"guest_token", guestToken}});
+        });
+        socket.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/ws/console/watch/v1").arg(port)));
+        return QTest::qWaitFor([this] { return !ofType("watch").isEmpty(); }, kWait)
+               && ofType("watch").first().value("status").toBool();
+    }
+    void send(const QJsonObject &message)
+    {
+        socket.sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+    }
     QList<QJsonObject> ofType(const QString &type) const
     {
         QList<QJsonObject> out;
@@ -116,6 +131,7 @@ private Q_SLOTS:
     void aWatcherSeesTheFarEndAndDrivesIt_data();
     void aWatcherSeesTheFarEndAndDrivesIt();
     void aCommandDeliveredByPollAndSocketRunsOnce();
+    void aShareGuestInABrowserReachesThePortWithinItsLevel();
 
 private:
     QString signUp(const QString &email);
@@ -192,6 +208,7 @@ void ConsoleLiveTest::init()
     CloudConsoleService::Timing timing;
     timing.uploadMs = 100;
     timing.snapshotSettleMs = 10;
+    timing.shareCreateMs = 20;
     m_service->setTiming(timing);
     m_service->setEnabled(true);
     QVERIFY(QTest::qWaitFor([this] { return m_service->socket()->isReady(); }, kWait));
@@ -316,6 +333,56 @@ void ConsoleLiveTest::aCommandDeliveredByPollAndSocketRunsOnce()
     QTRY_COMPARE_WITH_TIMEOUT(ran.size(), 2, kWait);  // a later command passes the first's second copy
     QCOMPARE(ran.at(1).at(0).toString(), marker);
     QCOMPARE(m_far->readAll(), QByteArray());
+}
+
+void ConsoleLiveTest::aShareGuestInABrowserReachesThePortWithinItsLevel()
+{
+    // The owner's program shares its pane with level "send" and a passcode.
+    GuestShareKeeper *keeper = m_service->shares();
+    QSignalSpy created(keeper, &GuestShareKeeper::shareCreated);
+    QSignalSpy ended(keeper, &GuestShareKeeper::shareEnded);
+    QVERIFY(keeper->requestShare({m_port->portKey(), 86400, QStringLiteral("bench board"), QStringLiteral("4711"),
+                                  QStringLiteral("send"), false}));
+    QVERIFY(created.wait(kWait));
+    const GuestShare share = created.first().first().value<GuestShare>();
+    QCOMPARE(share.expiresAt - share.createdAt, 86400LL * 1000);
+    QVERIFY(share.link.endsWith("/join/" + share.code));
+
+    // The guest joins by the link's code: a wrong passcode first.
+    const QByteArray join = "/api/v3/relay/join/" + share.code.toUtf8() + "/web";
+    QCOMPARE(blockingJson(m_cloud.port(), "POST", join, {}, {{"passcode", "1234"}, {"guest_name", "Grace"}})
+                 .value("code").toString(),
+             QStringLiteral("wrong_passcode"));
+    const QString guestToken = blockingJson(m_cloud.port(), "POST", join, {}, {{"passcode", "4711"}, {"guest_name", "Grace"}})
+                                   .value("guest_token").toString();
+    QVERIFY(!guestToken.isEmpty());
+    Watcher guest;
+    QVERIFY(guest.watchAsGuest(m_cloud.port(), guestToken));
+    QTRY_VERIFY_WITH_TIMEOUT(m_service->isWatching(), kWait);
+
+    QVERIFY(m_far->write("boot ok\r\n") == 9 && m_far->waitForBytesWritten(kWait));
+    QTRY_COMPARE_WITH_TIMEOUT(guest.received(), QStringLiteral("boot ok\r\n"), kWait);
+
+    guest.send({{"type", "command"}, {"ref", "send"}, {"command", "send_text"},
+                {"payload", QJsonObject{{"text", "hi"}, {"line_ending", "crlf"}}}});
+    QCOMPARE(readFar(4), QByteArray("hi\r\n"));
+    guest.send({{"type", "command"}, {"ref", "open"}, {"command", "close_port"}, {"payload", QJsonObject{}}});
+    QTRY_COMPARE_WITH_TIMEOUT(guest.ofType("command").size(), 2, kWait);
+    const QJsonObject refused = guest.ofType("command").last();
+    QCOMPARE(refused.value("ref").toString(), QStringLiteral("open"));
+    QCOMPARE(refused.value("description").toString(), QStringLiteral("the share does not allow port control from a browser"));
+    QVERIFY(m_port->isConnectionOpen());
+    const QString sent = guest.ofType("command").first().value("command_id").toString();
+    QTRY_VERIFY_WITH_TIMEOUT(guest.resultOf(sent).has_value(), kWait);
+    QCOMPARE(guest.resultOf(sent)->value("bytes").toInt(), 4);
+
+    // The owner stops sharing: the guest's page hears why and is let go.
+    keeper->stopShare(share.shareId);
+    QTRY_VERIFY_WITH_TIMEOUT(!guest.ofType("share_ended").isEmpty(), kWait);
+    QCOMPARE(guest.ofType("share_ended").first().value("reason").toString(), QStringLiteral("revoked"));
+    QTRY_COMPARE_WITH_TIMEOUT(guest.socket.state(), QAbstractSocket::UnconnectedState, kWait);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_service->isWatching(), kWait);
+    QCOMPARE(ended.size(), 1);
 }
 
 QTEST_GUILESS_MAIN(ConsoleLiveTest)
