@@ -568,7 +568,7 @@ std::variant<Caller, ApiReply> AccountService::authenticate(const QByteArray &au
     if (row.expiresAt < m_clock())
         return ApiReply::failure(type, Http::Unauthorized, QStringLiteral("token_expired"),
                                  QStringLiteral("Your sign-in has expired. Please sign in again."));
-    return Caller{row.userId, row.sessionId, row.deviceId, row.email, row.username, row.userCreatedAt};
+    return Caller{row.userId, row.sessionId, row.deviceId, row.email, row.username, row.userCreatedAt, row.expiresAt};
 }
 
 // --- profile and devices ----------------------------------------------------------

@@ -57,6 +57,7 @@ struct Caller
     QString email;
     QString username;
     qint64 createdAt = 0;  // of the account
+    qint64 tokenExpiresAt = 0;  // of the access token that identified the caller
 };
 
 // Registration, sign-in, tokens and devices. Knows nothing of HTTP: it takes

@@ -1,6 +1,7 @@
 #include "cloudservice.h"
 
 #include "codemailer.h"
+#include "consolebus.h"
 #include "consolehub.h"
 #include "consolelive.h"
 #include "consoleservice.h"
@@ -144,7 +145,13 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     m_port = m_http->start(config.listenAddress, config.port, error);
     if (m_port == 0)
         return false;
-    m_console = new ConsoleHub(*m_pool, *m_live, consolePolicy, this);
+    if (dialect == SqlDialect::Postgres) {
+        // Instances on one database reach each other's console sockets.
+        m_bus = new ConsoleBus(*m_pool, this);
+        if (!m_bus->start(config.database, error))
+            return false;
+    }
+    m_console = new ConsoleHub(*m_pool, *m_live, consolePolicy, m_bus, clock, this);
     m_http->addSocketEndpoint(QLatin1String(ConsoleHub::kComputerPath),
                               [this](std::unique_ptr<QWebSocket> socket) { m_console->addComputer(std::move(socket)); });
     m_relays = new RelayHub(*m_pool, *m_relayLive, config.relayRateLimit, this);

@@ -11,6 +11,7 @@
 #include <memory>
 
 class CodeMailer;
+class ConsoleBus;
 class ConsoleHub;
 class ConsoleLive;
 class LoopWatch;
@@ -47,6 +48,7 @@ public:
     RelayHub &relays() { return *m_relays; }
     // The name relay tickets carry; a proxy routes relay sockets by it.
     const QString &instanceId() const { return m_instanceId; }
+    ConsoleBus *consoleBus() { return m_bus; }
     // The longest time the event loop was held up so far.
     qint64 longestStallMs() const;
 
@@ -57,6 +59,7 @@ private:
     std::unique_ptr<WorkerPool> m_pool;
     CloudHttpServer *m_http = nullptr;
     ConsoleLive *m_live = nullptr;
+    ConsoleBus *m_bus = nullptr;  // several instances on PostgreSQL
     ConsoleHub *m_console = nullptr;
     RelayLive *m_relayLive = nullptr;
     RelayHub *m_relays = nullptr;

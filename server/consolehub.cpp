@@ -1,6 +1,7 @@
 #include "consolehub.h"
 
 #include "accountservice.h"
+#include "consolebus.h"
 #include "consolelive.h"
 #include "servicelog.h"
 #include "workerpool.h"
@@ -59,19 +60,27 @@ WorkerPool::Job authenticated(const QByteArray &authorization, const QString &ty
 
 } // namespace
 
-ConsoleHub::ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy, QObject *parent)
-    : QObject(parent), m_pool(pool), m_live(live), m_policy(policy), m_touch(new QTimer(this))
+ConsoleHub::ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy, ConsoleBus *bus,
+                       ServiceClock clock, QObject *parent)
+    : QObject(parent), m_pool(pool), m_live(live), m_policy(policy), m_bus(bus), m_clock(std::move(clock)),
+      m_touch(new QTimer(this)), m_expiry(new QTimer(this))
 {
+    m_uptime.start();
     connect(&m_live, &ConsoleLive::commandQueued, this, &ConsoleHub::onCommandQueued);
     connect(&m_live, &ConsoleLive::snapshotWanted, this, [this](const QString &cid) { tellWatching(cid, true); });
     connect(&m_live, &ConsoleLive::resultStored, this,
-            [this](const QString &cid, const QJsonObject &message) { fanOut(cid, message, 0); });
+            [this](const QString &cid, const QJsonObject &message) { broadcast(cid, message, 0); });
     connect(&m_live, &ConsoleLive::portsStored, this,
-            [this](const QString &cid, const QJsonObject &message) { fanOut(cid, message, 0); });
-    connect(&m_live, &ConsoleLive::eventsArrived, this, &ConsoleHub::fanOut);
+            [this](const QString &cid, const QJsonObject &message) { broadcast(cid, message, 0); });
+    connect(&m_live, &ConsoleLive::eventsArrived, this, &ConsoleHub::broadcast);
+    if (m_bus)
+        connect(m_bus, &ConsoleBus::noticeReceived, this, &ConsoleHub::onNotice);
     m_touch->setInterval(kTouchIntervalMs);
     connect(m_touch, &QTimer::timeout, this, &ConsoleHub::touchHeld);
     m_touch->start();
+    m_expiry->setInterval(kExpiryCheckMs);
+    connect(m_expiry, &QTimer::timeout, this, &ConsoleHub::expireTokens);
+    m_expiry->start();
 }
 
 ConsoleHub::~ConsoleHub()
@@ -117,7 +126,7 @@ void ConsoleHub::onComputerGone(Computer *computer)
     if (computer->greeted && m_computerOf.value(computer->cid) == computer) {
         m_computerOf.remove(computer->cid);
         m_live.setHoldsSocket(computer->cid, false);
-        fanOut(computer->cid, {{QStringLiteral("type"), QStringLiteral("presence")},
+        broadcast(computer->cid, {{QStringLiteral("type"), QStringLiteral("presence")},
                                {QStringLiteral("cid"), computer->cid},
                                {QStringLiteral("online"), false}},
                0);
@@ -181,7 +190,7 @@ void ConsoleHub::onComputerMessage(Computer *computer, const QString &text)
         const qint64 dropped = message.value(QLatin1String("dropped")).toInteger();
         if (dropped > 0)
             out.insert(QStringLiteral("dropped"), dropped);
-        fanOut(computer->cid, out, int(events.size()));
+        broadcast(computer->cid, out, int(events.size()));
         computer->unchargedBytes += bytes;
         charge(computer);
     } else if (type == QLatin1String("snapshot")) {
@@ -199,7 +208,7 @@ void ConsoleHub::onComputerMessage(Computer *computer, const QString &text)
                                   sendToComputer(c, answer);
                               return;
                           }
-                          fanOut(cidText, {{QStringLiteral("type"), QStringLiteral("snapshot")},
+                          broadcast(cidText, {{QStringLiteral("type"), QStringLiteral("snapshot")},
                                            {QStringLiteral("cid"), cidText},
                                            {QStringLiteral("ports"), ports},
                                            {QStringLiteral("updated_at"), answer.value(QLatin1String("updated_at"))}},
@@ -247,11 +256,11 @@ void ConsoleHub::greet(Computer *computer, const QJsonObject &hello)
                       }
                       m_computerOf.insert(c->cid, c);
                       m_live.setHoldsSocket(c->cid, true);
-                      // What this instance knows about watchers is what counts.
-                      answer.insert(QStringLiteral("watching"), !m_watchersOf.value(c->cid).isEmpty());
+                      // Watchers here and on other instances.
+                      answer.insert(QStringLiteral("watching"), totalWatchers(c->cid) > 0);
                       answer.insert(QStringLiteral("authoritative"), true);
                       sendToComputer(c, answer);
-                      fanOut(c->cid, {{QStringLiteral("type"), QStringLiteral("presence")},
+                      broadcast(c->cid, {{QStringLiteral("type"), QStringLiteral("presence")},
                                       {QStringLiteral("cid"), c->cid},
                                       {QStringLiteral("online"), true}},
                              0);
@@ -350,7 +359,7 @@ void ConsoleHub::storeResult(Computer *computer, const QJsonObject &message)
                               sendToComputer(c, answer);
                       }
                       if (fresh)
-                          fanOut(cid, {{QStringLiteral("type"), QStringLiteral("result")},
+                          broadcast(cid, {{QStringLiteral("type"), QStringLiteral("result")},
                                        {QStringLiteral("cid"), cid},
                                        {QStringLiteral("command_id"), commandId},
                                        {QStringLiteral("command"), command},
@@ -366,7 +375,7 @@ void ConsoleHub::tellWatching(const QString &cid, bool needSnapshot)
         return;  // a computer on HTTP hears it in its next poll's answer
     QJsonObject message{{QStringLiteral("type"), QStringLiteral("console")},
                         {QStringLiteral("status"), true},
-                        {QStringLiteral("watching"), !m_watchersOf.value(cid).isEmpty()},
+                        {QStringLiteral("watching"), totalWatchers(cid) > 0},
                         {QStringLiteral("authoritative"), true}};
     if (needSnapshot)
         message.insert(QStringLiteral("need_snapshot"), true);
@@ -377,10 +386,86 @@ void ConsoleHub::onCommandQueued(const QString &cid)
 {
     if (Computer *computer = m_computerOf.value(cid))
         deliver(computer);
+    else if (m_bus)
+        m_bus->publish({{QStringLiteral("kind"), QStringLiteral("command")}, {QStringLiteral("cid"), cid}});
+}
+
+void ConsoleHub::onNotice(const QJsonObject &notice)
+{
+    const QString kind = notice.value(QLatin1String("kind")).toString();
+    const QString cid = notice.value(QLatin1String("cid")).toString();
+    if (kind == QLatin1String("command")) {
+        if (Computer *computer = m_computerOf.value(cid))
+            deliver(computer);
+    } else if (kind == QLatin1String("fan")) {
+        fanOut(cid, notice.value(QLatin1String("message")).toObject(),
+               notice.value(QLatin1String("events")).toInt());
+    } else if (kind == QLatin1String("watchers")) {
+        const QString origin = notice.value(QLatin1String("origin")).toString();
+        const int count = notice.value(QLatin1String("count")).toInt();
+        const int before = totalWatchers(cid);
+        auto remote = m_remoteWatchers.find(cid);
+        if (count > 0) {
+            if (remote == m_remoteWatchers.end()) {
+                if (m_remoteWatchers.size() >= kMaxRemoteWatched)
+                    return;
+                remote = m_remoteWatchers.insert(cid, {});
+            }
+            remote->insert(origin, {count, m_uptime.elapsed()});
+        } else if (remote != m_remoteWatchers.end()) {
+            remote->remove(origin);
+            if (remote->isEmpty())
+                m_remoteWatchers.erase(remote);
+        }
+        const int after = totalWatchers(cid);
+        if (after != before)
+            countChanged(cid);
+        if (notice.value(QLatin1String("need_snapshot")).toBool())
+            tellWatching(cid, true);
+        else if ((after > 0) != (before > 0))
+            tellWatching(cid, false);
+    }
+}
+
+int ConsoleHub::totalWatchers(const QString &cid) const
+{
+    int total = int(m_watchersOf.value(cid).size());
+    const auto remote = m_remoteWatchers.constFind(cid);
+    if (remote != m_remoteWatchers.constEnd()) {
+        for (const RemoteCount &count : *remote)
+            total += count.count;
+    }
+    return total;
 }
 
 void ConsoleHub::touchHeld()
 {
+    if (m_bus) {
+        // Our counts again, so an instance that started since hears them;
+        // counts of an instance that stopped repeating its own are dropped.
+        for (auto it = m_watchersOf.cbegin(); it != m_watchersOf.cend(); ++it)
+            m_bus->publish({{QStringLiteral("kind"), QStringLiteral("watchers")},
+                            {QStringLiteral("cid"), it.key()},
+                            {QStringLiteral("count"), int(it->size())}});
+        const qint64 now = m_uptime.elapsed();
+        QStringList changed;
+        for (auto cid = m_remoteWatchers.begin(); cid != m_remoteWatchers.end();) {
+            bool forgot = false;
+            for (auto entry = cid->begin(); entry != cid->end();) {
+                const bool stale = now - entry->heardAtMs > kRemoteCountKeepMs;
+                forgot = forgot || stale;
+                entry = stale ? cid->erase(entry) : std::next(entry);
+            }
+            if (forgot)
+                changed.append(cid.key());
+            cid = cid->isEmpty() ? m_remoteWatchers.erase(cid) : std::next(cid);
+        }
+        for (const QString &cid : std::as_const(changed)) {
+            countChanged(cid);
+            if (totalWatchers(cid) == 0)
+                tellWatching(cid, false);
+        }
+    }
     if (m_computerOf.isEmpty())
         return;
     const QStringList cids = m_computerOf.keys();
@@ -467,12 +552,16 @@ void ConsoleHub::admit(Watcher *watcher, const QString &token, const QString &ci
                       }
                       w->watching = true;
                       w->cid = cid;
+                      w->tokenExpiresAt = answer.value(QLatin1String("token_expires_at")).toInteger();
+                      if (w->tokenExpiresAt > 0)
+                          m_expiries.insert(w->tokenExpiresAt, w->socket);
                       list.append(w);
                       enqueue(w,
                               compact({{QStringLiteral("type"), QStringLiteral("watch")},
                                        {QStringLiteral("status"), true},
                                        {QStringLiteral("cid"), cid},
-                                       {QStringLiteral("online"), m_computerOf.contains(cid)}}),
+                                       {QStringLiteral("online"), m_computerOf.contains(cid)
+                                                                      || answer.value(QLatin1String("online")).toBool()}}),
                               0);
                       enqueue(w,
                               compact({{QStringLiteral("type"), QStringLiteral("snapshot")},
@@ -480,8 +569,7 @@ void ConsoleHub::admit(Watcher *watcher, const QString &token, const QString &ci
                                        {QStringLiteral("ports"), answer.value(QLatin1String("ports"))},
                                        {QStringLiteral("updated_at"), answer.value(QLatin1String("updated_at"))}}),
                               0);
-                      watchersChanged(cid);
-                      tellWatching(cid, true);
+                      watchersChanged(cid, true);
                   });
 }
 
@@ -490,28 +578,72 @@ void ConsoleHub::onWatcherGone(Watcher *watcher)
     QWebSocket *socket = watcher->socket;
     m_watchers.remove(socket);
     if (watcher->watching) {
+        m_expiries.remove(watcher->tokenExpiresAt, socket);
         auto list = m_watchersOf.find(watcher->cid);
         if (list != m_watchersOf.end()) {
             list->removeOne(watcher);
             if (list->isEmpty())
                 m_watchersOf.erase(list);
         }
-        watchersChanged(watcher->cid);
-        if (!m_watchersOf.contains(watcher->cid))
-            tellWatching(watcher->cid, false);
+        watchersChanged(watcher->cid, false);
     }
     delete watcher;
     socket->deleteLater();
 }
 
-void ConsoleHub::watchersChanged(const QString &cid)
+void ConsoleHub::watchersChanged(const QString &cid, bool arrived)
 {
-    const int count = int(m_watchersOf.value(cid).size());
+    countChanged(cid);
+    const int here = int(m_watchersOf.value(cid).size());
+    if (m_bus) {
+        QJsonObject notice{{QStringLiteral("kind"), QStringLiteral("watchers")},
+                           {QStringLiteral("cid"), cid},
+                           {QStringLiteral("count"), here}};
+        if (arrived)
+            notice.insert(QStringLiteral("need_snapshot"), true);
+        m_bus->publish(notice);
+    }
+    if (arrived)
+        tellWatching(cid, true);
+    else if (totalWatchers(cid) == 0)
+        tellWatching(cid, false);
+}
+
+void ConsoleHub::countChanged(const QString &cid)
+{
+    const int count = totalWatchers(cid);
     m_live.setWatchers(cid, count);
     fanOut(cid, {{QStringLiteral("type"), QStringLiteral("watchers")},
                  {QStringLiteral("cid"), cid},
                  {QStringLiteral("count"), count}},
            0);
+}
+
+void ConsoleHub::expireTokens()
+{
+    const qint64 now = m_clock();
+    while (!m_expiries.isEmpty() && m_expiries.firstKey() < now) {
+        QWebSocket *socket = m_expiries.first();
+        m_expiries.erase(m_expiries.begin());
+        if (Watcher *w = m_watchers.value(socket)) {
+            w->tokenExpiresAt = 0;
+            // Told past its queue: the browser signs in again and watches anew.
+            socket->sendTextMessage(QString::fromUtf8(
+                compact(failure(QStringLiteral("watch"), QStringLiteral("token_expired"),
+                                QStringLiteral("Your sign-in has expired. Please sign in again.")))));
+            socket->close(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("token_expired"));
+        }
+    }
+}
+
+void ConsoleHub::broadcast(const QString &cid, const QJsonObject &message, int events)
+{
+    fanOut(cid, message, events);
+    if (m_bus && m_remoteWatchers.contains(cid))
+        m_bus->publish({{QStringLiteral("kind"), QStringLiteral("fan")},
+                        {QStringLiteral("cid"), cid},
+                        {QStringLiteral("events"), events},
+                        {QStringLiteral("message"), message}});
 }
 
 void ConsoleHub::fanOut(const QString &cid, const QJsonObject &message, int events)

@@ -1,9 +1,12 @@
 #pragma once
 
 #include "consoleservice.h"
+#include "servicetime.h"
 #include "watcherqueue.h"
 
+#include <QElapsedTimer>
 #include <QHash>
+#include <QMultiMap>
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
@@ -11,6 +14,7 @@
 #include <memory>
 #include <optional>
 
+class ConsoleBus;
 class ConsoleLive;
 class QTimer;
 class QWebSocket;
@@ -25,6 +29,12 @@ struct WorkReply;
 // the quota) goes to the database through the worker pool. Watchers
 // coming and going are told to the computer ("watching", authoritative)
 // and to the other watchers.
+//
+// With several instances on one PostgreSQL (a ConsoleBus), each instance
+// tells the others through the bus how many watch each computer here and
+// hears theirs; a command issued here for a computer held elsewhere, and
+// what a computer held here says while another instance has watchers for
+// it, go over the bus too. Without a bus everything stays in process.
 class ConsoleHub : public QObject
 {
     Q_OBJECT
@@ -39,8 +49,19 @@ public:
     static constexpr int kMaxWatchersPerComputer = 16;
     // A watcher's socket is given more only while less than this waits in it.
     static constexpr qint64 kWatcherSocketHighWater = 256 * 1024;
+    // Another instance's watcher count is forgotten when not repeated for
+    // this long (it repeats its counts with every touch).
+    static constexpr qint64 kRemoteCountKeepMs = 3 * kTouchIntervalMs + 5000;
+    // Computers watched from other instances that are kept track of; a
+    // count for a further one is ignored until others are forgotten.
+    static constexpr int kMaxRemoteWatched = 100000;
+    // How often watchers' access tokens are checked for expiry.
+    static constexpr int kExpiryCheckMs = 1000;
 
-    ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy, QObject *parent = nullptr);
+    // `bus` may be null (one instance); `clock` decides when a watcher's
+    // access token has expired.
+    ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy, ConsoleBus *bus,
+               ServiceClock clock = systemServiceClock(), QObject *parent = nullptr);
     ~ConsoleHub() override;
 
     void addComputer(std::unique_ptr<QWebSocket> socket);
@@ -73,7 +94,13 @@ private:
         QString cid;
         bool admitting = false;
         bool watching = false;
+        qint64 tokenExpiresAt = 0;  // on the service's clock
         WatcherQueue queue;
+    };
+    struct RemoteCount
+    {
+        int count = 0;
+        qint64 heardAtMs = 0;  // on m_uptime
     };
 
     void onComputerMessage(Computer *computer, const QString &text);
@@ -90,21 +117,36 @@ private:
     void admit(Watcher *watcher, const QString &token, const QString &cid);
     void refuseWatcher(Watcher *watcher, const QString &code, const QString &description);
     void fanOut(const QString &cid, const QJsonObject &message, int events);
+    // fanOut here and on every instance that has watchers of `cid`.
+    void broadcast(const QString &cid, const QJsonObject &message, int events);
     void enqueue(Watcher *watcher, const QByteArray &message, int events);
     void flush(Watcher *watcher);
-    void watchersChanged(const QString &cid);
+    // Local watchers of `cid` came or went; `arrived` when one was admitted.
+    void watchersChanged(const QString &cid, bool arrived);
+    int totalWatchers(const QString &cid) const;
+    void countChanged(const QString &cid);
+    void expireTokens();
 
     void onCommandQueued(const QString &cid);
+    void onNotice(const QJsonObject &notice);
     void touchHeld();
 
     WorkerPool &m_pool;
     ConsoleLive &m_live;
     ConsolePolicy m_policy;
+    ConsoleBus *m_bus;
+    ServiceClock m_clock;
     QTimer *m_touch;
+    QTimer *m_expiry;
+    QElapsedTimer m_uptime;
     // Owned here; removed when their socket goes.
     QHash<QWebSocket *, Computer *> m_computers;
     QHash<QString, Computer *> m_computerOf;  // greeted, by cid
     QHash<QWebSocket *, Watcher *> m_watchers;
     QHash<QString, QList<Watcher *>> m_watchersOf;  // watching, by cid
+    // Watchers on other instances: by cid, then by instance.
+    QHash<QString, QHash<QString, RemoteCount>> m_remoteWatchers;
+    // Admitted watchers by when their access token expires.
+    QMultiMap<qint64, QWebSocket *> m_expiries;
     qint64 m_lostEvents = 0;
 };

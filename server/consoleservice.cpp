@@ -463,7 +463,17 @@ ApiReply ConsoleService::mayWatch(const Caller &caller, const QString &cid)
     ApiReply refusal;
     if (!ownComputer(caller, cid, refusal))
         return refusal;
-    return ports(caller, cid);
+    ConsoleComputerRow row;
+    if (m_storage.consoleComputer(cid, row) != Storage::Found::Yes)
+        return internalError(kType);
+    // A socket held by another instance shows as a recent sighting: its
+    // holder marks it seen every 20 s.
+    const bool online = m_live.holdsSocket(cid) || m_clock() - row.lastSeenAt < m_policy.onlineWindowMs;
+    return ApiReply::ok(kType, {{QStringLiteral("cid"), cid},
+                                {QStringLiteral("ports"), QJsonDocument::fromJson(row.ports.toUtf8()).array()},
+                                {QStringLiteral("updated_at"), row.portsAt},
+                                {QStringLiteral("online"), online},
+                                {QStringLiteral("token_expires_at"), caller.tokenExpiresAt}});
 }
 
 ApiReply ConsoleService::issue(const Caller &caller, const QString &cid, const QJsonObject &body)

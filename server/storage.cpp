@@ -283,6 +283,31 @@ bool Storage::run(QSqlQuery &query, const char *what)
     return false;
 }
 
+bool Storage::notify(const QString &channel, const QList<QByteArray> &payloads)
+{
+    if (m_dialect != SqlDialect::Postgres || !begin())
+        return false;
+    for (const QByteArray &payload : payloads) {
+        QSqlQuery &q = prepare(QStringLiteral("SELECT pg_notify(?, ?)"));
+        q.addBindValue(channel);
+        q.addBindValue(QString::fromUtf8(payload));
+        if (!run(q, "notify")) {
+            rollback();
+            return false;
+        }
+    }
+    return commit();
+}
+
+bool Storage::subscribe(const QString &channel)
+{
+    if (m_dialect != SqlDialect::Postgres || !m_db.driver()->subscribeToNotification(channel)) {
+        qCWarning(lcStore) << "listen failed:" << m_db.driver()->lastError().text();
+        return false;
+    }
+    return true;
+}
+
 bool Storage::begin()
 {
     releaseStatements();

@@ -5,6 +5,7 @@
 #include <QList>
 #include <QPair>
 #include <QSqlDatabase>
+#include <QSqlDriver>
 #include <QSqlQuery>
 #include <QString>
 #include <QStringList>
@@ -177,6 +178,14 @@ public:
     bool beginWork();
     bool endWork();
     bool isConnectionLost() const { return m_lost; }
+
+    // Messages between instances (PostgreSQL only): sends each payload on
+    // `channel` in one transaction, so they arrive in this order. A
+    // connection that listens gets them through driver()'s notification
+    // signal after subscribe().
+    bool notify(const QString &channel, const QList<QByteArray> &payloads);
+    bool subscribe(const QString &channel);
+    QSqlDriver *driver() const { return m_db.driver(); }
 
     // Accounts
     Found userByEmail(const QString &email, UserRow &out);

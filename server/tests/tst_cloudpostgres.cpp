@@ -4,6 +4,9 @@
 // the cluster stops and starts again under load.
 #include "cloudservice.h"
 #include "codemailer.h"
+#include "consolebus.h"
+#include "consolehub.h"
+#include "consolesocketclient.h"
 #include "rawhttp.h"
 #include "relayend.h"
 #include "relayhub.h"
@@ -136,6 +139,7 @@ private slots:
     void twoInstancesShareAccountsTokensAndItems();
     void anOutageIsAnsweredUnavailableAndLosesNoWrite();
     void twoInstancesBehindHaproxyServeEveryFlow();
+    void aComputerOnOneInstanceIsWatchedAndDrivenFromAnother();
 
 private:
     bool runAsOwner(const QString &program, const QStringList &arguments, int timeoutMs = 60000);
@@ -539,6 +543,109 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
         QVERIFY(client.waitForText("peer_gone"));
         QTRY_COMPARE_WITH_TIMEOUT(first->relays().relayCount(), 0, 5000);
     }
+}
+
+void TestCloudPostgres::aComputerOnOneInstanceIsWatchedAndDrivenFromAnother()
+{
+    auto holder = startInstance();
+    auto other = startInstance();
+    QVERIFY(holder && other);
+    QVERIFY(holder->consoleBus() && other->consoleBus());
+    const quint16 p1 = holder->port();
+    const quint16 p2 = other->port();
+    const QString token = registerAccount(p1, QStringLiteral("console@example.org"));
+    QVERIFY(!token.isEmpty());
+    const QString cid = QStringLiteral("7d1f6a2c-3b4e-4f50-8a9b-0c1d2e3f4a5b");
+
+    SocketClient computer;
+    QVERIFY(computer.open(p1, ConsoleHub::kComputerPath, token));
+    computer.send({{"type", "hello"}, {"cid", cid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "lab-pc"}});
+    QTRY_COMPARE_WITH_TIMEOUT(computer.ofType("hello").size(), 1, 10000);
+    QVERIFY(computer.ofType("hello")[0].value("status").toBool());
+    QCOMPARE(computer.ofType("hello")[0].value("watching"), QJsonValue(false));
+
+    // A browser on the other instance: the computer is told at once, with
+    // authority, and asked for its ports.
+    SocketClient watcher;
+    QVERIFY(watcher.open(p2, ConsoleHub::kWatchPath));
+    watcher.send({{"type", "watch"}, {"access_token", token}, {"cid", cid}});
+    QTRY_VERIFY_WITH_TIMEOUT(watcher.find("type", "watchers") >= 0, 10000);
+    QCOMPARE(watcher.received[0].value("status"), QJsonValue(true));
+    QCOMPARE(watcher.received[0].value("online"), QJsonValue(true));
+    QTRY_VERIFY_WITH_TIMEOUT(computer.find("need_snapshot", true) >= 0, 10000);
+    QCOMPARE(computer.received[computer.find("need_snapshot", true)].value("watching"), QJsonValue(true));
+    QCOMPARE(computer.received[computer.find("need_snapshot", true)].value("authoritative"), QJsonValue(true));
+
+    // A second watcher on the holder's instance: both count both.
+    SocketClient near;
+    QVERIFY(near.open(p1, ConsoleHub::kWatchPath));
+    near.send({{"type", "watch"}, {"access_token", token}, {"cid", cid}});
+    QTRY_VERIFY_WITH_TIMEOUT(!near.ofType("watchers").isEmpty() && near.ofType("watchers").last().value("count") == 2,
+                             10000);
+    QTRY_COMPARE_WITH_TIMEOUT(watcher.ofType("watchers").last().value("count").toInt(), 2, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(httpRequest(p2, "GET", "/api/v3/console/computers", {}, token)
+                                  .json.value("computers").toArray()[0].toObject().value("watchers").toInt(),
+                              2, 10000);
+
+    // Traffic, in order, whole, however large its batch: past the bus's
+    // payload limit, with characters of several bytes at every cut.
+    const QJsonArray ports{QJsonObject{{"port_key", "p1"}, {"connection_mode", 0}, {"port_name", "/dev/ttyUSB0"}, {"open", true}}};
+    computer.send({{"type", "snapshot"}, {"cid", cid}, {"session_id", "s1"}, {"ports", ports}});
+    QList<QJsonArray> sent;
+    for (int batch = 0; batch < 6; ++batch) {
+        QJsonArray events;
+        const int count = batch == 0 ? 1 : 16;
+        for (int i = 0; i < count; ++i) {
+            const QString text = batch == 0 ? QStringLiteral("boot ok\r\n")
+                                            : QString(1 + (batch * 131 + i * 17) % 2000, QChar(0x4e00 + i + batch))
+                                                  + QStringLiteral("\u00e9x\U0001F600");
+            events.append(QJsonObject{{"port_key", "p1"}, {"event_type", "rx"}, {"payload_text", text},
+                                      {"seq", batch * 100 + i}, {"client_time", 1}});
+        }
+        sent.append(events);
+        computer.send({{"type", "events"}, {"cid", cid}, {"session_id", "s1"}, {"events", events}});
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(watcher.ofType("events").size(), sent.size(), 15000);
+    for (int i = 0; i < sent.size(); ++i)
+        QCOMPARE(watcher.ofType("events")[i].value("events").toArray(), sent[i]);
+    QTRY_VERIFY_WITH_TIMEOUT(!watcher.ofType("snapshot").isEmpty() && watcher.ofType("snapshot").last().value("ports") == ports,
+                             10000);
+
+    // A command issued on the other instance is pushed by the holder at
+    // once (no poll runs here), and its result comes back to the browser.
+    const RawResponse issued = httpJson(p2, "POST", "/api/v3/console/computers/" + cid.toUtf8() + "/commands",
+                                        {{"command", "send_text"},
+                                         {"payload", QJsonObject{{"port_key", "p1"}, {"text", "hello"}, {"line_ending", "crlf"}}}},
+                                        token);
+    QVERIFY2(issued.ok(), issued.body.constData());
+    const QString id = issued.json.value("command_id").toString();
+    QTRY_VERIFY_WITH_TIMEOUT([&] {
+        for (const QJsonObject &m : computer.ofType("console")) {
+            for (const QJsonValue &c : m.value("commands").toArray())
+                if (c.toObject().value("command_id").toString() == id)
+                    return true;
+        }
+        return false;
+    }(), 10000);
+    computer.send({{"type", "result"}, {"command_id", id}, {"result", QJsonObject{{"cid", cid}, {"status", "succeeded"}, {"bytes", 7}}}});
+    QTRY_VERIFY_WITH_TIMEOUT(!watcher.ofType("result").isEmpty(), 10000);
+    QCOMPARE(watcher.ofType("result")[0].value("command_id").toString(), id);
+    QCOMPARE(watcher.ofType("result")[0].value("result").toObject().value("bytes").toInt(), 7);
+    QCOMPARE(httpRequest(p2, "GET", "/api/v3/console/commands/" + id.toUtf8(), {}, token)
+                 .json.value("command").toObject().value("state").toString(),
+             QStringLiteral("done"));
+
+    // The browsers leave: the computer hears "nobody" only when the last one
+    // has gone, whichever instance it was on.
+    const int watched = computer.find("need_snapshot", true);
+    near.socket.close();
+    QTRY_COMPARE_WITH_TIMEOUT(watcher.ofType("watchers").last().value("count").toInt(), 1, 10000);
+    QCOMPARE(computer.find("watching", false, watched), -1);
+    watcher.socket.close();
+    QTRY_VERIFY_WITH_TIMEOUT(computer.find("watching", false, watched) >= 0, 10000);
+    QCOMPARE(computer.received[computer.find("watching", false, watched)].value("authoritative"), QJsonValue(true));
+    QCOMPARE(holder->consoleBus()->lostNotices() + other->consoleBus()->lostNotices(), 0);
+    QCOMPARE(holder->consoleBus()->droppedNotices() + other->consoleBus()->droppedNotices(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestCloudPostgres)

@@ -4,6 +4,8 @@
 #include "codemailer.h"
 #include "cloudservice.h"
 #include "consolehub.h"
+#include "consolesocketclient.h"
+#include "noticeframes.h"
 #include "rawhttp.h"
 #include "watcherqueue.h"
 
@@ -31,52 +33,6 @@ QJsonObject objectOf(const QString &text)
     return QJsonDocument::fromJson(text.toUtf8()).object();
 }
 
-// One end of a console socket, keeping what it was sent.
-class SocketClient : public QObject
-{
-public:
-    QWebSocket socket;
-    QList<QJsonObject> received;
-    bool closed = false;
-
-    SocketClient()
-    {
-        connect(&socket, &QWebSocket::textMessageReceived, this,
-                [this](const QString &text) { received.append(objectOf(text)); });
-        connect(&socket, &QWebSocket::disconnected, this, [this] { closed = true; });
-    }
-    bool open(quint16 port, const char *path, const QString &token = {})
-    {
-        QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1%2").arg(port).arg(QLatin1String(path))));
-        if (!token.isEmpty())
-            request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
-        socket.open(request);
-        return QTest::qWaitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; }, 5000);
-    }
-    void send(const QJsonObject &object)
-    {
-        socket.sendTextMessage(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
-    }
-    // The first message at or after `from` with `member` equal to `value`.
-    int find(const QString &member, const QJsonValue &value, int from = 0) const
-    {
-        for (int i = from; i < received.size(); ++i) {
-            if (received[i].value(member) == value)
-                return i;
-        }
-        return -1;
-    }
-    QList<QJsonObject> ofType(const QString &type) const
-    {
-        QList<QJsonObject> out;
-        for (const QJsonObject &message : received) {
-            if (message.value(QLatin1String("type")).toString() == type)
-                out.append(message);
-        }
-        return out;
-    }
-};
-
 QJsonObject trafficEvent(const QString &text, int seq)
 {
     return {{"port_key", "p1"}, {"event_type", "rx"}, {"payload_text", text}, {"seq", seq}, {"client_time", kStart}};
@@ -100,7 +56,11 @@ private slots:
     void watchersAreToldToTheComputerAndSeeItsTraffic();
     void watchersAreRefusedWithAReason_data();
     void watchersAreRefusedWithAReason();
+    void aWatcherIsToldAndClosedWhenItsTokenExpires();
     void trafficCountsAgainstTheQuota();
+    void noticesBetweenInstancesArriveWholeInPieces_data();
+    void noticesBetweenInstancesArriveWholeInPieces();
+    void brokenNoticePiecesAreCountedAndBounded();
     void badConsoleInputGetsAnEnvelope_data();
     void badConsoleInputGetsAnEnvelope();
     void thePageIsServedWithAStrictPolicy_data();
@@ -429,6 +389,119 @@ void TestConsoleApi::watchersAreRefusedWithAReason()
     QCOMPARE(watcher.received[0].value("status"), QJsonValue(false));
     QCOMPARE(watcher.received[0].value("code").toString(), code);
     QCOMPARE(watcher.socket.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+}
+
+void TestConsoleApi::aWatcherIsToldAndClosedWhenItsTokenExpires()
+{
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    QCOMPARE(heartbeat(token).value("status"), QJsonValue(true));
+    SocketClient watcher;
+    QVERIFY(watcher.open(m_port, ConsoleHub::kWatchPath));
+    watcher.send({{"type", "watch"}, {"access_token", token}, {"cid", kCid}});
+    QTRY_VERIFY_WITH_TIMEOUT(watcher.find("type", "watchers") >= 0, 5000);
+    // Still valid a moment before the end of its life (900 s by default).
+    m_now += 899 * 1000;
+    QTest::qWait(2 * ConsoleHub::kExpiryCheckMs);
+    QVERIFY(!watcher.closed);
+    QCOMPARE(watcher.find("code", "token_expired"), -1);
+    m_now += 2 * 1000;
+    QTRY_VERIFY_WITH_TIMEOUT(watcher.closed, 5000);
+    const int told = watcher.find("code", "token_expired");
+    QVERIFY(told >= 0);
+    QCOMPARE(watcher.received[told].value("type").toString(), QStringLiteral("watch"));
+    QCOMPARE(watcher.received[told].value("status"), QJsonValue(false));
+    QCOMPARE(watcher.socket.closeCode(), QWebSocketProtocol::CloseCodePolicyViolated);
+    // The same token does not admit it again.
+    SocketClient again;
+    QVERIFY(again.open(m_port, ConsoleHub::kWatchPath));
+    again.send({{"type", "watch"}, {"access_token", token}, {"cid", kCid}});
+    QTRY_VERIFY_WITH_TIMEOUT(again.closed, 5000);
+    QCOMPARE(again.received.value(0).value("code").toString(), QStringLiteral("token_expired"));
+}
+
+void TestConsoleApi::noticesBetweenInstancesArriveWholeInPieces_data()
+{
+    QTest::addColumn<QByteArray>("message");
+    QTest::addColumn<int>("pieces");
+    // A one-byte lead puts every cut inside a character.
+    const QByteArray cut = "a" + QString(NoticeFrames::kMaxPieceBytes / 3 + 1, QChar(0x4e2d)).toUtf8();
+    QTest::newRow("small") << QByteArray("{\"kind\":\"command\"}") << 1;
+    QTest::newRow("exactly one piece") << QByteArray(NoticeFrames::kMaxPieceBytes, 'a') << 1;
+    QTest::newRow("one byte over") << QByteArray(NoticeFrames::kMaxPieceBytes + 1, 'a') << 2;
+    QTest::newRow("three-byte characters across a cut") << cut << 2;
+    QTest::newRow("four-byte characters") << "ab" + QString(5000, QChar(0xd83d)).replace(QChar(0xd83d), QStringLiteral("\U0001F600")).toUtf8() << 3;
+    QTest::newRow("largest") << QByteArray(NoticeFrames::kMaxMessageBytes - 1, 'z')
+                             << int((NoticeFrames::kMaxMessageBytes + NoticeFrames::kMaxPieceBytes - 1) / NoticeFrames::kMaxPieceBytes);
+}
+
+void TestConsoleApi::noticesBetweenInstancesArriveWholeInPieces()
+{
+    QFETCH(QByteArray, message);
+    QFETCH(int, pieces);
+    const QList<QByteArray> first = NoticeFrames::split("aaaa", 7, message);
+    const QList<QByteArray> second = NoticeFrames::split("bbbb", 7, message + "!");
+    QCOMPARE(first.size(), pieces);
+    for (const QByteArray &payload : first) {
+        QVERIFY(payload.size() < 8000);  // the database's limit
+        QVERIFY(QString::fromUtf8(payload).toUtf8() == payload);  // valid UTF-8: no character cut
+    }
+    // Two senders' pieces interleaved, each in its own order.
+    NoticeFrames frames;
+    QList<NoticeFrames::Joined> joined;
+    for (int i = 0; i < qMax(first.size(), second.size()); ++i) {
+        for (const QList<QByteArray> *list : {&first, &second}) {
+            if (i < list->size()) {
+                if (auto whole = frames.feed(list->at(i)))
+                    joined.append(*whole);
+            }
+        }
+    }
+    QCOMPARE(joined.size(), 2);
+    QCOMPARE(joined[0].origin, QByteArray("aaaa"));
+    QCOMPARE(joined[0].message, message);
+    QCOMPARE(joined[1].origin, QByteArray("bbbb"));
+    QCOMPARE(joined[1].message, message + "!");
+    QCOMPARE(frames.pending(), 0);
+    QCOMPARE(frames.malformed() + frames.abandoned(), 0);
+}
+
+void TestConsoleApi::brokenNoticePiecesAreCountedAndBounded()
+{
+    NoticeFrames frames;
+    // Not ours, or lying about its size.
+    for (const QByteArray &bad : {QByteArray("no header"), QByteArray("x 1 0\n{}"), QByteArray("x 1 2 2\n{}"),
+                                  QByteArray("x 1 0 100000\n{}"), QByteArray(" 1 0 1\n{}"),
+                                  QByteArray("x 1 0 1\n") + QByteArray(NoticeFrames::kMaxPieceBytes + 1, 'a')})
+        QVERIFY(!frames.feed(bad));
+    QCOMPARE(frames.malformed(), 6);
+    // Too large to send at all.
+    QVERIFY(NoticeFrames::split("x", 1, QByteArray(NoticeFrames::kMaxMessageBytes + 1, 'a')).isEmpty());
+
+    // A piece lost: that message is given up, the next one arrives.
+    const QByteArray big(3 * NoticeFrames::kMaxPieceBytes, 'q');
+    QList<QByteArray> lost = NoticeFrames::split("x", 1, big);
+    lost.removeAt(1);
+    for (const QByteArray &payload : lost)
+        QVERIFY(!frames.feed(payload));
+    QCOMPARE(frames.abandoned(), 1);
+    std::optional<NoticeFrames::Joined> whole;
+    for (const QByteArray &payload : NoticeFrames::split("x", 2, big))
+        whole = frames.feed(payload);
+    QVERIFY(whole && whole->message == big);
+
+    // Senders that never finish hold at most kMaxPending messages; the
+    // oldest is given up first, so a newer one still completes.
+    QList<QList<QByteArray>> unfinished;
+    for (int i = 0; i < NoticeFrames::kMaxPending + 5; ++i) {
+        unfinished.append(NoticeFrames::split("s" + QByteArray::number(i), 1, big));
+        QVERIFY(!frames.feed(unfinished.last()[0]));
+    }
+    QCOMPARE(frames.pending(), NoticeFrames::kMaxPending);
+    const qint64 abandonedBefore = frames.abandoned();
+    QVERIFY(!frames.feed(unfinished[0][1]));  // given up already
+    QCOMPARE(frames.abandoned(), abandonedBefore + 1);
+    QVERIFY(!frames.feed(unfinished.last()[1]));
+    QVERIFY(frames.feed(unfinished.last()[2]));
 }
 
 void TestConsoleApi::trafficCountsAgainstTheQuota()

@@ -19,16 +19,17 @@ void CloudServiceRunner::readLog()
     m_log += m_process.readAllStandardError();
 }
 
-bool CloudServiceRunner::start()
+bool CloudServiceRunner::start(const QStringList &options)
 {
     stop();
     m_log.clear();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.remove(QStringLiteral("QT_LOGGING_RULES"));
     m_process.setProcessEnvironment(environment);
-    m_process.start(QStringLiteral(TSL_CLOUD_BINARY),
-                    {"--listen", "127.0.0.1:0", "--database", m_dir.filePath("cloud.sqlite"),
-                     "--argon2-memory", "256", "--argon2-passes", "1"});
+    QStringList arguments{"--listen", "127.0.0.1:0", "--argon2-memory", "256", "--argon2-passes", "1"};
+    if (!options.contains(QStringLiteral("--database")))
+        arguments << "--database" << m_dir.filePath("cloud.sqlite");
+    m_process.start(QStringLiteral(TSL_CLOUD_BINARY), arguments + options);
     static const QRegularExpression listening(QStringLiteral("listening on 127\\.0\\.0\\.1:(\\d+)"));
     QDeadlineTimer deadline(10000);
     while (!deadline.hasExpired()) {
