@@ -1,5 +1,7 @@
 #include "relayend.h"
 
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QSslConfiguration>
@@ -82,6 +84,17 @@ bool RelayEnd::waitForText(const QString &type, int timeoutMs)
 bool RelayEnd::waitForClose(int timeoutMs)
 {
     return QTest::qWaitFor([&] { return closeCode != 0; }, timeoutMs);
+}
+
+bool pumpUntil(const std::function<bool()> &done, int timeoutMs)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+    }
+    return true;
 }
 
 QByteArray randomBytes(qsizetype size, quint32 seed)

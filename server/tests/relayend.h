@@ -7,6 +7,8 @@
 #include <QObject>
 #include <QSslSocket>
 
+#include <functional>
+
 class QSslCertificate;
 
 // One relay end as the program speaks it: WebSocket through WebSocketCodec
@@ -40,6 +42,10 @@ public:
     bool waitForText(const QString &type, int timeoutMs = 10000);
     bool waitForClose(int timeoutMs = 10000);
 };
+
+// Runs the event loop until `done` holds or `timeoutMs` passed, without
+// QTest::qWaitFor's pauses between turns (they would cap bulk traffic).
+bool pumpUntil(const std::function<bool()> &done, int timeoutMs);
 
 // Reproducible random bytes.
 QByteArray randomBytes(qsizetype size, quint32 seed = 1);

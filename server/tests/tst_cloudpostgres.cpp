@@ -536,8 +536,8 @@ void TestCloudPostgres::twoInstancesBehindHaproxyServeEveryFlow()
         const QByteArray down = randomBytes(512 * 1024 + round, quint32(round + 10));
         client.send(up);
         host.send(down);
-        QVERIFY(QTest::qWaitFor([&] { return host.received.size() >= up.size() && client.received.size() >= down.size(); },
-                                30000));
+        QVERIFY(pumpUntil([&] { return host.received.size() >= up.size() && client.received.size() >= down.size(); },
+                          30000));
         QVERIFY(host.received == up && client.received == down);
         host.close();
         QVERIFY(client.waitForText("peer_gone"));

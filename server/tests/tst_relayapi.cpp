@@ -252,8 +252,8 @@ void TestRelayApi::twoEndsPairAndCarryBytesBothWaysInOrder()
     const QByteArray down = randomBytes(2 * 1024 * 1024 + 5, 2);
     client.send(up);
     host.send(down);
-    QVERIFY(QTest::qWaitFor([&] { return host.received.size() >= up.size() && client.received.size() >= down.size(); },
-                            30000));
+    QVERIFY(pumpUntil([&] { return host.received.size() >= up.size() && client.received.size() >= down.size(); },
+                      30000));
     QVERIFY(host.received == up);
     QVERIFY(client.received == down);
 
@@ -381,7 +381,7 @@ void TestRelayApi::aSlowReaderHoldsTheWriterBack()
     host.reading = true;
     host.socket.setReadBufferSize(0);
     host.read();
-    const bool all = QTest::qWaitFor([&] { host.read(); return host.received.size() >= flood.size(); }, 60000);
+    const bool all = pumpUntil([&] { host.read(); return host.received.size() >= flood.size(); }, 60000);
     QVERIFY2(all, qPrintable(QStringLiteral("%1 of %2 bytes arrived, %3 still to leave the writer")
                                  .arg(host.received.size())
                                  .arg(flood.size())
