@@ -187,7 +187,10 @@ qint64 MultiClientServer::writeToAll(const QByteArray &data)
             }
             continue;
         }
-        m_skipping.remove(socket);
+        // Its stretch ends only once it has taken a good part of its
+        // backlog: the kernel taking a few more bytes is not reading again.
+        if (socket->bytesToWrite() < kClientWriteHighWatermark / 2)
+            m_skipping.remove(socket);
         largest = qMax(largest, socket->write(data));
     }
     return largest;

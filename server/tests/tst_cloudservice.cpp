@@ -585,8 +585,8 @@ void TestCloudService::badInputGetsAnEnvelope_data()
                                            << "invalid_field";
     QTest::newRow("unknown path in a family") << QByteArray("GET") << QByteArray("/api/v3/account/nothing") << QByteArray()
                                               << false << 404 << "account" << "not_found";
-    QTest::newRow("relay not offered yet") << QByteArray("POST") << QByteArray("/api/v3/relay/sessions")
-                                           << QByteArray("{}") << true << 404 << "relay" << "not_found";
+    QTest::newRow("relay session without cid") << QByteArray("POST") << QByteArray("/api/v3/relay/sessions")
+                                               << QByteArray("{}") << true << 400 << "relay" << "missing_field";
     QTest::newRow("heartbeat without cid") << QByteArray("POST") << QByteArray("/api/v3/console/heartbeat")
                                            << QByteArray("{}") << true << 400 << "console" << "missing_field";
     QTest::newRow("outside the API") << QByteArray("GET") << QByteArray("/index.html") << QByteArray() << false << 404
@@ -674,7 +674,7 @@ void TestCloudService::webSocketHandshakesNeedAKnownPathAndAValidRequest()
         return rawExchange(m_port, "GET " + path + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n");
     };
     // Elsewhere a handshake is an ordinary request.
-    RawResponse reply = get("/ws/relay/v1", upgrade + key);
+    RawResponse reply = get("/ws/nothing/v1", upgrade + key);
     QCOMPARE(reply.status, 404);
     QCOMPARE(reply.code(), QStringLiteral("not_found"));
     // On a known path, only a complete one is taken.
