@@ -29,6 +29,7 @@ std::optional<HttpResponse> serve(const QByteArray &method, const QString &path)
     static const File files[] = {
         {"/", ":/web/index.html", "text/html; charset=utf-8"},
         {"/console.js", ":/web/console.js", "text/javascript; charset=utf-8"},
+        {"/pagekit.js", ":/web/pagekit.js", "text/javascript; charset=utf-8"},
         {"/console.css", ":/web/console.css", "text/css; charset=utf-8"},
         // Without an icon of its own, every visit costs the browser a 404.
         {"/favicon.svg", ":/web/favicon.svg", "image/svg+xml"},

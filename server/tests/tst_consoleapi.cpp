@@ -797,6 +797,7 @@ void TestConsoleApi::thePageIsServedWithAStrictPolicy_data()
     QTest::addColumn<QByteArray>("type");
     QTest::newRow("page") << QByteArray("/") << QByteArray("text/html; charset=utf-8");
     QTest::newRow("script") << QByteArray("/console.js") << QByteArray("text/javascript; charset=utf-8");
+    QTest::newRow("shared script") << QByteArray("/pagekit.js") << QByteArray("text/javascript; charset=utf-8");
     QTest::newRow("style") << QByteArray("/console.css") << QByteArray("text/css; charset=utf-8");
     QTest::newRow("icon") << QByteArray("/favicon.svg") << QByteArray("image/svg+xml");
 }
@@ -820,7 +821,8 @@ void TestConsoleApi::thePageIsServedWithAStrictPolicy()
     QVERIFY(!reply.body.contains("localStorage") && !reply.body.contains("sessionStorage")
             && !reply.body.contains("document.cookie"));
     if (path == "/") {
-        QCOMPARE(reply.body.count("<script"), 1);
+        QCOMPARE(reply.body.count("<script"), 2);
+        QVERIFY(reply.body.contains("<script src=\"/pagekit.js\" defer></script>"));
         QVERIFY(reply.body.contains("<script src=\"/console.js\" defer></script>"));
         QVERIFY(!QRegularExpression(QStringLiteral(" on[a-z]+=")).match(QString::fromUtf8(reply.body)).hasMatch());
     }

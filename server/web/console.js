@@ -41,12 +41,7 @@ const english = {
   done: 'Done.', waiting: 'Waiting for the device…', signInFailed: 'Sign-in failed: %1',
   connectionLost: 'The connection to the service was lost; reconnecting…', pause: 'Pause',
 };
-const lang = (navigator.languages || [navigator.language]).some((l) => /^zh/i.test(l)) ? 'zh' : 'en';
-function t(key, arg) {
-  const text = (lang === 'zh' && texts.zh[key]) || english[key] || key;
-  return arg === undefined ? text : text.replace('%1', arg);
-}
-
+const t = translator(texts.zh, english);
 // A refusal in the reader's language: its own text when that is known,
 // else the meaning of its code, else the text as the device or service said it.
 function refusal(message, code) {
@@ -55,8 +50,6 @@ function refusal(message, code) {
   return message || code || '';
 }
 
-const maxLines = 2000;  // scroll-back per port view
-const $ = (id) => document.getElementById(id);
 let auth = null;        // {access, refresh}: never stored anywhere else
 let computer = null;    // the watched computer's cid
 let socket = null;
@@ -67,14 +60,6 @@ let pending = new Map();  // command id -> what it was, for its result
 // Results that came over the socket before the reply to their own issue.
 const early = new Map();
 const maxEarly = 64;
-
-function applyLanguage() {
-  document.documentElement.lang = lang === 'zh' ? 'zh-CN' : 'en';
-  for (const node of document.querySelectorAll('[data-t]')) {
-    if (lang === 'zh' && texts.zh[node.dataset.t]) node.textContent = texts.zh[node.dataset.t];
-  }
-  document.title = t('title') === 'title' ? document.title : t('title');
-}
 
 async function api(method, path, body) {
   const response = await fetch('/api/v3/' + path, {
@@ -151,7 +136,7 @@ function watch(c) {
   $('computer').hidden = false;
   $('port').hidden = true;
   $('computerName').textContent = c.hostname || c.cid;
-  setPresence(c.online);
+  setPresence(t, c.online);
   connect();
 }
 
@@ -171,14 +156,14 @@ function connect() {
 function heard(message) {
   switch (message.type) {
   case 'watch':
-    if (message.status) { setPresence(message.online); break; }
+    if (message.status) { setPresence(t, message.online); break; }
     note(refusal(message.description, message.code), true);
     // An expired token is renewed by any signed-in call before the next try;
     // any other refusal stands, and trying again would only repeat it.
     if (message.code === 'invalid_token') api('GET', 'console/computers');
     else socket = null;
     break;
-  case 'presence': setPresence(message.online); break;
+  case 'presence': setPresence(t, message.online); break;
   case 'watchers': $('watchers').textContent = t('watchers', message.count); break;
   case 'snapshot': ports = message.ports || []; showPorts(); break;
   case 'events':
@@ -190,11 +175,6 @@ function heard(message) {
   case 'lost': line('', t('lost', message.events), Date.now(), 'failed'); break;
   case 'result': showResult(message); break;
   }
-}
-
-function setPresence(online) {
-  $('presence').textContent = t(online ? 'online' : 'offline');
-  $('presence').className = online ? 'online' : 'offline';
 }
 
 function showPorts() {
@@ -218,32 +198,9 @@ function choosePort(key) {
   showPorts();
 }
 
-function hexOf(text) {
-  return Array.from(new TextEncoder().encode(text), (b) => b.toString(16).padStart(2, '0')).join(' ') + ' ';
-}
-
 function line(kind, text, time, cls) {
   if (paused && !cls) return;
-  const view = $('traffic');
-  const row = document.createElement('div');
-  if (kind === 'tx') row.className = 'tx';
-  if (cls) row.className = cls;
-  if ($('stamps').checked) {
-    const stamp = document.createElement('span');
-    stamp.className = 'stamp';
-    stamp.textContent = new Date(time).toISOString().substring(11, 23) + ' ';
-    row.append(stamp);
-  }
-  row.append(document.createTextNode($('hexView').checked && !cls ? hexOf(text) : text));
-  const atBottom = view.scrollTop + view.clientHeight >= view.scrollHeight - 4;
-  view.append(row);
-  while (view.childElementCount > maxLines) view.firstElementChild.remove();
-  if (atBottom) view.scrollTop = view.scrollHeight;
-}
-
-function note(text, failed) {
-  $('outcome').textContent = text;
-  $('outcome').className = failed ? 'failed' : '';
+  appendTraffic(kind, text, time, cls);
 }
 
 async function issue(command, payload) {
@@ -281,7 +238,7 @@ function send(event) {
 }
 
 document.addEventListener('DOMContentLoaded', () => {
-  applyLanguage();
+  applyLanguage(t, texts.zh);
   $('signin').addEventListener('submit', signIn);
   $('signout').addEventListener('click', signOut);
   $('refresh').addEventListener('click', listComputers);

@@ -41,15 +41,7 @@ const english = {
   expired: 'The share expired.', revoked: 'The owner stopped sharing.', stale: "The owner's computer restarted.",
   too_many_attempts: 'Too many wrong passcodes; the share was revoked.', ended: 'The share ended.',
 };
-const lang = (navigator.languages || [navigator.language]).some((l) => /^zh/i.test(l)) ? 'zh' : 'en';
-function t(key, ...args) {
-  let text = (lang === 'zh' && texts.zh[key]) || english[key] || key;
-  args.forEach((arg, i) => { text = text.replace('%' + (i + 1), arg); });
-  return text;
-}
-
-const maxLines = 2000;  // scroll-back
-const $ = (id) => document.getElementById(id);
+const t = translator(texts.zh, english);
 const code = decodeURIComponent(location.pathname.split('/').pop() || '');
 const tokenKey = 'tessaline-guest-' + code;
 let share = null;      // what admission told: share_id, port_key, label, web, expires_at
@@ -58,14 +50,6 @@ let port = null;       // the shared port's snapshot entry
 let ended = false;
 let nextRef = 1;
 const pending = new Map();  // ref or command id -> the command, for its answer
-
-function applyLanguage() {
-  document.documentElement.lang = lang === 'zh' ? 'zh-CN' : 'en';
-  for (const node of document.querySelectorAll('[data-t]')) {
-    if (lang === 'zh' && texts.zh[node.dataset.t]) node.textContent = texts.zh[node.dataset.t];
-  }
-  document.title = t('title') === 'title' ? document.title : t('title');
-}
 
 async function api(method, path, body) {
   const response = await fetch('/api/v3/' + path, {
@@ -155,7 +139,7 @@ function admitted(message) {
   share = message;
   $('invite').hidden = true;
   $('port').hidden = false;
-  setPresence(message.online);
+  setPresence(t, message.online);
   const level = {view: 'levelView', send: 'levelSend', control: 'levelControl'}[message.web] || 'levelView';
   $('access').textContent = t(level);
   $('send').hidden = message.web === 'view';
@@ -166,56 +150,24 @@ function admitted(message) {
 function heard(message) {
   switch (message.type) {
   case 'watch': admitted(message); break;
-  case 'presence': setPresence(message.online); break;
+  case 'presence': setPresence(t, message.online); break;
   case 'snapshot': port = (message.ports || [])[0] || port; showPort(); break;
   case 'events':
-    if (message.dropped) line('', t('dropped', message.dropped), Date.now(), 'failed');
+    if (message.dropped) appendTraffic('', t('dropped', message.dropped), Date.now(), 'failed');
     for (const e of message.events) {
-      if (share && e.port_key === share.port_key) line(e.event_type, e.payload_text, e.client_time);
+      if (share && e.port_key === share.port_key) appendTraffic(e.event_type, e.payload_text, e.client_time);
     }
     break;
-  case 'lost': line('', t('lost', message.events), Date.now(), 'failed'); break;
+  case 'lost': appendTraffic('', t('lost', message.events), Date.now(), 'failed'); break;
   case 'command': commandAnswered(message); break;
   case 'result': showResult(message); break;
   case 'share_ended': showEnd(message.reason); break;
   }
 }
 
-function setPresence(online) {
-  $('presence').textContent = t(online ? 'online' : 'offline');
-  $('presence').className = online ? 'online' : 'offline';
-}
-
 function showPort() {
   const name = (port && (port.label || port.port_name)) || (share && (share.label || share.port_key)) || '';
   $('portName').textContent = port ? `${name} · ${t(port.open ? 'isOpen' : 'isClosed')}` : name;
-}
-
-function hexOf(text) {
-  return Array.from(new TextEncoder().encode(text), (b) => b.toString(16).padStart(2, '0')).join(' ') + ' ';
-}
-
-function line(kind, text, time, cls) {
-  const view = $('traffic');
-  const row = document.createElement('div');
-  if (kind === 'tx') row.className = 'tx';
-  if (cls) row.className = cls;
-  if ($('stamps').checked) {
-    const stamp = document.createElement('span');
-    stamp.className = 'stamp';
-    stamp.textContent = new Date(time).toISOString().substring(11, 23) + ' ';
-    row.append(stamp);
-  }
-  row.append(document.createTextNode($('hexView').checked && !cls ? hexOf(text) : text));
-  const atBottom = view.scrollTop + view.clientHeight >= view.scrollHeight - 4;
-  view.append(row);
-  while (view.childElementCount > maxLines) view.firstElementChild.remove();
-  if (atBottom) view.scrollTop = view.scrollHeight;
-}
-
-function note(text, failed) {
-  $('outcome').textContent = text;
-  $('outcome').className = failed ? 'failed' : '';
 }
 
 function issue(command, payload) {
@@ -248,7 +200,7 @@ function send(event) {
 }
 
 document.addEventListener('DOMContentLoaded', () => {
-  applyLanguage();
+  applyLanguage(t, texts.zh);
   $('join').addEventListener('submit', join);
   $('send').addEventListener('submit', send);
   $('openPort').addEventListener('click', () => issue('open_port', {}));
