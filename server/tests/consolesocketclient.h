@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkRequest>
@@ -20,13 +21,13 @@ public:
                 [this](const QString &text) { received.append(QJsonDocument::fromJson(text.toUtf8()).object()); });
         connect(&socket, &QWebSocket::disconnected, this, [this] { closed = true; });
     }
-    bool open(quint16 port, const char *path, const QString &token = {})
+    bool open(quint16 port, const char *path, const QString &token = {}, int waitMs = 5000)
     {
         QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1%2").arg(port).arg(QLatin1String(path))));
         if (!token.isEmpty())
             request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
         socket.open(request);
-        return QTest::qWaitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; }, 5000);
+        return QTest::qWaitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; }, waitMs);
     }
     void send(const QJsonObject &object)
     {
@@ -47,6 +48,17 @@ public:
         for (const QJsonObject &message : received) {
             if (message.value(QLatin1String("type")).toString() == type)
                 out.append(message);
+        }
+        return out;
+    }
+    bool heard(const QString &member, const QJsonValue &value) const { return find(member, value) >= 0; }
+    // Every command pushed to a computer socket so far.
+    QList<QJsonObject> commands() const
+    {
+        QList<QJsonObject> out;
+        for (const QJsonObject &message : ofType(QStringLiteral("console"))) {
+            for (const QJsonValue &command : message.value(QLatin1String("commands")).toArray())
+                out.append(command.toObject());
         }
         return out;
     }

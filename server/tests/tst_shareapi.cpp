@@ -5,6 +5,7 @@
 #include "codemailer.h"
 #include "cloudservice.h"
 #include "consolehub.h"
+#include "consolesocketclient.h"
 #include "guestscope.h"
 #include "rawhttp.h"
 #include "shareservice.h"
@@ -28,63 +29,6 @@ struct KeptCodes : CodeMailer
 constexpr qint64 kStart = 1'790'000'000'000;
 constexpr int kWait = 8000;
 const QString kCid = QStringLiteral("3f0c2b1e-8a7d-4c55-9e21-0d6b5a4f7c10");
-
-QJsonObject objectOf(const QString &text)
-{
-    return QJsonDocument::fromJson(text.toUtf8()).object();
-}
-
-// One end of a socket of the service, keeping what it was sent.
-class SocketClient : public QObject
-{
-public:
-    QWebSocket socket;
-    QList<QJsonObject> received;
-    bool closed = false;
-
-    SocketClient()
-    {
-        connect(&socket, &QWebSocket::textMessageReceived, this,
-                [this](const QString &text) { received.append(objectOf(text)); });
-        connect(&socket, &QWebSocket::disconnected, this, [this] { closed = true; });
-    }
-    bool open(quint16 port, const char *path, const QString &token = {})
-    {
-        QNetworkRequest request(QUrl(QStringLiteral("ws://127.0.0.1:%1%2").arg(port).arg(QLatin1String(path))));
-        if (!token.isEmpty())
-            request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
-        socket.open(request);
-        return QTest::qWaitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; }, kWait);
-    }
-    void send(const QJsonObject &object)
-    {
-        socket.sendTextMessage(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
-    }
-    QList<QJsonObject> ofType(const QString &type) const
-    {
-        QList<QJsonObject> out;
-        for (const QJsonObject &message : received) {
-            if (message.value(QLatin1String("type")).toString() == type)
-                out.append(message);
-        }
-        return out;
-    }
-    bool heard(const QString &member, const QJsonValue &value) const
-    {
-        return std::any_of(received.begin(), received.end(),
-                           [&](const QJsonObject &message) { return message.value(member) == value; });
-    }
-    // Every command pushed to a computer socket so far.
-    QList<QJsonObject> commands() const
-    {
-        QList<QJsonObject> out;
-        for (const QJsonObject &message : ofType(QStringLiteral("console"))) {
-            for (const QJsonValue &command : message.value(QLatin1String("commands")).toArray())
-                out.append(command.toObject());
-        }
-        return out;
-    }
-};
 
 QJsonObject portEntry(const QString &key, const QString &name)
 {
@@ -461,7 +405,7 @@ void TestShareApi::aBrowserGuestSeesItsPortAndActsWithinItsLevel()
 {
     const QString token = signUp(QStringLiteral("ada@example.org"));
     SocketClient computer;
-    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token, kWait));
     computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}});
     QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
     computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"},
@@ -475,13 +419,13 @@ void TestShareApi::aBrowserGuestSeesItsPortAndActsWithinItsLevel()
     QVERIFY(!token2.isEmpty());
 
     SocketClient stranger;
-    QVERIFY(stranger.open(m_port, ConsoleHub::kWatchPath));
+    QVERIFY(stranger.open(m_port, ConsoleHub::kWatchPath, {}, kWait));
     stranger.send({{"type", "guest_watch"}, {"guest_token", "forged"}});
     QTRY_VERIFY_WITH_TIMEOUT(stranger.closed, kWait);
     QCOMPARE(stranger.ofType("watch").value(0).value("code").toString(), QStringLiteral("invalid_token"));
 
     SocketClient guest;
-    QVERIFY(guest.open(m_port, ConsoleHub::kWatchPath));
+    QVERIFY(guest.open(m_port, ConsoleHub::kWatchPath, {}, kWait));
     guest.send({{"type", "guest_watch"}, {"guest_token", token2}});
     QTRY_VERIFY_WITH_TIMEOUT(!guest.ofType("snapshot").isEmpty(), kWait);
     const QJsonObject welcome = guest.ofType("watch").first();
@@ -540,7 +484,7 @@ void TestShareApi::aBrowserGuestSeesItsPortAndActsWithinItsLevel()
     QCOMPARE(guest.ofType("share_ended").value(0).value("reason").toString(), QStringLiteral("revoked"));
     // The credential admits nothing more.
     SocketClient again;
-    QVERIFY(again.open(m_port, ConsoleHub::kWatchPath));
+    QVERIFY(again.open(m_port, ConsoleHub::kWatchPath, {}, kWait));
     again.send({{"type", "guest_watch"}, {"guest_token", token2}});
     QTRY_VERIFY_WITH_TIMEOUT(again.closed, kWait);
     QCOMPARE(again.ofType("watch").value(0).value("end_reason").toString(), QStringLiteral("revoked"));
@@ -550,13 +494,13 @@ void TestShareApi::aBrowserGuestIsToldWhenTheShareExpires()
 {
     const QString token = signUp(QStringLiteral("ada@example.org"));
     SocketClient computer;
-    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token, kWait));
     computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}});
     QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
     const QJsonObject share = createShare(token, {{"passcode", ""}, {"web", "view"}}).json.value("share").toObject();
     const QString guestToken = joinWeb(share.value("code").toString(), {}).json.value("guest_token").toString();
     SocketClient guest;
-    QVERIFY(guest.open(m_port, ConsoleHub::kWatchPath));
+    QVERIFY(guest.open(m_port, ConsoleHub::kWatchPath, {}, kWait));
     guest.send({{"type", "guest_watch"}, {"guest_token", guestToken}});
     QTRY_VERIFY_WITH_TIMEOUT(!guest.ofType("snapshot").isEmpty(), kWait);
     guest.send({{"type", "command"}, {"ref", 1}, {"command", "send_text"}, {"payload", QJsonObject{{"text", "x"}}}});
@@ -575,7 +519,7 @@ void TestShareApi::aRelayGuestJoinsByCodeAndTheComputerIsAskedToOpen()
 {
     const QString token = signUp(QStringLiteral("ada@example.org"));
     SocketClient computer;
-    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token));
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token, kWait));
     computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}});
     QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
     computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"},
