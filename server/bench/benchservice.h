@@ -92,10 +92,14 @@ private:
     void read()
     {
         const QByteArray more = m_process.readAllStandardError();
-        static const QRegularExpression stall(QStringLiteral("longest event-loop stall: (\\d+) ms"));
-        const QRegularExpressionMatch match = stall.match(QString::fromUtf8(more));
-        if (match.hasMatch())
-            m_stallMs = match.captured(1).toLongLong();
+        // A line per request arrives while the figures are taken: only a
+        // plain search runs on each read.
+        if (more.contains("longest event-loop stall")) {
+            static const QRegularExpression stall(QStringLiteral("longest event-loop stall: (\\d+) ms"));
+            const QRegularExpressionMatch match = stall.match(QString::fromUtf8(more));
+            if (match.hasMatch())
+                m_stallMs = match.captured(1).toLongLong();
+        }
         if (!m_short)
             m_log += more;
     }
