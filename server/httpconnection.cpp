@@ -206,6 +206,12 @@ void HttpConnection::respond(const HttpResponse &response)
     if (!m_answerIsHead)
         out += response.body;
     m_socket->write(out);
+    // Sent now rather than on the loop's next turn: one turn and one
+    // write-readiness round less per answer. A peer gone meanwhile has
+    // finished this connection.
+    m_socket->flush();
+    if (m_phase == Phase::Finished || !m_socket)
+        return;
 
     if (m_closeAfterWrite) {
         m_phase = Phase::Closing;
