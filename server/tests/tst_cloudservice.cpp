@@ -477,12 +477,17 @@ void TestCloudService::devicesBindListAndRemove()
     for (const QJsonValue &device : devices)
         current += device.toObject().value("current").toBool() ? 1 : 0;
     QCOMPARE(current, 1);  // this session is bound to "desk" now
+    const auto profile = [&] { return httpRequest(m_port, "GET", "/api/v3/account/me", {}, token).json; };
+    QCOMPARE(profile().value("device").toObject().value("name").toString(), QStringLiteral("desk"));
+    QCOMPARE(profile().value("device_count").toInt(), 3);
 
     const QString labId = QString::number(devices.at(1).toObject().value("id").toInteger());
     QVERIFY(httpRequest(m_port, "DELETE", "/api/v3/account/devices/" + labId.toLatin1(), {}, token).ok());
     QCOMPARE(httpRequest(m_port, "DELETE", "/api/v3/account/devices/" + labId.toLatin1(), {}, token).code(),
              QStringLiteral("device_not_found"));
     QCOMPARE(httpRequest(m_port, "DELETE", "/api/v3/account/devices/nope", {}, token).status, 404);
+    QCOMPARE(profile().value("device_count").toInt(), 2);
+    QCOMPARE(profile().value("device").toObject().value("name").toString(), QStringLiteral("desk"));
 }
 
 void TestCloudService::syncItemsCarryRevisions()
