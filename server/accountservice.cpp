@@ -568,20 +568,24 @@ std::variant<Caller, ApiReply> AccountService::authenticate(const QByteArray &au
     if (row.expiresAt < m_clock())
         return ApiReply::failure(type, Http::Unauthorized, QStringLiteral("token_expired"),
                                  QStringLiteral("Your sign-in has expired. Please sign in again."));
-    return Caller{row.userId,   row.sessionId,     row.deviceId, row.email,      row.username,
-                  row.userCreatedAt, row.expiresAt, row.device, row.deviceCount};
+    return Caller{row.userId, row.sessionId, row.deviceId, row.email, row.username, row.userCreatedAt, row.expiresAt};
 }
 
 // --- profile and devices ----------------------------------------------------------
 
 ApiReply AccountService::me(const Caller &caller)
 {
-    // The token's lookup read the account, the device and the count along.
+    // The token's lookup read the account along.
     const UserRow user{caller.userId, caller.email, caller.username, {}, {}, caller.createdAt};
     QJsonObject members{{QStringLiteral("user"), userJson(user)}};
-    if (caller.device.id != 0)
-        members.insert(QStringLiteral("device"), deviceJson(caller.device));
-    members.insert(QStringLiteral("device_count"), caller.deviceCount);
+    QList<DeviceRow> list;
+    if (!m_storage.devices(caller.userId, list))
+        return internalError(kType);
+    for (const DeviceRow &device : std::as_const(list)) {
+        if (device.id == caller.deviceId)
+            members.insert(QStringLiteral("device"), deviceJson(device));
+    }
+    members.insert(QStringLiteral("device_count"), static_cast<int>(list.size()));
     return ApiReply::ok(kType, members);
 }
 

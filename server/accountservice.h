@@ -3,7 +3,6 @@
 #include "apioutcome.h"
 #include "apireply.h"
 #include "servicetime.h"
-#include "storage.h"
 
 #include <QJsonObject>
 #include <QList>
@@ -59,8 +58,6 @@ struct Caller
     QString username;
     qint64 createdAt = 0;  // of the account
     qint64 tokenExpiresAt = 0;  // of the access token that identified the caller
-    DeviceRow device;           // the session's device as the token's lookup read it (id 0: none)
-    int deviceCount = 0;        // the account's devices at that moment
 };
 
 // Registration, sign-in, tokens and devices. Knows nothing of HTTP: it takes

@@ -750,11 +750,8 @@ bool Storage::insertAccessToken(qint64 sessionId, const QString &hash, qint64 ex
 Storage::Found Storage::accessToken(const QString &hash, AccessRow &out)
 {
     QSqlQuery &q = prepare(QStringLiteral(
-        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at, u.email, u.username, u.created_at,"
-        " d.cid, d.name, d.client_version, d.bound_at, d.last_seen_at,"
-        " (SELECT COUNT(*) FROM devices c WHERE c.user_id = s.user_id)"
+        "SELECT a.session_id, s.user_id, s.device_id, a.expires_at, u.email, u.username, u.created_at"
         " FROM access_tokens a JOIN sessions s ON s.id = a.session_id JOIN users u ON u.id = s.user_id"
-        " LEFT JOIN devices d ON d.id = s.device_id"
         " WHERE a.token_hash = ?"));
     q.addBindValue(hash);
     if (!run(q, "access token"))
@@ -763,11 +760,7 @@ Storage::Found Storage::accessToken(const QString &hash, AccessRow &out)
         return Found::No;
     out = AccessRow{q.value(0).toLongLong(), q.value(1).toLongLong(), nullableId(q.value(2)),
                     q.value(3).toLongLong(), q.value(4).toString(), q.value(5).toString(),
-                    q.value(6).toLongLong(), DeviceRow{}, 0};
-    if (out.deviceId != 0 && !q.value(7).isNull())
-        out.device = DeviceRow{out.deviceId,           q.value(7).toString(),    q.value(8).toString(),
-                               q.value(9).toString(),  q.value(10).toLongLong(), q.value(11).toLongLong()};
-    out.deviceCount = q.value(12).toInt();
+                    q.value(6).toLongLong()};
     return Found::Yes;
 }
 

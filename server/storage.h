@@ -72,11 +72,6 @@ struct AccessRow
     QString email;  // the account's, read along: most requests need no more of it
     QString username;
     qint64 userCreatedAt = 0;
-    // The session's device (id 0: none) and how many the account has, read
-    // along too: the profile, the most frequent read, then needs no
-    // statement of its own.
-    DeviceRow device;
-    int deviceCount = 0;
 };
 
 struct SyncItemRow
