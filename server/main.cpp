@@ -71,6 +71,19 @@ void checkDescriptorLimit(const ServiceConfig &config)
                    .arg(qulonglong(wanted));
 }
 
+// Every request waits on the event loop, and its turns are short. Where
+// the process may (LimitNICE in the unit, or CAP_SYS_NICE), the loop's
+// thread runs ahead of the worker threads and of other processes, so a
+// busy machine keeps it waiting for a core less. The worker threads were
+// started before and keep their own priority.
+constexpr int kLoopNiceness = -5;
+
+void favourTheLoop()
+{
+    if (::setpriority(PRIO_PROCESS, pid_t(::gettid()), kLoopNiceness) != 0)
+        qCDebug(lcService) << "the event loop keeps the default priority";
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -129,6 +142,7 @@ int main(int argc, char *argv[])
                                             config.smtp.isConfigured() ? QStringLiteral(", codes by SMTP")
                                                                        : QStringLiteral(", codes in this log"),
                                             config.approvalMode ? QStringLiteral(", approval mode") : QString());
+    favourTheLoop();
     quitOnSignals(app);
     return app.exec();
 }
