@@ -64,7 +64,9 @@ test('a guest joins by the link, sees the port, sends within its level and is to
     await page.fill('#sendText', 'hello');
     await page.click('#send button[type=submit]');
     await waitFor(() => host.far.toString() === 'hello\r\n', 'the text at the far end');
-    await waitFor(async () => (await textOf(page, 'outcome')) === 'Sent 7 bytes.', 'the result');
+    await waitFor(async () => (await textOf(page, 'outcome')) === 'Sent 7 bytes.', 'the result', undefined,
+      async () => JSON.stringify({outcome: await textOf(page, 'outcome'),
+        heard: page.heard.filter((m) => m.type !== 'events')}));
 
     await page.click('#closePort');
     await waitFor(async () => (await textOf(page, 'outcome')).includes('port control'), 'the refusal');

@@ -24,13 +24,16 @@ if (!cloudBinary || !fs.existsSync(cloudBinary)) {
   throw new Error('TSL_CLOUD_BINARY does not name the built tessaline-cloud: run these tests through ctest');
 }
 
-// Resolves when test() is true, checking every 20 ms; rejects after ms.
-async function waitFor(test, what, ms = waitMs) {
+// Resolves when test() is true, checking every 20 ms; rejects after ms,
+// saying what was seen instead when seen() is given.
+async function waitFor(test, what, ms = waitMs, seen = null) {
   const deadline = Date.now() + ms;
   for (;;) {
     const value = await test();
     if (value) return value;
-    if (Date.now() > deadline) throw new Error(`timed out waiting for ${what}`);
+    if (Date.now() > deadline) {
+      throw new Error(`timed out waiting for ${what}${seen ? `; saw ${await seen()}` : ''}`);
+    }
     await new Promise((resolve) => setTimeout(resolve, 20));
   }
 }
