@@ -3,6 +3,7 @@
 #include "common/logging.h"
 #include "common/peerlabel.h"
 
+#include <QElapsedTimer>
 #include <QTcpSocket>
 
 namespace {
@@ -13,6 +14,16 @@ namespace {
 // then stops reading by itself, and TCP's flow control stops the sender:
 // the limit never changes, so a pause touches no client.
 constexpr qint64 kClientReadBufferSize = 64 * 1024;
+
+// How long one pass of deliveries may hold the event loop. A storm of
+// clients makes hundreds of sockets ready in the same wakeup; they are
+// queued there and delivered in passes this long, so the view, the timers
+// and the accepting of newcomers all get their turn in between.
+constexpr qint64 kDeliverySliceMs = 5;
+
+// Connections taken from the kernel in one wakeup: the rest wait in its
+// backlog for the next one, so a burst of connects is spread out as well.
+constexpr int kAcceptBatch = 16;
 
 // Generous, so that a burst of clients connecting at once is not throttled
 // by SYN retries; the kernel caps it at its own limit.
@@ -71,7 +82,14 @@ MultiClientServer::MultiClientServer(QObject *parent)
     : QTcpServer(parent)
 {
     setListenBacklogSize(kListenBacklog);
-    connect(this, &QTcpServer::newConnection, this, &MultiClientServer::handleNewConnection);
+    setMaxPendingConnections(kAcceptBatch);
+    m_deliveryPass.setSingleShot(true);
+    m_deliveryPass.setInterval(0);
+    connect(&m_deliveryPass, &QTimer::timeout, this, &MultiClientServer::deliverWaiting);
+    // Queued: QTcpServer goes on accepting while its signal is handled at
+    // once, and would take the whole backlog in one go; queued, it stops at
+    // kAcceptBatch pending until they are taken.
+    connect(this, &QTcpServer::newConnection, this, &MultiClientServer::handleNewConnection, Qt::QueuedConnection);
 }
 
 MultiClientServer::~MultiClientServer()
@@ -108,22 +126,50 @@ void MultiClientServer::setReadPaused(bool on)
     if (on) {
         if (isListening())
             pauseAccepting();
+        m_deliveryPass.stop();
         return;
     }
-    if (isListening())
+    if (isListening()) {
         resumeAccepting();
-    deliverWaiting();
+        if (hasPendingConnections())
+            QMetaObject::invokeMethod(this, &MultiClientServer::handleNewConnection, Qt::QueuedConnection);
+    }
+    scheduleDelivery();
+}
+
+void MultiClientServer::queueDelivery(QTcpSocket *socket)
+{
+    // Remembered once, however often it says it has data.
+    if (m_waitingSet.contains(socket))
+        return;
+    m_waitingSet.insert(socket);
+    m_waiting.append(socket);
+    scheduleDelivery();
+}
+
+void MultiClientServer::scheduleDelivery()
+{
+    if (!m_readPaused && !m_waiting.isEmpty() && !m_deliveryPass.isActive())
+        m_deliveryPass.start();
 }
 
 void MultiClientServer::deliverWaiting()
 {
+    QElapsedTimer clock;
+    clock.start();
     while (!m_readPaused && !m_waiting.isEmpty()) {
+        if (clock.elapsed() >= kDeliverySliceMs) {
+            scheduleDelivery();
+            return;
+        }
         QTcpSocket *socket = m_waiting.takeFirst();
-        m_waitingSet.remove(socket);
-        // A client may leave while its data is delivered: it is no longer
-        // in the queue by then.
-        if (socket->bytesAvailable() > 0)
-            deliver(socket);
+        // Not in the set: it was removed after it was queued.
+        if (!m_waitingSet.remove(socket))
+            continue;
+        deliver(socket);
+        // A listener may have removed it or stopped the server meanwhile.
+        if (m_leaving.contains(socket) && m_labels.contains(socket))
+            removeClient(socket);
     }
 }
 
@@ -136,13 +182,17 @@ void MultiClientServer::applyClientOptions(QTcpSocket *socket) const
 
 void MultiClientServer::stop()
 {
-    const QList<QTcpSocket *> clients = m_clients;
+    const QList<QTcpSocket *> clients = m_clients.values();
     m_clients.clear();
     m_labels.clear();
+    m_order.clear();
     m_byLabel.clear();
     m_waiting.clear();
     m_waitingSet.clear();
+    m_leaving.clear();
     m_skipping.clear();
+    m_arriving.clear();
+    m_deliveryPass.stop();
     for (QTcpSocket *socket : clients) {
         socket->disconnect(this);
         socket->abort();
@@ -151,11 +201,19 @@ void MultiClientServer::stop()
     close();
 }
 
+QTcpSocket *MultiClientServer::clientAt(int index) const
+{
+    if (index < 0 || index >= m_clients.size())
+        return nullptr;
+    return *std::next(m_clients.cbegin(), index);
+}
+
 bool MultiClientServer::writeToClient(int index, const QByteArray &data)
 {
-    if (data.isEmpty() || index < 0 || index >= m_clients.size() || isBacklogged(m_clients.at(index)))
+    QTcpSocket *socket = clientAt(index);
+    if (data.isEmpty() || !socket || isBacklogged(socket))
         return false;
-    return m_clients.at(index)->write(data) > 0;
+    return socket->write(data) > 0;
 }
 
 bool MultiClientServer::writeToClient(const QByteArray &data, const QString &peer)
@@ -173,7 +231,7 @@ qint64 MultiClientServer::writeToAll(const QByteArray &data)
         return 0;
     qint64 largest = 0;
     // A failed write can make a client leave at once; iterate over a copy.
-    const QList<QTcpSocket *> clients = m_clients;
+    const QList<QTcpSocket *> clients = m_clients.values();
     for (QTcpSocket *socket : clients) {
         // A client that does not read misses what it cannot take, rather
         // than holding the others back or piling up here.
@@ -250,7 +308,8 @@ qint64 MultiClientServer::bytesToWrite() const
 
 qint64 MultiClientServer::clientBytesToWrite(int index) const
 {
-    return index >= 0 && index < m_clients.size() ? m_clients.at(index)->bytesToWrite() : 0;
+    const QTcpSocket *socket = clientAt(index);
+    return socket ? socket->bytesToWrite() : 0;
 }
 
 QStringList MultiClientServer::clientLabels() const
@@ -281,60 +340,84 @@ QString MultiClientServer::labelFor(const QHostAddress &address, quint16 port)
 
 void MultiClientServer::handleNewConnection()
 {
-    // Paused before listening: the ones already taken are admitted (each
-    // with its bounded read buffer); from now on the kernel holds the rest.
-    if (m_readPaused && isListening())
-        pauseAccepting();
+    // Paused: the few already taken wait with QTcpServer (taking one would
+    // start it accepting again) and the kernel holds the rest.
+    if (m_readPaused) {
+        if (isListening())
+            pauseAccepting();
+        return;
+    }
     bool admitted = false;
-    while (hasPendingConnections()) {
-        qCDebug(lcTerminal) << "hasPendingConnections";
+    while (!m_readPaused && hasPendingConnections()) {
         QTcpSocket *socket = nextPendingConnection();
         if (!socket)
             break;
-        if (!isAllowed(socket->peerAddress(), m_allowlist)) {
-            refuse(socket, tr("not on the address allowlist"));
+        const Arrival arrival = m_arriving.take(socket);
+        if (!isAllowed(arrival.address, m_allowlist)) {
+            refuse(socket, arrival.label, tr("not on the address allowlist"));
             continue;
         }
         if (m_exclusive && !m_clients.isEmpty()) {
-            refuse(socket, tr("the port already has a client (exclusive mode)"));
+            refuse(socket, arrival.label, tr("the port already has a client (exclusive mode)"));
             continue;
         }
-        connect(socket, &QTcpSocket::disconnected, this, &MultiClientServer::clientDisconnected);
-        connect(socket, &QTcpSocket::readyRead, this, &MultiClientServer::readReady);
         connect(socket, &QTcpSocket::bytesWritten, this, &MultiClientServer::bytesWritten);
-        applyClientOptions(socket);
-        const QString label = labelFor(socket->peerAddress(), socket->peerPort());
-        m_clients.append(socket);
+        const QString label = arrival.label;
+        const quint64 order = m_nextOrder++;
+        m_clients.insert(order, socket);
+        m_order.insert(socket, order);
         m_labels.insert(socket, label);
         m_byLabel.insert(label, socket);
         admitted = true;
         emit clientArrived(label);
+        // It waited a moment among the pending ones: what it said, or its
+        // leaving, came before it was admitted.
+        if (!m_labels.contains(socket))
+            continue;  // a listener removed it or stopped the server
+        if (socket->state() != QAbstractSocket::ConnectedState)
+            clientDisconnected(socket);
+        else if (socket->bytesAvailable() > 0)
+            queueDelivery(socket);
     }
     if (admitted)
         emit connectionStateChange();
 }
 
-void MultiClientServer::refuse(QTcpSocket *socket, const QString &reason)
+void MultiClientServer::incomingConnection(qintptr descriptor)
 {
-    const QString label = labelFor(socket->peerAddress(), socket->peerPort());
+    auto *socket = new QTcpSocket(this);
+    if (!socket->setSocketDescriptor(descriptor)) {
+        delete socket;
+        return;
+    }
+    // Its read buffer is bounded and its handlers are in place before it
+    // waits among the pending ones; its address is kept now, since a client
+    // that leaves before it is admitted takes it with it. Each handler is
+    // told its socket: asking sender() instead walks every connection made
+    // to this server, a cost that grows with the number of clients.
+    applyClientOptions(socket);
+    m_arriving.insert(socket, Arrival{socket->peerAddress(), labelFor(socket->peerAddress(), socket->peerPort())});
+    connect(socket, &QTcpSocket::disconnected, this, [this, socket] { clientDisconnected(socket); });
+    connect(socket, &QTcpSocket::readyRead, this, [this, socket] { readReady(socket); });
+    addPendingConnection(socket);
+}
+
+void MultiClientServer::refuse(QTcpSocket *socket, const QString &label, const QString &reason)
+{
+    socket->disconnect(this);
     socket->close();
     socket->deleteLater();
     emit connectionRefused(label, reason);
 }
 
-void MultiClientServer::clientDisconnected()
+void MultiClientServer::clientDisconnected(QTcpSocket *socket)
 {
-    auto *socket = qobject_cast<QTcpSocket *>(sender());
-    if (!socket || !m_labels.contains(socket))
+    if (!m_labels.contains(socket))
         return;
-    // What the client sent just before leaving goes out even while paused
-    // (at most the paused read buffer), since the socket is about to go.
-    if (socket->bytesAvailable() > 0) {
-        deliver(socket);
-        if (!m_labels.contains(socket))
-            return; // a listener stopped the server meanwhile
-    }
-    removeClient(socket);
+    // The socket keeps what the client sent before it left; it goes out in
+    // turn, and the client is removed after it.
+    m_leaving.insert(socket);
+    queueDelivery(socket);
 }
 
 void MultiClientServer::removeClient(QTcpSocket *socket)
@@ -342,9 +425,10 @@ void MultiClientServer::removeClient(QTcpSocket *socket)
     const QString label = m_labels.take(socket);
     if (m_byLabel.value(label) == socket)
         m_byLabel.remove(label);
-    m_clients.removeOne(socket);
-    if (m_waitingSet.remove(socket))
-        m_waiting.removeOne(socket);
+    m_clients.remove(m_order.take(socket));
+    // Its place in the queue is skipped when reached: no search here.
+    m_waitingSet.remove(socket);
+    m_leaving.remove(socket);
     m_skipping.remove(socket);
     socket->disconnect(this);
     socket->deleteLater();
@@ -352,20 +436,10 @@ void MultiClientServer::removeClient(QTcpSocket *socket)
     emit connectionStateChange();
 }
 
-void MultiClientServer::readReady()
+void MultiClientServer::readReady(QTcpSocket *socket)
 {
-    auto *socket = qobject_cast<QTcpSocket *>(sender());
-    if (!socket || !m_labels.contains(socket))
-        return;
-    if (m_readPaused) {
-        // Remembered once, so that resuming visits only these.
-        if (!m_waitingSet.contains(socket)) {
-            m_waitingSet.insert(socket);
-            m_waiting.append(socket);
-        }
-        return;
-    }
-    deliver(socket);
+    if (m_labels.contains(socket))
+        queueDelivery(socket);
 }
 
 void MultiClientServer::deliver(QTcpSocket *socket)

@@ -4,10 +4,12 @@
 #include <QHash>
 #include <QHostAddress>
 #include <QList>
+#include <QMap>
 #include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QTcpServer>
+#include <QTimer>
 
 class QTcpSocket;
 
@@ -34,7 +36,10 @@ public:
     // While paused no connection is accepted (the kernel holds them) and
     // the clients' data stays in their sockets (each limited to a small read
     // buffer so TCP holds the senders back); resuming delivers what is
-    // waiting at once. Either way costs nothing per connected client.
+    // waiting. Either way costs nothing per connected client. Data, and a
+    // client's leaving, are delivered in the order the clients had them, in
+    // passes a few milliseconds long, so no burst holds the event loop: a
+    // client that left is counted until what it sent last is delivered.
     void setReadPaused(bool on);
     bool isReadPaused() const { return m_readPaused; }
 
@@ -84,26 +89,46 @@ Q_SIGNALS:
     // A send to all clients passed this one by: it holds its cap unread.
     void clientSkipped(const QString &peer);
 
-public Q_SLOTS:
-    void handleNewConnection();
-    void clientDisconnected();
-    void readReady();
+protected:
+    void incomingConnection(qintptr descriptor) override;
 
 private:
+    struct Arrival
+    {
+        QHostAddress address;
+        QString label;
+    };
+
+    void handleNewConnection();
+    void clientDisconnected(QTcpSocket *socket);
+    void readReady(QTcpSocket *socket);
+    QTcpSocket *clientAt(int index) const;
     static bool isBacklogged(const QTcpSocket *socket);
     void applyClientOptions(QTcpSocket *socket) const;
     void deliver(QTcpSocket *socket);
     void deliverWaiting();
+    void queueDelivery(QTcpSocket *socket);
+    void scheduleDelivery();
     void removeClient(QTcpSocket *socket);
-    void refuse(QTcpSocket *socket, const QString &reason);
+    void refuse(QTcpSocket *socket, const QString &label, const QString &reason);
 
-    QList<QTcpSocket *> m_clients;
+    // In the order they were accepted, keyed by a running number, so a
+    // client leaves without a search through the others.
+    QMap<quint64, QTcpSocket *> m_clients;
+    QHash<QTcpSocket *, quint64> m_order;
+    quint64 m_nextOrder = 0;
     QHash<QTcpSocket *, QString> m_labels;
     QHash<QString, QTcpSocket *> m_byLabel;
-    // Clients that had data while reading was paused, in the order they
-    // had it; the set answers "already queued?" at once.
+    // Clients with data (or gone, with their last data) in the order they
+    // said so, delivered in time-bounded passes; the set answers "already
+    // queued?" at once and is the truth: a removed client leaves the list
+    // entry behind, skipped when reached.
     QList<QTcpSocket *> m_waiting;
     QSet<QTcpSocket *> m_waitingSet;
+    QSet<QTcpSocket *> m_leaving;
+    // Accepted but not yet admitted (QTcpServer's pending ones).
+    QHash<QTcpSocket *, Arrival> m_arriving;
+    QTimer m_deliveryPass;
     // Clients that sends to all are passing by until they read again.
     QSet<QTcpSocket *> m_skipping;
     QStringList m_allowlist;

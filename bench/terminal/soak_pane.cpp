@@ -101,8 +101,13 @@ public:
                 m_longest = gap;
                 m_longestAt = m_last;
             }
-            if (gap > 50)
+            if (gap > 50) {
                 ++m_over50;
+                // Each stall's start on the monotonic clock, to line it up
+                // with `perf record -k CLOCK_MONOTONIC` samples.
+                if (qEnvironmentVariableIsSet("TSL_STALL_TRACE"))
+                    std::fprintf(stderr, "STALL %lld %lld\n", static_cast<long long>(m_clock.msecsSinceReference() + m_last), static_cast<long long>(gap));
+            }
             m_last = now;
         });
         m_clock.start();
