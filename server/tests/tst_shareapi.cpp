@@ -527,6 +527,12 @@ void TestShareApi::aRelayGuestJoinsByCodeAndTheComputerIsAskedToOpen()
     QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
     computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"},
                    {"ports", QJsonArray{portEntry("p1", "/dev/ttyUSB0")}}});
+    // The snapshot is stored after the socket hands it on: a join checks the
+    // port against what is stored.
+    QTRY_VERIFY_WITH_TIMEOUT(httpRequest(m_port, "GET", "/api/v3/relay/targets", {}, token)
+                                     .json.value("devices").toArray().at(0).toObject()
+                                     .value("ports").toArray().size() == 1,
+                             kWait);
     const QJsonObject share = createShare(token, {{"web", "none"}, {"relay", true}}).json.value("share").toObject();
     const QString code = share.value("code").toString();
     QVERIFY(!code.isEmpty());

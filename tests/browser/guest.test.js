@@ -1,7 +1,7 @@
 // The guest's page behind an invite link: a computer (the console host)
 // shares its pane, chromium opens the link, joins with the passcode, watches
 // the pty's far end, sends within the share's level and hears when the
-// owner stops sharing.
+// owner stops sharing or the share runs out on the service's clock.
 'use strict';
 
 const {test, before, after} = require('node:test');
@@ -11,7 +11,7 @@ const {CloudService, ConsoleHost, freshEmail, launchBrowser, openPage, waitFor} 
 let service;
 let browser;
 before(async () => {
-  service = await CloudService.start();
+  service = await CloudService.start({steppedClock: true});
   browser = await launchBrowser();
 });
 after(async () => {
@@ -64,7 +64,9 @@ test('a guest joins by the link, sees the port, sends within its level and is to
     await page.fill('#sendText', 'hello');
     await page.click('#send button[type=submit]');
     await waitFor(() => host.far.toString() === 'hello\r\n', 'the text at the far end');
-    await waitFor(async () => (await textOf(page, 'outcome')) === 'Sent 7 bytes.', 'the result');
+    await waitFor(async () => (await textOf(page, 'outcome')) === 'Sent 7 bytes.', 'the result', undefined,
+      async () => JSON.stringify({outcome: await textOf(page, 'outcome'),
+        heard: page.heard.filter((m) => m.type !== 'events')}));
 
     await page.click('#closePort');
     await waitFor(async () => (await textOf(page, 'outcome')).includes('port control'), 'the refusal');
@@ -85,6 +87,40 @@ test('a guest joins by the link, sees the port, sends within its level and is to
     // else may show.
     const ended = `/api/v3/relay/join/${shared.code}`;
     assert.deepEqual(missing.filter((p) => p !== '/favicon.ico' && p !== ended), []);
+    assert.deepEqual(page.problems.filter((p) => !/status of 40[14]/.test(p)), []);
+    await page.context().close();
+  } finally {
+    await host.stop();
+  }
+});
+
+test('the page says so when the share runs out on the service\'s clock', async () => {
+  const email = freshEmail('expiry');
+  await service.signUp(email);
+  const host = await ConsoleHost.start(service, email);
+  try {
+    const shared = await share(host, 'view');
+    const page = await openPage(browser, service);
+    await page.goto(new URL(shared.link).pathname);
+    await page.waitForSelector('#join:not([hidden])');
+    assert.equal(await page.isVisible('#passcodeRow'), false);
+    await page.fill('#guestName', 'Grace');
+    await page.click('#joinButton');
+    await page.waitForSelector('#port:not([hidden])');
+    await waitFor(() => host.watching, 'the computer to be watched');
+    host.write('tick\r\n');
+    await waitFor(async () => (await textOf(page, 'traffic')).includes('tick'), 'the far end on the page');
+
+    // A minute short of the hour the share still runs; past it, it ends.
+    await service.advance(59 * 60 * 1000);
+    host.write('tock\r\n');
+    await waitFor(async () => (await textOf(page, 'traffic')).includes('tock'), 'traffic just before the end');
+    assert.equal(await page.isHidden('#ended'), true);
+    await service.advance(60 * 1000);
+    await page.waitForSelector('#ended:not([hidden])');
+    assert.equal(await textOf(page, 'endReason'), 'The share expired.');
+    assert.equal(await page.isHidden('#port'), true);
+    await waitFor(() => !host.watching, 'the computer to stop streaming');
     assert.deepEqual(page.problems.filter((p) => !/status of 40[14]/.test(p)), []);
     await page.context().close();
   } finally {

@@ -14,6 +14,7 @@ const {chromium} = require('playwright-core');
 const chromiumPath = process.env.TSL_CHROMIUM || '/usr/bin/chromium';
 const cloudBinary = process.env.TSL_CLOUD_BINARY;
 const consoleHostBinary = process.env.TSL_CONSOLE_HOST;
+const steppedCloudBinary = process.env.TSL_STEPPED_CLOUD;
 const waitMs = 15000;
 
 if (!fs.existsSync(chromiumPath)) {
@@ -23,13 +24,16 @@ if (!cloudBinary || !fs.existsSync(cloudBinary)) {
   throw new Error('TSL_CLOUD_BINARY does not name the built tessaline-cloud: run these tests through ctest');
 }
 
-// Resolves when test() is true, checking every 20 ms; rejects after ms.
-async function waitFor(test, what, ms = waitMs) {
+// Resolves when test() is true, checking every 20 ms; rejects after ms,
+// saying what was seen instead when seen() is given.
+async function waitFor(test, what, ms = waitMs, seen = null) {
   const deadline = Date.now() + ms;
   for (;;) {
     const value = await test();
     if (value) return value;
-    if (Date.now() > deadline) throw new Error(`timed out waiting for ${what}`);
+    if (Date.now() > deadline) {
+      throw new Error(`timed out waiting for ${what}${seen ? `; saw ${await seen()}` : ''}`);
+    }
     await new Promise((resolve) => setTimeout(resolve, 20));
   }
 }
@@ -50,24 +54,39 @@ async function ending(child, ask) {
   }
 }
 
-// The service with its own SQLite database in a temporary folder.
+// The service with its own SQLite database in a temporary folder. With
+// {steppedClock: true} it is the test build whose clock advance() moves
+// (access tokens then last a week, so moving by hours signs nobody out).
 class CloudService {
-  constructor() {
+  constructor(steppedClock) {
     this.dir = fs.mkdtempSync(path.join(os.tmpdir(), 'tsl-browser-'));
     this.log = '';
     this.port = 0;
     this.child = null;
+    this.steppedClock = steppedClock;
+    this.answers = '';
   }
 
-  static async start() {
-    const service = new CloudService();
+  static async start({steppedClock = false} = {}) {
+    const service = new CloudService(steppedClock);
     await service.start();
     return service;
   }
 
   async start() {
-    this.child = spawn(cloudBinary, ['--listen', '127.0.0.1:0', '--database', path.join(this.dir, 'cloud.sqlite'),
-      '--argon2-memory', '256', '--argon2-passes', '1'], {stdio: ['ignore', 'ignore', 'pipe']});
+    const args = ['--listen', '127.0.0.1:0', '--database', path.join(this.dir, 'cloud.sqlite'),
+      '--argon2-memory', '256', '--argon2-passes', '1'];
+    let binary = cloudBinary;
+    if (this.steppedClock) {
+      if (!steppedCloudBinary || !fs.existsSync(steppedCloudBinary)) {
+        throw new Error('TSL_STEPPED_CLOUD does not name the built steppedcloud: run these tests through ctest');
+      }
+      binary = steppedCloudBinary;
+      args.push('--access-ttl', String(7 * 24 * 3600));
+    }
+    this.child = spawn(binary, args, {stdio: [this.steppedClock ? 'pipe' : 'ignore', 'pipe', 'pipe']});
+    this.child.stdout.setEncoding('utf8');
+    this.child.stdout.on('data', (text) => { this.answers += text; });
     this.child.stderr.setEncoding('utf8');
     this.child.stderr.on('data', (text) => { this.log += text; });
     const match = await waitFor(() => {
@@ -78,6 +97,14 @@ class CloudService {
   }
 
   get baseUrl() { return `http://127.0.0.1:${this.port}`; }
+
+  // Moves the stepped service's clock on by ms and waits until it has.
+  async advance(ms) {
+    const moved = () => this.answers.split('\n').filter((l) => l.startsWith('advanced ')).length;
+    const before = moved();
+    this.child.stdin.write(`advance ${ms}\n`);
+    await waitFor(() => moved() > before, 'the clock to move');
+  }
 
   async stop() {
     if (this.child) await ending(this.child);
