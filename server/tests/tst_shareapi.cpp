@@ -583,6 +583,11 @@ void TestShareApi::aShareThatEndsTakesItsRelayGuestWithIt()
     QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
     computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"},
                    {"ports", QJsonArray{portEntry("p1", "/dev/ttyUSB0")}}});
+    // The join checks the port against the stored snapshot.
+    QTRY_VERIFY_WITH_TIMEOUT(httpRequest(m_port, "GET", "/api/v3/relay/targets", {}, token)
+                                     .json.value("devices").toArray().at(0).toObject()
+                                     .value("ports").toArray().size() == 1,
+                             kWait);
     const QJsonObject share = createShare(token, {{"web", "none"}, {"relay", true}}).json.value("share").toObject();
     const RawResponse joined = httpJson(m_port, "POST", "/api/v3/relay/join",
                                         {{"code", share.value("code")}, {"passcode", "4711"}, {"guest_name", "Grace"}});
