@@ -86,9 +86,7 @@ int main(int argc, char **argv)
     ConnectionConfig config;
     config.portName = ownPty ? pty.pathA() : parser.value("port");
     config.baudRate = 115200;
-    PaneOptions quiet;
-    quiet.displaySendMsg = false;  // relayed bytes are not echoed into the pane's view
-    port.applySettings(config, quiet, {});
+    port.applySettings(config, {}, {});
     if (!port.openConnection())
         fail(QStringLiteral("the pane's port did not open"));
     QSerialPort far(ownPty ? pty.pathB() : QString());
