@@ -46,7 +46,7 @@ BridgeEditDialog::BridgeEditDialog(const BridgeRecord &record, const QStringList
     top->addRow(tr("Name"), m_name);
     m_kind = new QComboBox(endsPage);
     m_kind->setObjectName(QStringLiteral("kindBox"));
-    for (auto kind : {BridgeKind::Forward, BridgeKind::ModbusGateway})
+    for (auto kind : {BridgeKind::Forward, BridgeKind::ModbusGateway, BridgeKind::Rfc2217Share})
         m_kind->addItem(BridgeRecord::kindText(kind), int(kind));
     top->addRow(tr("Kind"), m_kind);
     m_direction = new QComboBox(endsPage);
@@ -81,9 +81,10 @@ BridgeEditDialog::BridgeEditDialog(const BridgeRecord &record, const QStringList
     const int modbusTab = tabs->addTab(m_modbus, tr("Modbus Gateway"));
     // Only what the chosen kind uses can be edited.
     const auto kindChanged = [this, tabs, framingTab, modbusTab] {
-        const bool gateway = BridgeKind(m_kind->currentData().toInt()) != BridgeKind::Forward;
+        const BridgeKind kind = BridgeKind(m_kind->currentData().toInt());
+        const bool gateway = kind != BridgeKind::Forward;
         tabs->setTabEnabled(framingTab, !gateway);
-        tabs->setTabEnabled(modbusTab, gateway);
+        tabs->setTabEnabled(modbusTab, kind == BridgeKind::ModbusGateway);
         m_direction->setEnabled(!gateway);
     };
     connect(m_kind, &QComboBox::currentIndexChanged, this, kindChanged);

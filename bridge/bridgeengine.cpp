@@ -5,6 +5,7 @@
 #include "bridge/listenerbridgeend.h"
 #include "bridge/modbusgatewaypath.h"
 #include "bridge/panebridgeend.h"
+#include "bridge/rfc2217sharepath.h"
 #include "bridge/udpbridgeend.h"
 #include "common/logging.h"
 
@@ -132,6 +133,12 @@ void BridgeEngine::start()
         connect(gateway, &ModbusGatewayPath::clientClosed, this, &BridgeEngine::postNotice);
         m_gateway = gateway;
         m_paths.append(gateway);
+        break;
+    }
+    case BridgeKind::Rfc2217Share: {
+        auto *share = new Rfc2217SharePath(this, this);
+        connect(share, &Rfc2217SharePath::clientNotice, this, &BridgeEngine::postNotice);
+        m_paths.append(share);
         break;
     }
     }

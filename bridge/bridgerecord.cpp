@@ -29,9 +29,10 @@ struct WordTable
     }
 };
 
-constexpr WordTable<BridgeKind, 2> kKinds{{{
+constexpr WordTable<BridgeKind, 3> kKinds{{{
     {BridgeKind::Forward, "forward"},
     {BridgeKind::ModbusGateway, "modbus"},
+    {BridgeKind::Rfc2217Share, "rfc2217"},
 }}};
 constexpr WordTable<ModbusFraming, 2> kModbusFramings{{{
     {ModbusFraming::Rtu, "rtu"},
@@ -109,6 +110,7 @@ QString BridgeRecord::kindText(BridgeKind kind)
     switch (kind) {
     case BridgeKind::Forward: return tr("Forward data");
     case BridgeKind::ModbusGateway: return tr("Modbus TCP gateway");
+    case BridgeKind::Rfc2217Share: return tr("RFC 2217 port sharing");
     }
     return {};
 }
@@ -213,6 +215,10 @@ Result BridgeRecord::validate() const
         if (const Result r = validateModbus(); !r)
             return r;
     }
+    if (kind == BridgeKind::Rfc2217Share) {
+        if (const Result r = validateShare(); !r)
+            return r;
+    }
     const BridgeEndSpec &a = ends[kA];
     const BridgeEndSpec &b = ends[kB];
     if (a.kind == BridgeEndSpec::Kind::Pane && b.kind == BridgeEndSpec::Kind::Pane && a.pane.trimmed() == b.pane.trimmed())
@@ -260,6 +266,13 @@ Result BridgeRecord::validateModbus() const
         return Result::failure(tr("The gateway's queue holds between 1 and %1 requests.").arg(kMaxModbusTotalQueue));
     if (modbus.perClientLimit > modbus.totalLimit)
         return Result::failure(tr("A client's queue cannot hold more than the gateway's queue."));
+    return Result::success();
+}
+
+Result BridgeRecord::validateShare() const
+{
+    if (ends[kA].kind != BridgeEndSpec::Kind::Listener || ends[kB].kind != BridgeEndSpec::Kind::Pane)
+        return Result::failure(tr("RFC 2217 port sharing takes its clients on a listener as end A and the shared port on a pane as end B."));
     return Result::success();
 }
 

@@ -19,6 +19,7 @@
 enum class BridgeKind {
     Forward,        // framed bytes, queued per outlet, fanned out
     ModbusGateway,  // Modbus TCP on a listener to RTU or ASCII on a pane
+    Rfc2217Share,   // a pane's port served over RFC 2217 (or raw) on a listener
 };
 
 enum class BridgeDirection { AToB, BToA, Both };
@@ -126,4 +127,5 @@ private:
     Result validateEnd(int end) const;
     Result validateFraming(int direction) const;
     Result validateModbus() const;
+    Result validateShare() const;
 };

@@ -357,6 +357,21 @@ ConnectionController::SerialParameters ConnectionController::currentSerialParame
     return m_serial->currentParameters();
 }
 
+void ConnectionController::purgeSerial(bool received, bool toSend)
+{
+    m_serial->purge(received, toSend);
+}
+
+SerialParameters ConnectionController::serialDeviceParameters() const
+{
+    return m_serial->deviceParameters();
+}
+
+quint8 ConnectionController::serialModemLines() const
+{
+    return m_serial->modemLines();
+}
+
 QString ConnectionController::serialPortName() const
 {
     return m_serial->portName();

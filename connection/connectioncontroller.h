@@ -134,6 +134,11 @@ public:
     Result applySerialParameters(const ConnectionConfig &config);
     // What the open port is set to now.
     SerialParameters currentSerialParameters() const;
+    // The local serial port: forgets received or unsent bytes; its modem
+    // lines (SerialPortTransport::modemLines).
+    void purgeSerial(bool received, bool toSend);
+    SerialParameters serialDeviceParameters() const;
+    quint8 serialModemLines() const;
     QString serialPortName() const;
 
     void setReadPaused(ConnectionMode mode, bool paused);

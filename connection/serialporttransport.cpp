@@ -7,6 +7,8 @@
 
 #ifdef Q_OS_UNIX
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
 #endif
 
 namespace {
@@ -258,6 +260,71 @@ bool SerialPortTransport::setControlLine(ControlLine line, bool on)
         return false;
     }
     return false;
+}
+
+void SerialPortTransport::purge(bool received, bool toSend)
+{
+    if (!m_serial->isOpen())
+        return;
+    if (received && toSend)
+        m_serial->clear(QSerialPort::AllDirections);
+    else if (received)
+        m_serial->clear(QSerialPort::Input);
+    else if (toSend)
+        m_serial->clear(QSerialPort::Output);
+    m_serial->clearError();
+}
+
+quint8 SerialPortTransport::modemLines() const
+{
+    if (!m_serial->isOpen())
+        return 0;
+#ifdef Q_OS_UNIX
+    // Asked of the device itself: QSerialPort would report a pty's refusal
+    // as an error of the port, and these are polled.
+    int bits = 0;
+    if (::ioctl(int(m_serial->handle()), TIOCMGET, &bits) < 0)
+        return 0;
+    return quint8(((bits & TIOCM_CTS) ? 0x10 : 0) | ((bits & TIOCM_DSR) ? 0x20 : 0)
+                  | ((bits & TIOCM_RNG) ? 0x40 : 0) | ((bits & TIOCM_CAR) ? 0x80 : 0));
+#else
+    const QSerialPort::PinoutSignals pins = m_serial->pinoutSignals();
+    m_serial->clearError();
+    return quint8((pins.testFlag(QSerialPort::ClearToSendSignal) ? 0x10 : 0)
+                  | (pins.testFlag(QSerialPort::DataSetReadySignal) ? 0x20 : 0)
+                  | (pins.testFlag(QSerialPort::RingIndicatorSignal) ? 0x40 : 0)
+                  | (pins.testFlag(QSerialPort::DataCarrierDetectSignal) ? 0x80 : 0));
+#endif
+}
+
+SerialPortTransport::Parameters SerialPortTransport::deviceParameters() const
+{
+    Parameters parameters = currentParameters();
+#ifdef Q_OS_UNIX
+    termios t{};
+    if (!m_serial->isOpen() || ::tcgetattr(int(m_serial->handle()), &t) != 0)
+        return parameters;
+    switch (t.c_cflag & CSIZE) {
+    case CS5: parameters.dataBits = QSerialPort::Data5; break;
+    case CS6: parameters.dataBits = QSerialPort::Data6; break;
+    case CS7: parameters.dataBits = QSerialPort::Data7; break;
+    default: parameters.dataBits = QSerialPort::Data8; break;
+    }
+    if (!(t.c_cflag & PARENB))
+        parameters.parity = QSerialPort::NoParity;
+    else if (t.c_cflag & CMSPAR)
+        parameters.parity = (t.c_cflag & PARODD) ? QSerialPort::MarkParity : QSerialPort::SpaceParity;
+    else
+        parameters.parity = (t.c_cflag & PARODD) ? QSerialPort::OddParity : QSerialPort::EvenParity;
+    parameters.stopBits = (t.c_cflag & CSTOPB) ? QSerialPort::TwoStop : QSerialPort::OneStop;
+    if (t.c_cflag & CRTSCTS)
+        parameters.flowControl = QSerialPort::HardwareControl;
+    else if (t.c_iflag & (IXON | IXOFF))
+        parameters.flowControl = QSerialPort::SoftwareControl;
+    else
+        parameters.flowControl = QSerialPort::NoFlowControl;
+#endif
+    return parameters;
 }
 
 SerialPortTransport::Parameters SerialPortTransport::currentParameters() const

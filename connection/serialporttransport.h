@@ -43,8 +43,18 @@ public:
     bool breakLevel() const { return m_break; }
     void setStoredLineLevels(bool dtr, bool rts);
 
+    // Forgets what was received and not yet read, and what waits to be sent.
+    void purge(bool received, bool toSend);
+    // CTS 0x10, DSR 0x20, RI 0x40 and CD 0x80 as the port reports them; 0
+    // where it cannot say (a pty has no modem lines).
+    quint8 modemLines() const;
+
     Result applyParameters(const Parameters &parameters);
     Parameters currentParameters() const;
+    // What the device itself holds, read back from it where the system
+    // allows (some drivers, a pty among them, keep 8 data bits whatever
+    // they are told and say nothing); the rate is the port's.
+    Parameters deviceParameters() const;
 
     void setWatchForLoss(bool on) { m_watchForLoss = on; }
     bool watchesForLoss() const { return m_watchForLoss; }

@@ -187,6 +187,12 @@ void TelnetCodec::parseSubnegotiation(Step &step)
     case Command::Signature:
         emitEvent(Event::Kind::Signature, 0, payload);
         return;
+    case Command::FlowControlSuspend:
+        emitEvent(Event::Kind::FlowSuspend, 0);
+        return;
+    case Command::FlowControlResume:
+        emitEvent(Event::Kind::FlowResume, 0);
+        return;
     case Command::SetBaudRate: {
         if (payload.size() != 4)
             return invalid();
@@ -212,6 +218,7 @@ void TelnetCodec::parseSubnegotiation(Step &step)
     case Command::NotifyLineState:
     case Command::NotifyModemState:
     case Command::SetModemStateMask:
+    case Command::SetLineStateMask:
     case Command::PurgeData:
         if (payload.size() != 1)
             return invalid();
@@ -265,6 +272,9 @@ void TelnetCodec::parseSubnegotiation(Step &step)
     case Command::SetModemStateMask:
         m_modemStateMask = value;
         return emitEvent(Event::Kind::ModemStateMask, value);
+    case Command::SetLineStateMask:
+        m_lineStateMask = value;
+        return emitEvent(Event::Kind::LineStateMask, value);
     case Command::PurgeData:
         if (server)
             emitEvent(Event::Kind::PurgeData, value);

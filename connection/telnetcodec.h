@@ -47,6 +47,9 @@ public:
         SetControl = 5,
         NotifyLineState = 6,
         NotifyModemState = 7,
+        FlowControlSuspend = 8,
+        FlowControlResume = 9,
+        SetLineStateMask = 10,
         SetModemStateMask = 11,
         PurgeData = 12,
     };
@@ -93,6 +96,9 @@ public:
                              // the SET-CONTROL question byte, else 0 (server role only)
             InvalidValue,    // command with a value outside its map; bytes: the
                              // raw value. Nothing else changes.
+            LineStateMask,   // value: the mask byte
+            FlowSuspend,     // the peer asks us to stop sending it data
+            FlowResume,      // ... and to go on
         };
         Kind kind = Kind::Data;
         Command command = Command::Signature;  // for subcommand events
@@ -124,6 +130,7 @@ public:
     bool optionAgreed() const { return m_agreed; }
     bool optionRefused() const { return m_refused; }
     quint8 modemStateMask() const { return m_modemStateMask; }
+    quint8 lineStateMask() const { return m_lineStateMask; }
 
     // Outgoing payload with every 0xFF doubled; data without one is returned
     // as is, without a copy.
@@ -166,6 +173,7 @@ private:
     bool m_agreed = false;
     bool m_refused = false;
     quint8 m_modemStateMask = 0;
+    quint8 m_lineStateMask = 0;
     // Each option is answered at most once per direction (the peer's side:
     // WILL/WONT; ours: DO/DONT), so that two ends can never loop.
     std::bitset<256> m_answeredRemote;

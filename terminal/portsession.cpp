@@ -203,22 +203,22 @@ QString PortSession::controlLineRefusal() const
     return m_config.mode == ConnectionMode::RemoteSerialRelay ? relayControlLineText() : QString();
 }
 
-void PortSession::setControlLine(bool dtr, bool on)
+bool PortSession::setControlLine(bool dtr, bool on)
 {
     if (refuseDuringTransfer(tr("A file transfer is using this port. Changing the control lines would interrupt it.")))
-        return;
+        return false;
     if (const QString refusal = controlLineRefusal(); !refusal.isEmpty()) {
         // Never the local serial port: it has nothing to do with this pane.
         emit statusMessage(refusal, 3000);
-        return;
+        return false;
     }
     (dtr ? m_config.dtrOn : m_config.rtsOn) = on;
     const auto line = dtr ? ConnectionController::ControlLine::Dtr : ConnectionController::ControlLine::Rts;
-    if (m_config.mode == ConnectionMode::RemoteSerialRfc2217)
-        m_controller->setRemoteControlLine(line, on);  // no answer is awaited
-    else
-        m_controller->setControlLine(line, on);
+    const bool taken = m_config.mode == ConnectionMode::RemoteSerialRfc2217
+                           ? m_controller->setRemoteControlLine(line, on)  // no answer is awaited
+                           : m_controller->setControlLine(line, on);
     emit settingsChanged();
+    return taken;
 }
 
 bool PortSession::sendBreak(bool on)

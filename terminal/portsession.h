@@ -82,7 +82,8 @@ public:
     // New serial parameters: applied to an open port first; refused ones
     // leave everything as it was (the message says why).
     Result setSerialParameters(const ConnectionConfig &edited);
-    void setControlLine(bool dtr, bool on);
+    // Whether the line took the level (a pty refuses DTR and RTS).
+    bool setControlLine(bool dtr, bool on);
     const QStringList &sendHistory() const { return m_history.entries(); }
     void clearSendHistory();
 

@@ -507,6 +507,14 @@
         <source>A client&apos;s queue cannot hold more than the gateway&apos;s queue.</source>
         <translation>客户端的队列不能大于网关的队列。</translation>
     </message>
+    <message>
+        <source>RFC 2217 port sharing</source>
+        <translation>RFC 2217 串口共享</translation>
+    </message>
+    <message>
+        <source>RFC 2217 port sharing takes its clients on a listener as end A and the shared port on a pane as end B.</source>
+        <translation>RFC 2217 串口共享以监听器作为端点 A 接收客户端，以窗格作为端点 B 提供共享的端口。</translation>
+    </message>
 </context>
 <context>
     <name>BridgeStore</name>
@@ -809,6 +817,29 @@ Queued: %6 bytes</source>
     <message>
         <source>%1 MB/s</source>
         <translation>%1 MB/s</translation>
+    </message>
+</context>
+<context>
+    <name>Rfc2217SharePath</name>
+    <message>
+        <source>the shared port did not take it</source>
+        <translation>共享的端口未接收该数据</translation>
+    </message>
+    <message>
+        <source>%1 uses the shared port as a raw TCP stream.</source>
+        <translation>%1 以原始 TCP 数据流使用共享的端口。</translation>
+    </message>
+    <message>
+        <source>%1 controls the shared port over RFC 2217.</source>
+        <translation>%1 通过 RFC 2217 控制共享的端口。</translation>
+    </message>
+    <message>
+        <source>the client left</source>
+        <translation>客户端已离开</translation>
+    </message>
+    <message>
+        <source>the bridge stopped</source>
+        <translation>桥接已停止</translation>
     </message>
 </context>
 <context>

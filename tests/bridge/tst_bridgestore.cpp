@@ -72,6 +72,19 @@ BridgeRecord modbusGateway()
     return r;
 }
 
+BridgeRecord sharedPort()
+{
+    BridgeRecord r;
+    r.name = QStringLiteral("bench port");
+    r.kind = BridgeKind::Rfc2217Share;
+    r.ends[BridgeRecord::kA].kind = BridgeEndSpec::Kind::Listener;
+    r.ends[BridgeRecord::kA].listenPort = 2217;
+    r.ends[BridgeRecord::kA].allowlist = {QStringLiteral("192.168.1.0/24"), QStringLiteral("10.0.0.7")};
+    r.ends[BridgeRecord::kA].exclusive = true;
+    r.ends[BridgeRecord::kB].pane = QStringLiteral("ser-/dev/ttyUSB2");
+    return r;
+}
+
 } // namespace
 
 class BridgeStoreTest : public QObject
@@ -96,24 +109,25 @@ private:
 
 void BridgeStoreTest::everyFieldRoundTrips()
 {
-    const QList<BridgeRecord> records{unusualRecord(), paneToListener(QStringLiteral("second")), modbusGateway()};
+    const QList<BridgeRecord> records{unusualRecord(), paneToListener(QStringLiteral("second")), modbusGateway(),
+                                      sharedPort()};
     QVERIFY2(records.first().validate(), qPrintable(records.first().validate().errorText()));
     {
         QSettings settings;
         BridgeStore::save(settings, records);
     }
     QSettings settings;
-    QCOMPARE(settings.value(QStringLiteral("Bridge/Count")).toInt(), 3);
+    QCOMPARE(settings.value(QStringLiteral("Bridge/Count")).toInt(), 4);
     QCOMPARE(settings.value(QStringLiteral("Bridge/2/Kind")).toString(), QStringLiteral("modbus"));
+    QCOMPARE(settings.value(QStringLiteral("Bridge/3/Kind")).toString(), QStringLiteral("rfc2217"));
     QCOMPARE(settings.value(QStringLiteral("Bridge/2/ModbusFraming")).toString(), QStringLiteral("ascii"));
     QCOMPARE(settings.value(QStringLiteral("Bridge/0/Name")).toString(), QStringLiteral("PLC gateway, line 2"));
     QCOMPARE(settings.value(QStringLiteral("Bridge/0/AToBDelimiter")).toString(), QStringLiteral("0D 0A 00 FF"));
     const BridgeStore::Loaded loaded = BridgeStore::load(settings);
     QVERIFY2(loaded.skipped.isEmpty(), qPrintable(loaded.skipped.join('\n')));
-    QCOMPARE(loaded.records.size(), 3);
-    QVERIFY(loaded.records.at(0) == records.at(0));
-    QVERIFY(loaded.records.at(1) == records.at(1));
-    QVERIFY(loaded.records.at(2) == records.at(2));
+    QCOMPARE(loaded.records.size(), 4);
+    for (int i = 0; i < 4; ++i)
+        QVERIFY2(loaded.records.at(i) == records.at(i), qPrintable(records.at(i).name));
 
     // Saving fewer leaves nothing of the old ones behind.
     BridgeStore::save(settings, {records.at(1)});
@@ -151,6 +165,10 @@ void BridgeStoreTest::aGarbledBridgeIsSkippedWithAMessage_data()
         << "Kind" << "modbus"
         << "Stored bridge 2 was skipped: A Modbus gateway takes its clients on a listener as end A and its line on a "
            "pane as end B.";
+    QTest::newRow("a shared port with its ends swapped")
+        << "Kind" << "rfc2217"
+        << "Stored bridge 2 was skipped: RFC 2217 port sharing takes its clients on a listener as end A and the shared "
+           "port on a pane as end B.";
     QTest::newRow("watermarks the wrong way round")
         << "LowWatermark" << "2000000" << "Stored bridge 2 was skipped: The low watermark must be below the high watermark.";
 }

@@ -43,7 +43,7 @@ QString describe(const TelnetCodec::Event &event)
     static const char *const names[] = {"Data", "OptionAgreed", "OptionRefused", "Signature", "BaudRate",
                                         "DataSize", "Parity", "StopSize", "FlowControl", "Break", "Dtr", "Rts",
                                         "LineState", "ModemState", "ModemStateMask", "PurgeData", "Question",
-                                        "InvalidValue"};
+                                        "InvalidValue", "LineStateMask", "FlowSuspend", "FlowResume"};
     const QString name = QString::fromLatin1(names[int(event.kind)]);
     switch (event.kind) {
     case Kind::Data:
@@ -277,7 +277,10 @@ private Q_SLOTS:
         QTest::newRow("signature") << c << hex("fffa2c64") + "ser2net" + hex("fff0") << QStringList{"Signature 736572326e6574"}
                                    << QByteArray();
         QTest::newRow("empty value") << c << hex("fffa2c66fff0") << QStringList{"InvalidValue 2 "} << QByteArray();
-        QTest::newRow("codes we do not speak") << c << hex("fffa2c6c01fff0 fffa2c0a0ffff0") << QStringList{} << QByteArray();
+        QTest::newRow("codes we do not speak") << c << hex("fffa2c7101fff0 fffa2c0d0ffff0") << QStringList{} << QByteArray();
+        QTest::newRow("flow control and line mask") << c << hex("fffa2c08fff0 fffa2c6dfff0 fffa2c0a0ffff0")
+                                                    << QStringList{"FlowSuspend 0", "FlowResume 0", "LineStateMask 15"}
+                                                    << QByteArray();
         QTest::newRow("other options' subnegotiation") << c << hex("fffa1800 41fff0 42") << QStringList{"Data 42"}
                                                        << QByteArray();
         QTest::newRow("too short") << c << hex("fffa2cfff0 43") << QStringList{"Data 43"} << QByteArray();
