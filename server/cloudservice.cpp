@@ -52,6 +52,7 @@ public:
             opening.guest = true;
             return m_relay.open(opening);
         });
+        m_shares.setRelayEnder([this](const QString &relayId) { return m_relay.endSession(relayId); });
     }
 
     bool open(const QString &database, QString *error) { return m_storage.open(database, error, false); }
@@ -172,7 +173,7 @@ bool CloudService::start(const ServiceConfig &config, QString *error, ServiceClo
     }
     if (dialect == SqlDialect::Postgres) {
         // Instances on one database reach each other's console sockets.
-        m_bus = new ConsoleBus(*m_pool, this);
+        m_bus = new ConsoleBus(*m_pool, m_instanceId, this);
         if (!m_bus->start(config.database, error))
             return false;
     }

@@ -5,16 +5,13 @@
 #include "workerpool.h"
 
 #include <QJsonDocument>
-#include <QRandomGenerator>
 #include <QTimer>
 
-ConsoleBus::ConsoleBus(WorkerPool &pool, QObject *parent) : QObject(parent), m_pool(pool), m_check(new QTimer(this))
+ConsoleBus::ConsoleBus(WorkerPool &pool, const QString &instanceId, QObject *parent)
+    : QObject(parent), m_pool(pool), m_check(new QTimer(this)), m_instance(instanceId.toLatin1())
 {
     m_check->setInterval(kCheckIntervalMs);
     connect(m_check, &QTimer::timeout, this, &ConsoleBus::check);
-    quint64 words[2];
-    QRandomGenerator::system()->fillRange(words);
-    m_instance = QByteArray::fromRawData(reinterpret_cast<const char *>(words), sizeof words).toHex().left(16);
 }
 
 ConsoleBus::~ConsoleBus() = default;

@@ -39,7 +39,9 @@ public:
     // our own notices came back within one period, it is opened again.
     static constexpr int kCheckIntervalMs = 10000;
 
-    explicit ConsoleBus(WorkerPool &pool, QObject *parent = nullptr);
+    // `instanceId` is the service's own (--instance-id or its random one):
+    // it names this instance's notices, as it names its relay tickets.
+    ConsoleBus(WorkerPool &pool, const QString &instanceId, QObject *parent = nullptr);
     ~ConsoleBus() override;
 
     // Opens the listening connection and LISTENs; false with `error` when not.

@@ -71,7 +71,13 @@ ConsoleHub::ConsoleHub(WorkerPool &pool, ConsoleLive &live, ConsolePolicy policy
     m_shareSweep->setInterval(kShareSweepMs);
     connect(m_shareSweep, &QTimer::timeout, this, &ConsoleHub::sweepShares);
     connect(&m_live, &ConsoleLive::commandQueued, this, &ConsoleHub::onCommandQueued);
-    connect(&m_live, &ConsoleLive::snapshotWanted, this, [this](const QString &cid) { tellWatching(cid, true); });
+    connect(&m_live, &ConsoleLive::snapshotWanted, this, [this](const QString &cid) {
+        // Asked here (a relay target list) for a computer held elsewhere:
+        // its instance asks it.
+        if (!m_computerOf.contains(cid) && m_bus)
+            m_bus->publish({{QStringLiteral("kind"), QStringLiteral("snapshot")}, {QStringLiteral("cid"), cid}});
+        tellWatching(cid, true);
+    });
     connect(&m_live, &ConsoleLive::resultStored, this,
             [this](const QString &cid, const QJsonObject &message) { broadcast(cid, message, 0); });
     connect(&m_live, &ConsoleLive::portsStored, this,
@@ -401,6 +407,8 @@ void ConsoleHub::onNotice(const QJsonObject &notice)
     if (kind == QLatin1String("command")) {
         if (Computer *computer = m_computerOf.value(cid))
             deliver(computer);
+    } else if (kind == QLatin1String("snapshot")) {
+        tellWatching(cid, true);
     } else if (kind == QLatin1String("fan")) {
         fanOut(cid, notice.value(QLatin1String("message")).toObject(),
                notice.value(QLatin1String("events")).toInt());

@@ -4,6 +4,7 @@
 #include "relaylive.h"
 #include "relayservice.h"
 #include "servicelog.h"
+#include "shareservice.h"
 #include "workerpool.h"
 
 #include <QJsonArray>
@@ -280,6 +281,7 @@ void RelayHub::onAdmitted(QPointer<QTcpSocket> socket, const WorkReply &reply)
         relay->relayId = relayId;
         relay->portKey = answer.value(QLatin1String("port_key")).toString();
         relay->userId = answer.value(QLatin1String("user_id")).toInteger();
+        relay->shareId = answer.value(QLatin1String("share_id")).toString().toLongLong();
         relay->waiting.start();
         m_relays.insert(relayId, relay);
         ++m_buckets[relay->userId].relays;
@@ -472,8 +474,21 @@ void RelayHub::watch()
     // Clocks of instances differ a little; what was seen before is not
     // here any more, so looking back further costs nothing.
     const qint64 since = m_watchedUntil > 0 ? m_watchedUntil - 5000 : 0;
+    QList<qint64> shares;
+    if (++m_looks % kShareCheckEvery == 0) {
+        for (const Relay *relay : std::as_const(m_relays)) {
+            if (relay->shareId > 0 && !relay->ended)
+                shares.append(relay->shareId);
+        }
+    }
     m_pool.submit(kFamily,
-                  [since](WorkerContext &context) -> ApiOutcome { return context.services().relay.changes(since); },
+                  [since, shares](WorkerContext &context) -> ApiOutcome {
+                      // A share found ended here ends its relay in the
+                      // database, so the look below already sees it.
+                      if (!shares.isEmpty())
+                          context.services().shares.endedAmong(shares);
+                      return context.services().relay.changes(since);
+                  },
                   [this](const WorkReply &reply) {
                       m_watching = false;
                       const QJsonObject answer = objectOf(reply.body);

@@ -40,6 +40,9 @@ public:
     // What ended elsewhere (a DELETE on another instance, the host's
     // refusal) is looked up this often while relays are held here.
     static constexpr int kWatchIntervalMs = 500;
+    // Every this many looks, the shares behind relays held here are checked
+    // for their end (expiry, a gone run), as the console checks its guests'.
+    static constexpr int kShareCheckEvery = 4;
     // Relayed bytes are counted toward the owner's quota this often, or
     // sooner after this many.
     static constexpr int kChargeIntervalMs = 1000;
@@ -77,6 +80,7 @@ private:
         QString relayId;
         QString portKey;
         qint64 userId = 0;
+        qint64 shareId = 0;  // a guest share's relay: it ends with the share
         End *host = nullptr;
         End *client = nullptr;
         bool ready = false;
@@ -123,6 +127,7 @@ private:
     QTimer *m_watch;
     QTimer *m_charge;
     bool m_watching = false;
+    int m_looks = 0;
     qint64 m_watchedUntil = 0;  // the database's time of the last look
     bool m_shuttingDown = false;
 };

@@ -207,12 +207,20 @@ ApiReply RelayService::end(const Caller *caller, const QString &guestToken, cons
     }
     if (!allowed)
         return refusal(Http::NotFound, QStringLiteral("relay_not_found"), QStringLiteral("There is no such relay session."));
+    if (!endSession(relayId))
+        return internalError(kType);
+    return ApiReply::ok(kType);
+}
+
+bool RelayService::endSession(const QString &relayId)
+{
     bool ended = false;
     if (!m_storage.endRelay(relayId, QStringLiteral("peer_gone"), QString(), m_clock(), ended))
-        return internalError(kType);
+        return false;
+    // Held here: at once; held elsewhere: that instance finds it in the database.
     if (ended)
         emit m_live.relayEnded(relayId, QStringLiteral("peer_gone"), QString());
-    return ApiReply::ok(kType);
+    return true;
 }
 
 ApiReply RelayService::admit(const QString &ticket)
@@ -254,7 +262,8 @@ ApiReply RelayService::admit(const QString &ticket)
     return ApiReply::ok(kType, {{QStringLiteral("relay_id"), relay.relayId},
                                 {QStringLiteral("end"), end},
                                 {QStringLiteral("port_key"), relay.portKey},
-                                {QStringLiteral("user_id"), relay.userId}});
+                                {QStringLiteral("user_id"), relay.userId},
+                                {QStringLiteral("share_id"), relay.shareId}});
 }
 
 ApiReply RelayService::paired(const QString &relayId)

@@ -57,9 +57,12 @@ public:
     // DELETE /relay/sessions/<relay_id>: by the owner (`caller` set) or by
     // the guest's token.
     ApiReply end(const Caller *caller, const QString &guestToken, const QString &relayId);
+    // Ends a session whoever asked (its share ended): both ends hear
+    // "peer_gone", wherever they are held. False on a database failure.
+    bool endSession(const QString &relayId);
 
     // For the relay socket: spends a ticket. Answers "relay_id", "end",
-    // "port_key", "user_id"; or a failure whose "code" is "ticket_used"
+    // "port_key", "user_id", "share_id" (empty when not a share's); or a failure whose "code" is "ticket_used"
     // (with "relay_id" and "end") or another refusal, with the close
     // reason in "description".
     ApiReply admit(const QString &ticket);

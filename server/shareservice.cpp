@@ -160,6 +160,9 @@ bool ShareService::end(ShareRow &share, const QString &reason)
         share.endReason = reason;
         share.endedAt = now;
         emit m_live.shareEnded(share.id, reason);
+        // Whatever ended the share, its relay guest leaves with it.
+        if (!share.relayId.isEmpty() && m_endRelay)
+            return m_endRelay(share.relayId);
         return true;
     }
     // Another request ended it first: its reason stands.

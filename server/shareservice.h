@@ -55,6 +55,8 @@ bool matches(const QString &stored, const QString &given);
 // A relay session opened for a joining guest: the client's ticket and
 // relay id, or a refusal.
 using RelayOpener = std::function<ApiReply(const ShareRow &share, const QString &guestName)>;
+// Ends the relay session of a share that ended; false on a database failure.
+using RelayEnder = std::function<bool(const QString &relayId)>;
 
 // Guest shares apart from HTTP and sockets: owners create, list and end
 // them; guests peek at a code, join with the passcode (browser or relay),
@@ -77,6 +79,7 @@ public:
     ApiReply joinWeb(const QString &code, const QJsonObject &body, const QString &address);
     ApiReply joinRelay(const QJsonObject &body, const QString &address);
     void setRelayOpener(RelayOpener opener) { m_openRelay = std::move(opener); }
+    void setRelayEnder(RelayEnder ender) { m_endRelay = std::move(ender); }
 
     // The guest's socket: what a credential admits (the share, its port's
     // snapshot entry), and a command from it, checked against the level.
@@ -107,4 +110,5 @@ private:
     SharePolicy m_policy;
     ServiceClock m_clock;
     RelayOpener m_openRelay;
+    RelayEnder m_endRelay;
 };

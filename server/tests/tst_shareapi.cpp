@@ -8,6 +8,7 @@
 #include "consolesocketclient.h"
 #include "guestscope.h"
 #include "rawhttp.h"
+#include "relayend.h"
 #include "shareservice.h"
 
 #include <QJsonArray>
@@ -64,6 +65,8 @@ private slots:
     void aBrowserGuestSeesItsPortAndActsWithinItsLevel();
     void aBrowserGuestIsToldWhenTheShareExpires();
     void aRelayGuestJoinsByCodeAndTheComputerIsAskedToOpen();
+    void aShareThatEndsTakesItsRelayGuestWithIt_data();
+    void aShareThatEndsTakesItsRelayGuestWithIt();
     void theGuestPageIsServedForEveryInviteLink_data();
     void theGuestPageIsServedForEveryInviteLink();
 
@@ -560,6 +563,60 @@ void TestShareApi::aRelayGuestJoinsByCodeAndTheComputerIsAskedToOpen()
     QCOMPARE(httpRequest(m_port, "GET", "/api/v3/relay/join/" + code.toUtf8()).json.value("busy"), QJsonValue(true));
     QCOMPARE(httpJson(m_port, "POST", "/api/v3/relay/join", {{"code", code}, {"passcode", "4711"}}).code(),
              QStringLiteral("relay_busy"));
+}
+
+void TestShareApi::aShareThatEndsTakesItsRelayGuestWithIt_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::newRow("the owner stops sharing") << "revoked";
+    QTest::newRow("the share expires") << "expired";
+    QTest::newRow("the computer starts a new run") << "stale";
+}
+
+void TestShareApi::aShareThatEndsTakesItsRelayGuestWithIt()
+{
+    QFETCH(QString, how);
+    const QString token = signUp(QStringLiteral("ada@example.org"));
+    SocketClient computer;
+    QVERIFY(computer.open(m_port, ConsoleHub::kComputerPath, token, kWait));
+    computer.send({{"type", "hello"}, {"cid", kCid}, {"session_id", "s1"}, {"version", "6.6.7"}, {"hostname", "bench-pc"}});
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.ofType("hello").isEmpty(), kWait);
+    computer.send({{"type", "snapshot"}, {"cid", kCid}, {"session_id", "s1"},
+                   {"ports", QJsonArray{portEntry("p1", "/dev/ttyUSB0")}}});
+    // The join checks the port against the stored snapshot.
+    QTRY_VERIFY_WITH_TIMEOUT(httpRequest(m_port, "GET", "/api/v3/relay/targets", {}, token)
+                                     .json.value("devices").toArray().at(0).toObject()
+                                     .value("ports").toArray().size() == 1,
+                             kWait);
+    const QJsonObject share = createShare(token, {{"web", "none"}, {"relay", true}}).json.value("share").toObject();
+    const RawResponse joined = httpJson(m_port, "POST", "/api/v3/relay/join",
+                                        {{"code", share.value("code")}, {"passcode", "4711"}, {"guest_name", "Grace"}});
+    QVERIFY2(joined.ok(), joined.body.constData());
+    QTRY_VERIFY_WITH_TIMEOUT(!computer.commands().isEmpty(), kWait);
+    RelayEnd host;
+    RelayEnd guest;
+    host.open(m_port, computer.commands().first().value("payload").toObject().value("ticket").toString());
+    guest.open(m_port, joined.json.value("ticket").toString());
+    QVERIFY(host.waitForText("ready") && guest.waitForText("ready"));
+    guest.send("ping");
+    QVERIFY(pumpUntil([&] { return host.received == "ping"; }, kWait));
+
+    if (how == QLatin1String("revoked")) {
+        const RawResponse revoked = httpRequest(m_port, "DELETE",
+                                                "/api/v3/relay/shares/" + share.value("share_id").toString().toUtf8(),
+                                                {}, token);
+        QVERIFY2(revoked.ok(), revoked.body.constData());
+    } else if (how == QLatin1String("expired")) {
+        m_now += 3600 * 1000;  // no request reads the share: the relay's own look finds it
+    } else {
+        heartbeat(token, QStringLiteral("s2"));
+    }
+    QVERIFY(guest.waitForText("peer_gone"));
+    QVERIFY(guest.waitForClose());
+    QVERIFY(host.waitForText("peer_gone"));
+    const RawResponse peek = httpRequest(m_port, "GET", "/api/v3/relay/join/" + share.value("code").toString().toUtf8());
+    QCOMPARE(peek.code(), QStringLiteral("invalid_code"));
+    QCOMPARE(peek.json.value("end_reason").toString(), how);
 }
 
 void TestShareApi::theGuestPageIsServedForEveryInviteLink_data()

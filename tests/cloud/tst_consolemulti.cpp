@@ -8,6 +8,7 @@
 #include "cloud/consolesocket.h"
 #include "cloud/networkservices.h"
 #include "cloudservicerunner.h"
+#include "support/haproxyfront.h"
 #include "support/postgrescluster.h"
 #include "support/ptypair.h"
 #include "support/settingssandbox.h"
@@ -23,8 +24,6 @@
 #include <QWebSocket>
 #include <QtTest>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <optional>
@@ -32,22 +31,6 @@
 namespace {
 
 constexpr int kWait = 15000;
-
-// A listening socket on a port the system picks, left open across exec for
-// haproxy ("fd@N").
-int inheritableListener(quint16 &port)
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || ::listen(fd, 128) != 0
-        || ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
-        return -1;
-    port = ntohs(address.sin_port);
-    return fd;
-}
 
 // The browser's side: its watcher socket and what it heard.
 class Watcher : public QObject
